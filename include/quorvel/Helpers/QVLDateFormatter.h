@@ -1,0 +1,34 @@
+#pragma once
+// Conversion between the service's date text and dates.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "quorvel/Store/Value.h"
+
+/// The service's date format: "yyyy-MM-dd'T'HH:mm:ssZZZ" in UTC, en_US_POSIX digits,
+/// for example 2017-03-05T14:07:09+0000. Stateless and safe on any thread.
+///
+/// Parsing accepts exactly that pattern with the zone written as +HHMM, +HH:MM, +HH or
+/// Z (what the service and ISO 8601 writers emit); anything else (no zone, fractions of
+/// a second, out-of-range fields, trailing text) gives nullopt. Printing always uses UTC
+/// and whole seconds (a fraction is dropped toward the past).
+class QVLDateFormatter {
+ public:
+  /// A new formatter; it carries the fixed settings and converts like the class methods.
+  static QVLDateFormatter dateFormatter() { return QVLDateFormatter(); }
+
+  const char* pattern() const { return "yyyy-MM-dd'T'HH:mm:ssZZZ"; }
+  const char* timeZone() const { return "UTC"; }
+  const char* locale() const { return "en_US_POSIX"; }
+  std::optional<qvl::Date> dateFrom(std::string_view text) const;
+  std::string stringFrom(qvl::Date date) const;
+
+  static std::optional<qvl::Date> dateFromString(std::string_view text) {
+    return dateFormatter().dateFrom(text);
+  }
+  static std::string formattedStringFromDate(qvl::Date date) {
+    return dateFormatter().stringFrom(date);
+  }
+};

@@ -1,0 +1,224 @@
+#pragma once
+// The base of every service record and the one mechanism that maps JSON to records and back.
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "quorvel/Models/QVLRelationshipMapping.h"
+#include "quorvel/QVLError.h"
+#include "quorvel/Store/Store.h"
+
+/// Raised when a record class lacks a declaration the caller needs (apiResourcePlural,
+/// apiResourceSingular, mapping): a programming error, never caught by the library.
+/// what() is the reason; name() the exception name, e.g. "mapping not implemented on model".
+class QVLException : public std::logic_error {
+ public:
+  QVLException(std::string name, std::string reason)
+      : std::logic_error(reason), name_(std::move(name)), reason_(std::move(reason)) {}
+  const std::string& name() const { return name_; }
+  const std::string& reason() const { return reason_; }
+
+ private:
+  std::string name_, reason_;
+};
+
+/// Service JSON with a value of the wrong kind for a record (text under a number, null
+/// for a plain property, a scalar or null under a relation key, a non-object record).
+/// The one record is rejected; what() names the class and the key.
+class QVLMappingError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A record class: its store shape plus the service-facing declarations. Made once per
+/// record type (a function-local static) and immutable afterwards, so safe on any thread.
+class QVLModelClass : public qvl::ObjectClass {
+ public:
+  /// What a record type declares. The property helpers take the index the record type's
+  /// accessors use and check that it matches the declaration order.
+  struct Declaration {
+    Declaration(std::string className, Factory factory)
+        : name(std::move(className)), factory(std::move(factory)) {}
+
+    std::string name;
+    Factory factory;
+    std::string primaryKey;
+    std::vector<qvl::Property> properties;
+    std::optional<std::string> apiResourcePlural;
+    std::optional<std::string> apiResourceSingular;
+    /// JSON key path ("content.html") to property name.
+    std::optional<std::vector<std::pair<std::string, std::string>>> mapping;
+    std::optional<std::vector<QVLRelationshipMapping>> mappingRelationships;
+    std::optional<std::vector<std::string>> protectedProperties;
+    /// Transient members of the C++ type, never stored (documentation for the store).
+    std::vector<std::string> ignoredProperties;
+
+    Declaration& property(int index, std::string propertyName, qvl::PropertyKind kind,
+                          bool optional = false);
+    Declaration& link(int index, std::string propertyName, qvl::ObjectClassRef target);
+    Declaration& list(int index, std::string propertyName, qvl::ObjectClassRef target);
+    Declaration& linkingObjects(int index, std::string propertyName, qvl::ObjectClassRef origin,
+                                std::string originProperty);
+  };
+
+  explicit QVLModelClass(Declaration declaration);
+
+  /// Throw QVLException when the class did not declare them.
+  const std::string& apiResourcePlural() const;
+  const std::string& apiResourceSingular() const;
+  const std::vector<std::pair<std::string, std::string>>& mapping() const;
+  /// nullopt when the class declares none.
+  const std::optional<std::vector<QVLRelationshipMapping>>& mappingRelationships() const {
+    return relationships_;
+  }
+  const std::optional<std::vector<std::string>>& protectedProperties() const {
+    return protected_;
+  }
+  const std::vector<std::string>& ignoredProperties() const { return ignored_; }
+
+  /// The property's class name as the original runtime declared it ("NSDate",
+  /// "NSString", "NSNumber<RLMInt>", "RLMArray<QVLPost>", ...), or nullopt for plain
+  /// integers, doubles and booleans and for unknown names.
+  std::optional<std::string> propertyTypeFromPropertyString(std::string_view name) const;
+
+  /// The mapping resolved to property indexes (built on first use; thread-safe).
+  struct Compiled {
+    struct Field {
+      std::vector<std::string> path;
+      std::string key;
+      int property;
+    };
+    struct Relation {
+      std::int64_t type;
+      std::string jsonKey;
+      std::optional<std::string> toOneRelationKey;
+      int property;
+      const QVLModelClass* target;
+    };
+    std::vector<Field> fields;
+    std::vector<Relation> relations;
+    std::vector<int> protectedIndexes;
+  };
+  const Compiled& compiled() const;
+
+ private:
+  std::optional<std::string> plural_, singular_;
+  std::optional<std::vector<std::pair<std::string, std::string>>> mapping_;
+  std::optional<std::vector<QVLRelationshipMapping>> relationships_;
+  std::optional<std::vector<std::string>> protected_;
+  std::vector<std::string> ignored_;
+  mutable std::once_flag compileOnce_;
+  mutable Compiled compiled_;
+};
+
+/// Lets a record type be named where the store wants a class reference.
+template <class T>
+const qvl::ObjectClass& qvlObjectClassOf() {
+  return T::modelClass();
+}
+
+/// The base of every record. Carries no data of its own.
+///
+/// Records are reference objects (std::shared_ptr). Parsing makes unmanaged records that
+/// the caller owns and stores with create-or-update (Store::addOrUpdate); the merge rules
+/// below make that update keep what the JSON did not say.
+class QVLApiModel : public qvl::Object {
+ public:
+  /// The base class descriptor: no resources, no mapping (asking for them raises).
+  static const QVLModelClass& modelClass();
+  const QVLModelClass& apiModelClass() const {
+    return static_cast<const QVLModelClass&>(objectClass());
+  }
+
+  /// A new unmanaged record of cls from a JSON object, merged with its stored twin in
+  /// realm (may be null: no twin). Keys absent from the JSON, absent relations and
+  /// protected properties take the twin's values; JSON null clears a value; an empty
+  /// array empties a list. Nested records are made and merged the same way against the
+  /// same handle. A JSON null dictionary behaves as an empty one. Runs on the caller's
+  /// thread (realm must belong to it).
+  /// Throws QVLMappingError for a value of the wrong kind, QVLException for a class
+  /// without a mapping.
+  static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                  const nlohmann::json& dictionary,
+                                                                  qvl::Store* realm);
+  /// The same against the calling thread's default store (QVLRealm::realm()).
+  static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(
+      const QVLModelClass& cls, const nlohmann::json& dictionary);
+  /// One record per element, in order, against the default store. A rejected element
+  /// (wrong kind) is left out, logged as "QuorvelSDK: Rejected <class> record: <reason>"
+  /// and, when rejected is given, appended to it as a QVLMappingErrorDomain error. A value
+  /// that is not an array gives an empty list.
+  static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
+      const QVLModelClass& cls, const nlohmann::json& array,
+      std::vector<QVLError>* rejected = nullptr);
+  /// The same against a given handle (may be null).
+  static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
+      const QVLModelClass& cls, const nlohmann::json& array, qvl::Store* realm,
+      std::vector<QVLError>* rejected);
+
+  /// The record as a flat JSON object: mapped values under their key paths taken
+  /// literally ("urls.original"), dates as service text, to-one relations as the related
+  /// record's primary key under the relation key; absent values and lists left out.
+  nlohmann::json toDictionary() const;
+  template <class Range>
+  static nlohmann::json arrayOfDictionariesFromObjects(const Range& records) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& record : records) out.push_back(record->toDictionary());
+    return out;
+  }
+
+  static std::optional<std::string> propertyTypeFromPropertyString(const QVLModelClass& cls,
+                                                                   std::string_view name) {
+    return cls.propertyTypeFromPropertyString(name);
+  }
+
+ protected:
+  explicit QVLApiModel(const QVLModelClass& cls) : qvl::Object(cls) {}
+};
+
+/// Typed front for a record type T: the class operations with T's class filled in.
+template <class T>
+class QVLModel : public QVLApiModel {
+ public:
+  static std::shared_ptr<T> newObjectWithJSONDictionary(const nlohmann::json& dictionary,
+                                                        qvl::Store* realm) {
+    return std::static_pointer_cast<T>(
+        QVLApiModel::newObjectWithJSONDictionary(T::modelClass(), dictionary, realm));
+  }
+  static std::shared_ptr<T> newObjectWithJSONDictionary(const nlohmann::json& dictionary) {
+    return std::static_pointer_cast<T>(
+        QVLApiModel::newObjectWithJSONDictionary(T::modelClass(), dictionary));
+  }
+  static std::vector<std::shared_ptr<T>> newObjectsWithJSONArray(
+      const nlohmann::json& array, std::vector<QVLError>* rejected = nullptr) {
+    std::vector<std::shared_ptr<T>> out;
+    for (auto& r : QVLApiModel::newObjectsWithJSONArray(T::modelClass(), array, rejected)) {
+      out.push_back(std::static_pointer_cast<T>(r));
+    }
+    return out;
+  }
+  static const std::string& primaryKey() { return T::modelClass().primaryKey(); }
+  static const std::string& apiResourcePlural() { return T::modelClass().apiResourcePlural(); }
+  static const std::string& apiResourceSingular() {
+    return T::modelClass().apiResourceSingular();
+  }
+  static qvl::Results<T> allObjectsInRealm(qvl::Store& realm) { return realm.objects<T>(); }
+  static qvl::Results<T> objectsInRealm(qvl::Store& realm, const qvl::Predicate& predicate) {
+    return realm.objects<T>(predicate);
+  }
+  static std::shared_ptr<T> objectInRealm(qvl::Store& realm, std::optional<std::int64_t> key) {
+    return realm.object<T>(key);
+  }
+
+ protected:
+  QVLModel() : QVLApiModel(T::modelClass()) {}
+};

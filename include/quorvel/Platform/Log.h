@@ -1,0 +1,20 @@
+#pragma once
+// The library's diagnostic log: one plain line per message.
+
+#include <functional>
+#include <string_view>
+
+namespace qvl {
+
+/// Receives one log line, without a trailing newline. Called on whatever thread logs;
+/// a sink must be thread-safe and must not call back into the library.
+using LogSink = std::function<void(std::string_view line)>;
+
+/// Writes one line to the current sink (standard error by default). Thread-safe.
+void log(std::string_view line);
+
+/// Replaces the sink; an empty function restores standard error. Thread-safe; a line
+/// being written while the sink changes goes to either the old or the new sink.
+void setLogSink(LogSink sink);
+
+}  // namespace qvl

@@ -1,0 +1,39 @@
+#pragma once
+// A URL value: the text as given, checked, with its parts.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qvl {
+
+/// An absolute or relative URL reference.
+///
+/// parse() keeps the text exactly as given (no normalisation, so "http://a.example"
+/// stays without a trailing slash) and accepts:
+///  - hierarchical URLs "scheme://..." that libcurl's URL parser accepts (any scheme);
+///  - opaque URLs "scheme:rest" such as mailto: or tel:;
+///  - references without a scheme, such as "www.example.com/shop" (scheme() is empty).
+/// It rejects text with white space, control characters, characters a URL cannot
+/// carry unescaped (" < > \ ^ ` { | }) or a '%' not followed by two hex digits.
+class Url {
+ public:
+  static std::optional<Url> parse(std::string_view text);
+
+  const std::string& absoluteString() const { return text_; }
+  /// Lower-cased scheme; empty for a reference without one.
+  const std::string& scheme() const { return scheme_; }
+  /// Host of a hierarchical URL; empty otherwise.
+  const std::string& host() const { return host_; }
+  /// Path as written (still percent-encoded).
+  const std::string& path() const { return path_; }
+  std::optional<int> port() const { return port_; }
+
+  bool operator==(const Url& other) const { return text_ == other.text_; }
+
+ private:
+  std::string text_, scheme_, host_, path_;
+  std::optional<int> port_;
+};
+
+}  // namespace qvl

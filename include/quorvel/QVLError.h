@@ -1,0 +1,25 @@
+#pragma once
+// The error value every completion of the library carries.
+
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+/// An error: a domain text, an integer code and optional user information.
+/// "QVLApiClientErrorDomain": the service answered with a failure status (code = HTTP
+/// status, user information = the parsed answer body) or, with code 0, a request lacked
+/// an argument. "QVLTransportErrorDomain": no answer came (code = libcurl's code,
+/// user information {"message": text}). "QVLMappingErrorDomain": a record of the answer
+/// had a value of the wrong kind (user information {"errorMessage": text}).
+struct QVLError {
+  std::string domain;
+  long long code = 0;
+  std::optional<nlohmann::json> userInfo;
+
+  bool operator==(const QVLError&) const = default;
+};
+
+inline constexpr const char* kQVLApiClientErrorDomain = "QVLApiClientErrorDomain";
+inline constexpr const char* kQVLTransportErrorDomain = "QVLTransportErrorDomain";
+inline constexpr const char* kQVLMappingErrorDomain = "QVLMappingErrorDomain";

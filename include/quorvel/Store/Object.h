@@ -1,0 +1,108 @@
+#pragma once
+// The base of every persisted record.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "quorvel/Store/ObjectClass.h"
+#include "quorvel/Store/Value.h"
+
+namespace qvl {
+
+class Store;
+class AnyList;
+class AnyResults;
+
+/// A record. Always owned through std::shared_ptr (records share and link each other).
+///
+/// Unmanaged: made by code or by the JSON mapping; its links and lists live in memory.
+/// Managed: read from a store handle and bound to it and to its thread. A managed record
+/// holds the scalar and to-one values read when it was fetched plus the changes made
+/// through it (refresh() reads them again); its lists and inverse relations are read
+/// from the store on every access. Changing a managed record needs an open write
+/// transaction on its handle and writes through to the store.
+///
+/// Not thread-safe: an unmanaged record belongs to whoever holds it; a managed record
+/// must stay on the thread of its store handle (other threads re-fetch it by key).
+class Object : public std::enable_shared_from_this<Object> {
+ public:
+  virtual ~Object();
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+
+  const ObjectClass& objectClass() const { return *class_; }
+  bool isManaged() const { return store_ != nullptr; }
+  /// The handle this record is bound to; nullptr when unmanaged.
+  const std::shared_ptr<Store>& store() const { return store_; }
+  /// True when the record is managed and its row has been deleted from the store.
+  bool isInvalidated() const;
+  /// Reads a managed record's scalar and to-one values from the store again.
+  void refresh();
+  /// True for the same instance, or two managed records of one handle and row.
+  bool isSameObject(const Object& other) const;
+
+  /// The primary-key value; nullopt when absent or when the class has no primary key.
+  std::optional<std::int64_t> primaryKeyValue() const;
+
+  // Keyed access. Indexes come from objectClass().propertyIndex(); a property of the
+  // wrong kind or an index out of range throws std::invalid_argument. Setting a value of
+  // the wrong type (text into an integer, null into a plain property) throws it too.
+  Value value(int index) const;
+  void setValue(int index, Value value);
+  std::shared_ptr<Object> link(int index) const;
+  void setLink(int index, std::shared_ptr<Object> target);
+  /// The list property `index` (kind List) as a live list handle.
+  AnyList list(int index);
+  /// The inverse relation `index` (kind LinkingObjects). Empty for an unmanaged record.
+  AnyResults linkingObjects(int index) const;
+  /// Copies property `index` of `source` (same class) into this record: scalars by value,
+  /// links by reference, lists element by element.
+  void copyProperty(const Object& source, int index);
+
+ protected:
+  explicit Object(const ObjectClass& objectClass);
+
+  // Typed helpers for record accessors.
+  std::optional<std::int64_t> optionalInt(int index) const;
+  std::int64_t intValue(int index) const;
+  double doubleValue(int index) const;
+  std::optional<double> optionalDouble(int index) const;
+  bool boolValue(int index) const;
+  std::optional<std::string> stringValue(int index) const;
+  std::optional<Date> dateValue(int index) const;
+  template <class T>
+  std::shared_ptr<T> linkAs(int index) const {
+    return std::static_pointer_cast<T>(link(index));
+  }
+  void setOptionalInt(int index, std::optional<std::int64_t> v);
+  void setOptionalDouble(int index, std::optional<double> v);
+  void setString(int index, std::optional<std::string> v);
+  void setDate(int index, std::optional<Date> v);
+
+ private:
+  friend class Store;
+  friend class AnyList;
+  friend class StoreAccess;
+
+  struct Slot {
+    Value value;                                 // scalars
+    std::shared_ptr<Object> link;                // to-one, unmanaged or resolved
+    std::int64_t linkRow = 0;                    // to-one of a managed record, 0 = none
+    bool linkResolved = true;                    // managed: link loaded from linkRow
+    std::vector<std::shared_ptr<Object>> list;   // lists of an unmanaged record
+  };
+
+  const Property& checkedProperty(int index) const;
+  void writeThrough(int index);
+
+  const ObjectClass* class_;
+  mutable std::vector<Slot> slots_;  // mutable: managed links load on first read
+  std::shared_ptr<Store> store_;
+  std::int64_t row_ = 0;
+};
+
+}  // namespace qvl

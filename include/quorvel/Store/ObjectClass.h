@@ -1,0 +1,83 @@
+#pragma once
+// The persisted shape of one record type: its properties, primary key and factory.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "quorvel/Store/Value.h"
+
+namespace qvl {
+
+class Object;
+class ObjectClass;
+
+/// Refers to a class descriptor lazily, so that classes can point at each other
+/// (a post lists its periods, a beacon's inverse relation names the post list).
+using ObjectClassRef = const ObjectClass& (*)();
+
+struct Property {
+  Property(std::string propertyName, PropertyKind propertyKind, bool isOptional = false,
+           ObjectClassRef targetClass = nullptr, std::string origin = {})
+      : name(std::move(propertyName)),
+        kind(propertyKind),
+        optional(isOptional),
+        target(targetClass),
+        originProperty(std::move(origin)) {}
+
+  std::string name;
+  PropertyKind kind = PropertyKind::Int;
+  /// Int and Double may be optional (null allowed); String, Date and Link always are;
+  /// Int32 and Bool never are.
+  bool optional = false;
+  /// Link and List: the element class. LinkingObjects: the class whose list points here.
+  ObjectClassRef target = nullptr;
+  /// LinkingObjects: the name of the list property of `target` that this inverts.
+  std::string originProperty;
+
+  bool isScalar() const {
+    return kind != PropertyKind::Link && kind != PropertyKind::List &&
+           kind != PropertyKind::LinkingObjects;
+  }
+};
+
+/// Describes a record type to the store. Instances are long-lived (function-local
+/// statics); the store keys its per-class state by their address. Immutable once built,
+/// so safe to read from any thread.
+class ObjectClass {
+ public:
+  using Factory = std::function<std::shared_ptr<Object>()>;
+
+  /// Throws std::invalid_argument when a name repeats, the primary key is not an Int
+  /// property, or a relation lacks its target.
+  ObjectClass(std::string name, std::vector<Property> properties, std::string primaryKey,
+              Factory factory);
+  virtual ~ObjectClass() = default;
+  ObjectClass(const ObjectClass&) = delete;
+  ObjectClass& operator=(const ObjectClass&) = delete;
+
+  const std::string& name() const { return name_; }
+  const std::vector<Property>& properties() const { return properties_; }
+  const Property& property(int index) const { return properties_.at(static_cast<size_t>(index)); }
+  /// Name of the primary-key property; empty when the class has none (rows are then
+  /// identified by the store alone).
+  const std::string& primaryKey() const { return primaryKey_; }
+  int primaryKeyIndex() const { return primaryKeyIndex_; }
+  /// Index of the named property, or -1.
+  int propertyIndex(std::string_view name) const;
+  /// A new, unmanaged instance with every property at its default.
+  std::shared_ptr<Object> makeObject() const { return factory_(); }
+
+ private:
+  std::string name_;
+  std::vector<Property> properties_;
+  std::string primaryKey_;
+  int primaryKeyIndex_ = -1;
+  Factory factory_;
+  std::unordered_map<std::string, int> indexByName_;
+};
+
+}  // namespace qvl

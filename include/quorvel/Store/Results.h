@@ -1,0 +1,208 @@
+#pragma once
+// Queries over the store (live results), ordered lists and the typed fronts of both.
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "quorvel/Store/Object.h"
+
+namespace qvl {
+
+/// A small typed filter that the store compiles to SQL (and evaluates in memory for
+/// unmanaged lists). Keys name scalar properties of the queried class.
+class Predicate {
+ public:
+  /// Matches every record.
+  Predicate() = default;
+  /// key IN values. An empty value list matches nothing.
+  static Predicate in(std::string key, std::vector<Value> values);
+  /// key == value; a null value matches records whose key is null.
+  static Predicate equal(std::string key, Value value);
+  /// key != null.
+  static Predicate notNull(std::string key);
+  /// Both must hold.
+  Predicate operator&&(const Predicate& other) const;
+
+  bool matchesAll() const { return clauses_.empty(); }
+  /// In-memory evaluation; throws std::invalid_argument for an unknown key.
+  bool matches(const Object& object) const;
+
+  enum class Op { In, Equal, NotNull };
+  struct Clause {
+    Op op;
+    std::string key;
+    std::vector<Value> values;
+  };
+  const std::vector<Clause>& clauses() const { return clauses_; }
+
+ private:
+  std::vector<Clause> clauses_;
+};
+
+/// Records of one class matching a predicate, optionally scoped to one record's list (in
+/// list order) or to the records whose list holds one record (inverse relation).
+/// Live: each read re-runs the query when the store changed since the last read (a
+/// commit on any thread or process, or a change in this handle's open transaction).
+/// Order: store order (insertion) unless scoped to a list. Same thread rules as the
+/// handle it came from. Results over an unmanaged list are a fixed snapshot.
+class AnyResults {
+ public:
+  AnyResults() = default;
+
+  const ObjectClass* objectClass() const { return class_; }
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+  /// Throws std::out_of_range past the end.
+  std::shared_ptr<Object> at(std::size_t index) const;
+  /// Every matching record, read now.
+  std::vector<std::shared_ptr<Object>> snapshot() const;
+  /// These results narrowed by another predicate (still live).
+  AnyResults filter(const Predicate& predicate) const;
+
+  struct Scope {
+    enum class Kind { None, List, Inverse } kind = Kind::None;
+    std::int64_t row = 0;                 // the list's owner, or the record pointed at
+    const ObjectClass* otherClass = nullptr;  // owner class / class holding the list
+    int listIndex = -1;                   // the list property in otherClass
+  };
+
+ private:
+  friend class Store;
+  friend class AnyList;
+  friend class Object;
+
+  void refreshRows() const;
+
+  std::shared_ptr<Store> store_;
+  const ObjectClass* class_ = nullptr;
+  Predicate predicate_;
+  Scope scope_;
+  // Unmanaged source: elements already filtered.
+  std::shared_ptr<const std::vector<std::shared_ptr<Object>>> fixed_;
+  mutable std::vector<std::int64_t> rows_;
+  mutable std::uint64_t seenVersion_ = ~std::uint64_t{0};
+};
+
+/// A handle to one record's list property. Works for unmanaged records (in memory) and
+/// managed ones (reads and writes the store; writes need an open write transaction).
+class AnyList {
+ public:
+  AnyList(std::shared_ptr<Object> owner, int index);
+
+  const ObjectClass& objectClass() const;
+  /// The class name of the elements, e.g. "QVLPost".
+  const std::string& objectClassName() const { return objectClass().name(); }
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+  std::shared_ptr<Object> at(std::size_t index) const;
+  std::vector<std::shared_ptr<Object>> elements() const;
+  /// Position of the first element that is the same record, if any.
+  std::optional<std::size_t> indexOf(const Object& element) const;
+
+  /// Elements must be of the list's class; for a managed list, managed by the same
+  /// handle or unmanaged (then added to the store, as create-or-update does).
+  void append(const std::shared_ptr<Object>& element);
+  void insert(std::size_t index, const std::shared_ptr<Object>& element);
+  void remove(std::size_t index);
+  void removeAll();
+  void assign(const std::vector<std::shared_ptr<Object>>& elements);
+
+  /// The list as live results (list order), ready to filter.
+  AnyResults results() const;
+
+ private:
+  std::shared_ptr<Object> owner_;
+  int index_;
+};
+
+template <class T>
+class Results {
+ public:
+  Results() = default;
+  explicit Results(AnyResults any) : any_(std::move(any)) {}
+
+  std::size_t size() const { return any_.size(); }
+  bool empty() const { return any_.empty(); }
+  std::shared_ptr<T> at(std::size_t i) const { return std::static_pointer_cast<T>(any_.at(i)); }
+  std::shared_ptr<T> operator[](std::size_t i) const { return at(i); }
+  std::vector<std::shared_ptr<T>> snapshot() const { return cast(any_.snapshot()); }
+  Results<T> filter(const Predicate& p) const { return Results<T>(any_.filter(p)); }
+  const AnyResults& any() const { return any_; }
+
+  /// Iteration works over a snapshot taken when begin() is called.
+  class iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = std::shared_ptr<T>;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const value_type*;
+    using reference = const value_type&;
+    iterator() = default;
+    iterator(std::shared_ptr<const std::vector<value_type>> items, std::size_t i)
+        : items_(std::move(items)), i_(i) {}
+    reference operator*() const { return (*items_)[i_]; }
+    pointer operator->() const { return &(*items_)[i_]; }
+    iterator& operator++() { ++i_; return *this; }
+    iterator operator++(int) { auto old = *this; ++i_; return old; }
+    bool operator==(const iterator& o) const { return i_ == o.i_; }
+   private:
+    std::shared_ptr<const std::vector<value_type>> items_;
+    std::size_t i_ = 0;
+  };
+  iterator begin() const {
+    auto items = std::make_shared<const std::vector<std::shared_ptr<T>>>(snapshot());
+    return iterator(items, 0);
+  }
+  /// Compares by position only: pairs with the begin() of the same loop.
+  iterator end() const { return iterator(nullptr, size()); }
+
+ private:
+  static std::vector<std::shared_ptr<T>> cast(std::vector<std::shared_ptr<Object>> in) {
+    std::vector<std::shared_ptr<T>> out;
+    out.reserve(in.size());
+    for (auto& o : in) out.push_back(std::static_pointer_cast<T>(std::move(o)));
+    return out;
+  }
+  AnyResults any_;
+};
+
+template <class T>
+class List {
+ public:
+  List(std::shared_ptr<Object> owner, int index) : any_(std::move(owner), index) {}
+  explicit List(AnyList any) : any_(std::move(any)) {}
+
+  std::size_t size() const { return any_.size(); }
+  bool empty() const { return any_.empty(); }
+  std::shared_ptr<T> at(std::size_t i) const { return std::static_pointer_cast<T>(any_.at(i)); }
+  std::shared_ptr<T> operator[](std::size_t i) const { return at(i); }
+  std::vector<std::shared_ptr<T>> elements() const {
+    std::vector<std::shared_ptr<T>> out;
+    for (auto& o : any_.elements()) out.push_back(std::static_pointer_cast<T>(o));
+    return out;
+  }
+  std::optional<std::size_t> indexOf(const T& element) const { return any_.indexOf(element); }
+  void append(const std::shared_ptr<T>& e) { any_.append(e); }
+  void insert(std::size_t i, const std::shared_ptr<T>& e) { any_.insert(i, e); }
+  void remove(std::size_t i) { any_.remove(i); }
+  void removeAll() { any_.removeAll(); }
+  void assign(const std::vector<std::shared_ptr<T>>& elements) {
+    any_.assign(std::vector<std::shared_ptr<Object>>(elements.begin(), elements.end()));
+  }
+  Results<T> results() const { return Results<T>(any_.results()); }
+  const AnyList& any() const { return any_; }
+  const std::string& objectClassName() const { return any_.objectClassName(); }
+
+  auto begin() const { return results().begin(); }
+  auto end() const { return typename Results<T>::iterator(nullptr, size()); }
+
+ private:
+  AnyList any_;
+};
+
+}  // namespace qvl

@@ -1,0 +1,175 @@
+#pragma once
+// The object store: one SQLite file, a handle per thread, serialised write transactions.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "quorvel/Store/Object.h"
+#include "quorvel/Store/Results.h"
+
+namespace qvl {
+
+/// Opening failed (file unusable, schema version going backwards, a migration that
+/// threw) or the engine reported an error. what() carries the engine's message.
+class StoreError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Given to the migration callback while an older file is brought up to date.
+class Migration {
+ public:
+  std::uint64_t oldSchemaVersion() const { return oldVersion_; }
+  /// Whether the file being upgraded has the property (a column or a list).
+  bool hasProperty(const std::string& className, const std::string& name) const;
+  /// Renames a stored property, keeping its values. Throws StoreError when the class or
+  /// the old property is not in the file, or the new name is already taken.
+  void renameProperty(const std::string& className, const std::string& oldName,
+                      const std::string& newName);
+
+ private:
+  friend class Store;
+  Migration(void* db, std::uint64_t oldVersion) : db_(db), oldVersion_(oldVersion) {}
+  void* db_;
+  std::uint64_t oldVersion_;
+};
+
+struct StoreConfiguration {
+  /// The file; its directory must exist.
+  std::string path;
+  /// Kept in the file; opening a file of a higher version fails.
+  std::uint64_t schemaVersion = 0;
+  /// Runs once, inside the upgrade transaction, when an existing file of a lower version
+  /// is opened; after it, missing tables and columns are added automatically. Columns
+  /// the schema no longer declares stay in the file, unused.
+  std::function<void(Migration&, std::uint64_t oldSchemaVersion)> migration;
+  /// Every class the file holds. Classes are matched by name.
+  std::vector<ObjectClassRef> classes;
+};
+
+/// A handle on one store file for the calling thread.
+///
+/// Threads: a handle and the records it returns belong to the thread that opened it;
+/// using them from another thread throws std::logic_error. Write transactions of all
+/// handles (threads and processes) on one file are serialised: beginWrite() waits for
+/// the file's other writer (up to a minute, then StoreError).
+///
+/// Errors: engine failures throw StoreError; misuse (a change outside a write
+/// transaction, a record of another handle or of a class the file lacks) throws
+/// std::logic_error.
+class Store : public std::enable_shared_from_this<Store> {
+ public:
+  /// The calling thread's handle for configuration.path, opened (and the file created or
+  /// upgraded) on first use and cached for the thread. Throws StoreError.
+  static std::shared_ptr<Store> open(const StoreConfiguration& configuration);
+  /// Drops the calling thread's cached handles (records holding one keep it alive).
+  static void closeThreadHandles();
+
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::uint64_t schemaVersion() const { return schemaVersion_; }
+
+  // Write transactions. Prefer write() or WriteTransaction, which roll back on exceptions.
+  void beginWrite();
+  void commitWrite();
+  void cancelWrite();
+  bool isInWriteTransaction() const { return inWrite_; }
+  /// Runs block inside a write transaction; commits when it returns, rolls back and
+  /// rethrows when it throws.
+  template <class F>
+  void write(F&& block) {
+    beginWrite();
+    try {
+      block();
+    } catch (...) {
+      cancelWrite();
+      throw;
+    }
+    commitWrite();
+  }
+
+  /// Inserts the record, or updates the stored record with the same primary key
+  /// (replacing every property), together with every unmanaged record reachable through
+  /// its links and lists (matched by their own keys; records without a key are inserted).
+  /// Returns the managed record; the argument stays unmanaged. Needs a write transaction.
+  std::shared_ptr<Object> addOrUpdate(const std::shared_ptr<Object>& object);
+  template <class T>
+  std::shared_ptr<T> addOrUpdate(const std::shared_ptr<T>& object) {
+    return std::static_pointer_cast<T>(addOrUpdate(std::shared_ptr<Object>(object)));
+  }
+  /// addOrUpdate for each record, in order.
+  void addOrUpdateAll(const std::vector<std::shared_ptr<Object>>& objects);
+  /// Deletes a managed record of this handle: removes it from every list and clears every
+  /// link to it. Needs a write transaction.
+  void remove(const std::shared_ptr<Object>& object);
+  /// Deletes the records of a class whose primary key is among keys, in one statement
+  /// per list and link that can point at them. Needs a write transaction.
+  void removeWithPrimaryKeys(const ObjectClass& objectClass,
+                             const std::vector<std::int64_t>& keys);
+
+  AnyResults objects(const ObjectClass& objectClass, const Predicate& predicate = {});
+  /// The record whose primary key equals key (a null key finds a record stored without
+  /// one), or nullptr. Throws std::logic_error for a class without a primary key.
+  std::shared_ptr<Object> object(const ObjectClass& objectClass,
+                                 std::optional<std::int64_t> key);
+
+  template <class T>
+  Results<T> objects(const Predicate& predicate = {}) {
+    return Results<T>(objects(T::modelClass(), predicate));
+  }
+  template <class T>
+  std::shared_ptr<T> object(std::optional<std::int64_t> key) {
+    return std::static_pointer_cast<T>(object(T::modelClass(), key));
+  }
+
+  /// Increases with every change seen by this handle (its own or a commit elsewhere).
+  std::uint64_t version();
+
+  struct Impl;
+
+ private:
+  friend class Object;
+  friend class AnyResults;
+  friend class AnyList;
+  friend class StoreAccess;
+
+  Store(std::string path, std::uint64_t schemaVersion);
+  void checkThread() const;
+  void checkWrite() const;
+
+  std::string path_;
+  std::uint64_t schemaVersion_;
+  std::thread::id thread_;
+  bool inWrite_ = false;
+  std::unique_ptr<Impl> impl_;
+};
+
+/// RAII write transaction: commit() or roll back on destruction.
+class WriteTransaction {
+ public:
+  explicit WriteTransaction(Store& store) : store_(store) { store_.beginWrite(); }
+  ~WriteTransaction() {
+    if (!done_) store_.cancelWrite();
+  }
+  WriteTransaction(const WriteTransaction&) = delete;
+  WriteTransaction& operator=(const WriteTransaction&) = delete;
+  void commit() {
+    store_.commitWrite();
+    done_ = true;
+  }
+
+ private:
+  Store& store_;
+  bool done_ = false;
+};
+
+}  // namespace qvl

@@ -1,0 +1,72 @@
+#include "quorvel/Helpers/QVLRealm.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Platform/Log.h"
+
+namespace {
+
+std::mutex& directoryMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::string& configuredDirectory() {
+  static std::string directory;
+  return directory;
+}
+
+std::string defaultDirectory() {
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
+    return std::string(xdg) + "/quorvel";
+  }
+  if (const char* home = std::getenv("HOME"); home && *home) {
+    return std::string(home) + "/.local/share/quorvel";
+  }
+  return "quorvel";
+}
+
+}  // namespace
+
+void QVLRealm::setStoreDirectory(std::string directory) {
+  std::lock_guard lock(directoryMutex());
+  configuredDirectory() = std::move(directory);
+}
+
+std::string QVLRealm::storeDirectory() {
+  std::lock_guard lock(directoryMutex());
+  return configuredDirectory().empty() ? defaultDirectory() : configuredDirectory();
+}
+
+qvl::StoreConfiguration QVLRealm::configuration() {
+  qvl::StoreConfiguration configuration;
+  configuration.path = (std::filesystem::path(storeDirectory()) / kFileName).string();
+  configuration.schemaVersion = kSchemaVersion;
+  configuration.classes = objectClasses();
+  configuration.migration = [](qvl::Migration& migration, std::uint64_t oldSchemaVersion) {
+    if (oldSchemaVersion <= 17 &&
+        migration.hasProperty(QVLMedia::modelClass().name(), "urlString")) {
+      migration.renameProperty(QVLMedia::modelClass().name(), "urlString", "urlOriginal");
+    }
+  };
+  return configuration;
+}
+
+std::shared_ptr<qvl::Store> QVLRealm::realm() {
+  try {
+    qvl::StoreConfiguration configuration = QVLRealm::configuration();
+    std::filesystem::path directory = std::filesystem::path(configuration.path).parent_path();
+    if (!directory.empty() && !std::filesystem::exists(directory)) {
+      std::filesystem::create_directories(directory);
+      std::filesystem::permissions(directory, std::filesystem::perms::owner_all,
+                                   std::filesystem::perm_options::replace);
+    }
+    return qvl::Store::open(configuration);
+  } catch (const std::exception& e) {
+    qvl::log(std::string("Couldn't create the QuorvelSDK Realm instance: ") + e.what());
+    return nullptr;
+  }
+}

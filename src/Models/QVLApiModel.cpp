@@ -1,0 +1,409 @@
+#include "quorvel/Models/QVLApiModel.h"
+
+#include <cmath>
+#include <limits>
+
+#include "quorvel/Helpers/QVLDateFormatter.h"
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Platform/Log.h"
+
+using qvl::PropertyKind;
+using nlohmann::json;
+
+// ---- QVLRelationshipMapping ------------------------------------------------------------
+
+QVLRelationshipMapping QVLRelationshipMapping::newToManyRelationWithJsonKey(
+    std::string jsonKey, std::string classProperty, QVLModelClassRef objectClass) {
+  QVLRelationshipMapping m;
+  m.relationType_ = QVLRelationTypeToMany;
+  m.jsonKey_ = std::move(jsonKey);
+  m.classProperty_ = std::move(classProperty);
+  m.objectClass_ = objectClass;
+  return m;
+}
+
+QVLRelationshipMapping QVLRelationshipMapping::newToManyRelationWithKey(
+    std::string key, QVLModelClassRef objectClass) {
+  std::string property = key;
+  return newToManyRelationWithJsonKey(std::move(key), std::move(property), objectClass);
+}
+
+QVLRelationshipMapping QVLRelationshipMapping::newToOneRelationWithJsonKey(
+    std::string jsonKey, std::string classProperty, std::string relationKey,
+    QVLModelClassRef objectClass) {
+  QVLRelationshipMapping m;
+  m.relationType_ = QVLRelationTypeToOne;
+  m.toOneRelationKey_ = std::move(relationKey);
+  m.jsonKey_ = std::move(jsonKey);
+  m.classProperty_ = std::move(classProperty);
+  m.objectClass_ = objectClass;
+  return m;
+}
+
+QVLRelationshipMapping QVLRelationshipMapping::newToOneRelationWithKey(
+    std::string key, std::string relationKey, QVLModelClassRef objectClass) {
+  std::string property = key;
+  return newToOneRelationWithJsonKey(std::move(key), std::move(property), std::move(relationKey),
+                                     objectClass);
+}
+
+// ---- QVLModelClass ---------------------------------------------------------------------
+
+namespace {
+
+void checkIndex(const QVLModelClass::Declaration& d, int index, const std::string& name) {
+  if (index != static_cast<int>(d.properties.size())) {
+    throw std::logic_error(d.name + "." + name + " declared at position " +
+                           std::to_string(d.properties.size()) + ", its accessors use " +
+                           std::to_string(index));
+  }
+}
+
+}  // namespace
+
+QVLModelClass::Declaration& QVLModelClass::Declaration::property(int index,
+                                                                 std::string propertyName,
+                                                                 PropertyKind kind,
+                                                                 bool optional) {
+  checkIndex(*this, index, propertyName);
+  bool alwaysOptional = kind == PropertyKind::String || kind == PropertyKind::Date;
+  properties.push_back({std::move(propertyName), kind, optional || alwaysOptional, nullptr, {}});
+  return *this;
+}
+
+QVLModelClass::Declaration& QVLModelClass::Declaration::link(int index, std::string propertyName,
+                                                             qvl::ObjectClassRef target) {
+  checkIndex(*this, index, propertyName);
+  properties.push_back({std::move(propertyName), PropertyKind::Link, true, target, {}});
+  return *this;
+}
+
+QVLModelClass::Declaration& QVLModelClass::Declaration::list(int index, std::string propertyName,
+                                                             qvl::ObjectClassRef target) {
+  checkIndex(*this, index, propertyName);
+  properties.push_back({std::move(propertyName), PropertyKind::List, false, target, {}});
+  return *this;
+}
+
+QVLModelClass::Declaration& QVLModelClass::Declaration::linkingObjects(
+    int index, std::string propertyName, qvl::ObjectClassRef origin, std::string originProperty) {
+  checkIndex(*this, index, propertyName);
+  properties.push_back({std::move(propertyName), PropertyKind::LinkingObjects, false, origin,
+                        std::move(originProperty)});
+  return *this;
+}
+
+QVLModelClass::QVLModelClass(Declaration d)
+    : qvl::ObjectClass(d.name, std::move(d.properties), d.primaryKey, std::move(d.factory)),
+      plural_(std::move(d.apiResourcePlural)),
+      singular_(std::move(d.apiResourceSingular)),
+      mapping_(std::move(d.mapping)),
+      relationships_(std::move(d.mappingRelationships)),
+      protected_(std::move(d.protectedProperties)),
+      ignored_(std::move(d.ignoredProperties)) {}
+
+const std::string& QVLModelClass::apiResourcePlural() const {
+  if (!plural_) {
+    throw QVLException("apiResource plural not implemented on model",
+                       "You have not implemented the apiResource plural method on " + name());
+  }
+  return *plural_;
+}
+
+const std::string& QVLModelClass::apiResourceSingular() const {
+  if (!singular_) {
+    throw QVLException("apiResource singular not implemented on model",
+                       "You have not implemented the apiResource singular method on " + name());
+  }
+  return *singular_;
+}
+
+const std::vector<std::pair<std::string, std::string>>& QVLModelClass::mapping() const {
+  if (!mapping_) {
+    throw QVLException("mapping not implemented on model",
+                       "You have not implemented the mapping method on " + name());
+  }
+  return *mapping_;
+}
+
+std::optional<std::string> QVLModelClass::propertyTypeFromPropertyString(
+    std::string_view propertyName) const {
+  int index = propertyIndex(propertyName);
+  if (index < 0) return std::nullopt;
+  const qvl::Property& p = property(index);
+  switch (p.kind) {
+    case PropertyKind::Date: return "NSDate";
+    case PropertyKind::String: return "NSString";
+    case PropertyKind::Int:
+      return p.optional ? std::optional<std::string>("NSNumber<RLMInt>") : std::nullopt;
+    case PropertyKind::Double:
+      return p.optional ? std::optional<std::string>("NSNumber<RLMDouble>") : std::nullopt;
+    case PropertyKind::Link: return p.target().name();
+    case PropertyKind::List: return "RLMArray<" + p.target().name() + ">";
+    case PropertyKind::LinkingObjects: return "RLMLinkingObjects";
+    default: return std::nullopt;
+  }
+}
+
+const QVLModelClass::Compiled& QVLModelClass::compiled() const {
+  std::call_once(compileOnce_, [this] {
+    auto fail = [this](const std::string& what) {
+      throw std::logic_error(name() + ": " + what);
+    };
+    for (const auto& [key, propertyName] : mapping()) {
+      int index = propertyIndex(propertyName);
+      if (index < 0 || !property(index).isScalar()) {
+        fail("mapping names '" + propertyName + "', which is not a stored value");
+      }
+      Compiled::Field field{{}, key, index};
+      size_t start = 0;
+      while (true) {
+        size_t dot = key.find('.', start);
+        field.path.push_back(key.substr(start, dot - start));
+        if (dot == std::string::npos) break;
+        start = dot + 1;
+      }
+      compiled_.fields.push_back(std::move(field));
+    }
+    if (relationships_) {
+      for (const auto& m : *relationships_) {
+        if (m.relationType() != QVLRelationTypeToOne && m.relationType() != QVLRelationTypeToMany) {
+          continue;
+        }
+        int index = propertyIndex(m.classProperty());
+        PropertyKind want =
+            m.relationType() == QVLRelationTypeToOne ? PropertyKind::Link : PropertyKind::List;
+        if (index < 0 || property(index).kind != want) {
+          fail("relation '" + m.jsonKey() + "' names '" + m.classProperty() +
+               "', which is not a matching relation property");
+        }
+        compiled_.relations.push_back(
+            {m.relationType(), m.jsonKey(), m.toOneRelationKey(), index, &m.objectClass()});
+      }
+    }
+    if (protected_) {
+      for (const auto& propertyName : *protected_) {
+        int index = propertyIndex(propertyName);
+        if (index < 0) fail("protected property '" + propertyName + "' does not exist");
+        compiled_.protectedIndexes.push_back(index);
+      }
+    }
+  });
+  return compiled_;
+}
+
+// ---- JSON to record --------------------------------------------------------------------
+
+namespace {
+
+[[noreturn]] void reject(const QVLModelClass& cls, const std::string& key, const char* why) {
+  throw QVLMappingError(cls.name() + " \"" + key + "\": " + why);
+}
+
+qvl::Value convert(const QVLModelClass& cls, const qvl::Property& p, const std::string& key,
+                   const json& v) {
+  if (v.is_null()) {
+    if (!p.optional) reject(cls, key, "null for a value that cannot be absent");
+    return {};
+  }
+  switch (p.kind) {
+    case PropertyKind::Int:
+    case PropertyKind::Int32: {
+      std::int64_t n = 0;
+      if (v.is_number_unsigned()) {
+        auto u = v.get<std::uint64_t>();
+        if (u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+          reject(cls, key, "integer out of range");
+        }
+        n = static_cast<std::int64_t>(u);
+      } else if (v.is_number_integer()) {
+        n = v.get<std::int64_t>();
+      } else if (v.is_number_float()) {
+        double d = v.get<double>();
+        if (!std::isfinite(d) || d >= 9.2e18 || d <= -9.2e18) reject(cls, key, "number out of range");
+        n = static_cast<std::int64_t>(d);
+      } else if (v.is_boolean()) {
+        n = v.get<bool>() ? 1 : 0;
+      } else {
+        reject(cls, key, "expected a number");
+      }
+      if (p.kind == PropertyKind::Int32 &&
+          (n < std::numeric_limits<std::int32_t>::min() ||
+           n > std::numeric_limits<std::int32_t>::max())) {
+        reject(cls, key, "number out of 32-bit range");
+      }
+      return n;
+    }
+    case PropertyKind::Bool:
+      if (v.is_boolean()) return v.get<bool>();
+      if (v.is_number()) return v.get<double>() != 0.0;
+      reject(cls, key, "expected a boolean");
+    case PropertyKind::Double:
+      if (v.is_number()) return v.get<double>();
+      if (v.is_boolean()) return v.get<bool>() ? 1.0 : 0.0;
+      reject(cls, key, "expected a number");
+    case PropertyKind::String:
+      if (v.is_string()) return v.get<std::string>();
+      // Text properties that keep JSON ("parameters", "limits") may arrive as structures.
+      if (v.is_object() || v.is_array()) return v.dump();
+      reject(cls, key, "expected text");
+    case PropertyKind::Date: {
+      if (!v.is_string()) reject(cls, key, "expected date text");
+      auto date = QVLDateFormatter::dateFromString(v.get_ref<const std::string&>());
+      return date ? qvl::Value{*date} : qvl::Value{};
+    }
+    default: reject(cls, key, "not a value property");
+  }
+}
+
+// Follows a dotted key path; nullptr when a member is missing. A null on the way yields
+// that null; any other non-object on the way is input of the wrong kind.
+const json* follow(const QVLModelClass& cls, const json& root,
+                   const QVLModelClass::Compiled::Field& field) {
+  const json* current = &root;
+  for (const auto& component : field.path) {
+    if (current->is_null() && current != &root) return current;
+    if (!current->is_object()) reject(cls, field.key, "a member on the key path is not an object");
+    auto it = current->find(component);
+    if (it == current->end()) return nullptr;
+    current = &*it;
+  }
+  return current;
+}
+
+std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& dictionary,
+                                   qvl::Store* realm);
+
+std::vector<std::shared_ptr<qvl::Object>> parseList(const QVLModelClass& cls, const json& array,
+                                                    qvl::Store* realm) {
+  std::vector<std::shared_ptr<qvl::Object>> out;
+  out.reserve(array.size());
+  for (const auto& element : array) {
+    if (!element.is_object()) {
+      throw QVLMappingError(cls.name() + ": an array element is not an object");
+    }
+    out.push_back(parse(cls, element, realm));
+  }
+  return out;
+}
+
+std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& dictionary,
+                                   qvl::Store* realm) {
+  const auto& compiled = cls.compiled();
+  static const json kEmpty = json::object();
+  const json& J = dictionary.is_null() ? kEmpty : dictionary;
+  if (!J.is_object()) throw QVLMappingError(cls.name() + ": the record is not a JSON object");
+
+  auto record = std::static_pointer_cast<QVLApiModel>(cls.makeObject());
+  std::vector<int> missing;
+  for (const auto& field : compiled.fields) {
+    const json* v = follow(cls, J, field);
+    if (!v) {
+      missing.push_back(field.property);
+      continue;
+    }
+    record->setValue(field.property, convert(cls, cls.property(field.property), field.key, *v));
+  }
+  for (const auto& relation : compiled.relations) {
+    auto it = J.find(relation.jsonKey);
+    if (it == J.end()) {
+      missing.push_back(relation.property);
+      continue;
+    }
+    if (relation.type == QVLRelationTypeToOne) {
+      if (!it->is_object()) reject(cls, relation.jsonKey, "a to-one relation must be an object");
+      record->setLink(relation.property, parse(*relation.target, *it, realm));
+    } else {
+      if (!it->is_array()) reject(cls, relation.jsonKey, "a to-many relation must be an array");
+      if (!it->empty()) {
+        record->list(relation.property).assign(parseList(*relation.target, *it, realm));
+      }
+    }
+  }
+
+  if (realm && (!missing.empty() || !compiled.protectedIndexes.empty())) {
+    auto key = record->primaryKeyValue();
+    if (key) {
+      if (auto twin = realm->object(cls, key)) {
+        for (int index : missing) record->copyProperty(*twin, index);
+        for (int index : compiled.protectedIndexes) record->copyProperty(*twin, index);
+      }
+    }
+  }
+  return record;
+}
+
+}  // namespace
+
+const QVLModelClass& QVLApiModel::modelClass() {
+  static const QVLModelClass cls(QVLModelClass::Declaration(
+      "QVLApiModel", [] { return std::shared_ptr<qvl::Object>(); }));
+  return cls;
+}
+
+std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                      const json& dictionary,
+                                                                      qvl::Store* realm) {
+  return parse(cls, dictionary, realm);
+}
+
+std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                      const json& dictionary) {
+  cls.compiled();  // a class without a mapping raises before the store is opened
+  auto realm = QVLRealm::realm();
+  return parse(cls, dictionary, realm.get());
+}
+
+std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
+    const QVLModelClass& cls, const json& array, std::vector<QVLError>* rejected) {
+  cls.compiled();
+  auto realm = QVLRealm::realm();
+  return newObjectsWithJSONArray(cls, array, realm.get(), rejected);
+}
+
+std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
+    const QVLModelClass& cls, const json& array, qvl::Store* realm,
+    std::vector<QVLError>* rejected) {
+  std::vector<std::shared_ptr<QVLApiModel>> out;
+  if (!array.is_array()) return out;
+  out.reserve(array.size());
+  for (const auto& element : array) {
+    try {
+      if (!element.is_object()) {
+        throw QVLMappingError(cls.name() + ": an array element is not an object");
+      }
+      out.push_back(parse(cls, element, realm));
+    } catch (const QVLMappingError& e) {
+      qvl::log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
+      if (rejected) {
+        rejected->push_back(
+            QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
+      }
+    }
+  }
+  return out;
+}
+
+// ---- record to JSON --------------------------------------------------------------------
+
+nlohmann::json QVLApiModel::toDictionary() const {
+  const QVLModelClass& cls = apiModelClass();
+  const auto& compiled = cls.compiled();
+  json out = json::object();
+  for (const auto& field : compiled.fields) {
+    qvl::Value v = value(field.property);
+    if (auto* i = std::get_if<std::int64_t>(&v)) out[field.key] = *i;
+    else if (auto* d = std::get_if<double>(&v)) out[field.key] = *d;
+    else if (auto* b = std::get_if<bool>(&v)) out[field.key] = *b;
+    else if (auto* s = std::get_if<std::string>(&v)) out[field.key] = *s;
+    else if (auto* t = std::get_if<qvl::Date>(&v))
+      out[field.key] = QVLDateFormatter::formattedStringFromDate(*t);
+  }
+  for (const auto& relation : compiled.relations) {
+    if (relation.type != QVLRelationTypeToOne || !relation.toOneRelationKey) continue;
+    auto target = link(relation.property);
+    if (!target) continue;
+    if (auto key = target->primaryKeyValue()) out[*relation.toOneRelationKey] = *key;
+  }
+  return out;
+}

@@ -1,0 +1,272 @@
+#include "quorvel/Store/Object.h"
+
+#include <limits>
+#include <stdexcept>
+
+#include "Store/StoreImpl.h"
+
+namespace qvl {
+
+namespace {
+
+const char* kindName(PropertyKind kind) {
+  switch (kind) {
+    case PropertyKind::Int: return "integer";
+    case PropertyKind::Int32: return "32-bit integer";
+    case PropertyKind::Bool: return "boolean";
+    case PropertyKind::Double: return "double";
+    case PropertyKind::String: return "text";
+    case PropertyKind::Date: return "date";
+    case PropertyKind::Link: return "link";
+    case PropertyKind::List: return "list";
+    case PropertyKind::LinkingObjects: return "inverse relation";
+  }
+  return "?";
+}
+
+Value defaultValue(const Property& p) {
+  if (p.optional) return {};
+  switch (p.kind) {
+    case PropertyKind::Int:
+    case PropertyKind::Int32: return std::int64_t{0};
+    case PropertyKind::Bool: return false;
+    case PropertyKind::Double: return 0.0;
+    default: return {};
+  }
+}
+
+}  // namespace
+
+Object::Object(const ObjectClass& objectClass)
+    : class_(&objectClass), slots_(objectClass.properties().size()) {
+  for (size_t i = 0; i < slots_.size(); ++i) slots_[i].value = defaultValue(class_->properties()[i]);
+}
+
+Object::~Object() = default;
+
+const Property& Object::checkedProperty(int index) const {
+  if (index < 0 || static_cast<size_t>(index) >= slots_.size()) {
+    throw std::invalid_argument(class_->name() + ": no property at index " +
+                                std::to_string(index));
+  }
+  return class_->properties()[static_cast<size_t>(index)];
+}
+
+bool Object::isInvalidated() const {
+  if (!store_) return false;
+  store_->checkThread();
+  auto& impl = StoreAccess::impl(*store_);
+  StatementUse use(impl.statement(impl.info(*class_).exists));
+  use.bindInt(1, row_);
+  return !use.step();
+}
+
+void Object::refresh() {
+  if (!store_) return;
+  store_->checkThread();
+  auto& impl = StoreAccess::impl(*store_);
+  const ClassInfo& info = impl.info(*class_);
+  StatementUse use(impl.statement(info.selectRow));
+  use.bindInt(1, row_);
+  if (use.step()) impl.fill(*this, info, use, 1);
+}
+
+bool Object::isSameObject(const Object& other) const {
+  if (this == &other) return true;
+  return store_ && store_ == other.store_ && row_ == other.row_ && class_ == other.class_;
+}
+
+std::optional<std::int64_t> Object::primaryKeyValue() const {
+  int index = class_->primaryKeyIndex();
+  if (index < 0) return std::nullopt;
+  const Value& v = slots_[static_cast<size_t>(index)].value;
+  if (auto* i = std::get_if<std::int64_t>(&v)) return *i;
+  return std::nullopt;
+}
+
+Value Object::value(int index) const {
+  const Property& p = checkedProperty(index);
+  if (!p.isScalar()) {
+    throw std::invalid_argument(class_->name() + "." + p.name + " is a " + kindName(p.kind));
+  }
+  return slots_[static_cast<size_t>(index)].value;
+}
+
+void Object::setValue(int index, Value value) {
+  const Property& p = checkedProperty(index);
+  auto reject = [&](const char* why) {
+    throw std::invalid_argument(class_->name() + "." + p.name + ": " + why);
+  };
+  if (!p.isScalar()) reject("not a scalar property");
+  if (isNull(value)) {
+    if (!p.optional && p.kind != PropertyKind::String && p.kind != PropertyKind::Date) {
+      reject("null for a property that cannot be null");
+    }
+  } else {
+    switch (p.kind) {
+      case PropertyKind::Int:
+        if (!std::holds_alternative<std::int64_t>(value)) reject("expects an integer");
+        break;
+      case PropertyKind::Int32: {
+        auto* i = std::get_if<std::int64_t>(&value);
+        if (!i) reject("expects an integer");
+        if (*i < std::numeric_limits<std::int32_t>::min() ||
+            *i > std::numeric_limits<std::int32_t>::max()) {
+          reject("value out of 32-bit range");
+        }
+        break;
+      }
+      case PropertyKind::Bool:
+        if (!std::holds_alternative<bool>(value)) reject("expects a boolean");
+        break;
+      case PropertyKind::Double:
+        if (auto* i = std::get_if<std::int64_t>(&value)) value = static_cast<double>(*i);
+        if (!std::holds_alternative<double>(value)) reject("expects a number");
+        break;
+      case PropertyKind::String:
+        if (!std::holds_alternative<std::string>(value)) reject("expects text");
+        break;
+      case PropertyKind::Date:
+        if (!std::holds_alternative<Date>(value)) reject("expects a date");
+        break;
+      default: break;
+    }
+  }
+  if (store_) {
+    store_->checkWrite();
+    auto& impl = StoreAccess::impl(*store_);
+    StatementUse use(impl.statement(impl.info(*class_).updateColumn[static_cast<size_t>(index)]));
+    impl.bindValue(use, 1, p, value);
+    use.bindInt(2, row_);
+    use.step();
+    ++impl.changeCounter;
+  }
+  slots_[static_cast<size_t>(index)].value = std::move(value);
+}
+
+std::shared_ptr<Object> Object::link(int index) const {
+  const Property& p = checkedProperty(index);
+  if (p.kind != PropertyKind::Link) {
+    throw std::invalid_argument(class_->name() + "." + p.name + " is not a link");
+  }
+  Slot& slot = slots_[static_cast<size_t>(index)];
+  if (store_ && !slot.linkResolved) {
+    store_->checkThread();
+    auto& impl = StoreAccess::impl(*store_);
+    slot.link = impl.load(*store_, impl.info(p.target()), slot.linkRow);
+    slot.linkResolved = true;
+  }
+  return slot.link;
+}
+
+void Object::setLink(int index, std::shared_ptr<Object> target) {
+  const Property& p = checkedProperty(index);
+  if (p.kind != PropertyKind::Link) {
+    throw std::invalid_argument(class_->name() + "." + p.name + " is not a link");
+  }
+  if (target && target->objectClass().name() != p.target().name()) {
+    throw std::invalid_argument(class_->name() + "." + p.name + " links " + p.target().name() +
+                                ", not " + target->objectClass().name());
+  }
+  Slot& slot = slots_[static_cast<size_t>(index)];
+  if (store_) {
+    std::int64_t row = target ? StoreAccess::upsertGraph(*store_, target) : 0;
+    auto& impl = StoreAccess::impl(*store_);
+    StatementUse use(impl.statement(impl.info(*class_).updateColumn[static_cast<size_t>(index)]));
+    if (row) use.bindInt(1, row);
+    else use.bindNull(1);
+    use.bindInt(2, row_);
+    use.step();
+    ++impl.changeCounter;
+    slot.linkRow = row;
+    slot.linkResolved = false;
+    slot.link.reset();
+    return;
+  }
+  slot.link = std::move(target);
+}
+
+AnyList Object::list(int index) { return AnyList(shared_from_this(), index); }
+
+AnyResults Object::linkingObjects(int index) const {
+  const Property& p = checkedProperty(index);
+  if (p.kind != PropertyKind::LinkingObjects) {
+    throw std::invalid_argument(class_->name() + "." + p.name + " is not an inverse relation");
+  }
+  AnyResults results;
+  results.class_ = &p.target();
+  if (!store_) {
+    results.fixed_ = std::make_shared<const std::vector<std::shared_ptr<Object>>>();
+    return results;
+  }
+  store_->checkThread();
+  int origin = p.target().propertyIndex(p.originProperty);
+  if (origin < 0 || p.target().property(origin).kind != PropertyKind::List) {
+    throw std::logic_error(class_->name() + "." + p.name + ": " + p.target().name() +
+                           " has no list " + p.originProperty);
+  }
+  results.store_ = store_;
+  results.scope_.kind = AnyResults::Scope::Kind::Inverse;
+  results.scope_.row = row_;
+  results.scope_.otherClass = &p.target();
+  results.scope_.listIndex = origin;
+  return results;
+}
+
+void Object::copyProperty(const Object& source, int index) {
+  if (source.class_->name() != class_->name()) {
+    throw std::invalid_argument("copyProperty: " + source.class_->name() + " into " +
+                                class_->name());
+  }
+  const Property& p = checkedProperty(index);
+  switch (p.kind) {
+    case PropertyKind::Link: setLink(index, source.link(index)); break;
+    case PropertyKind::List: {
+      auto owner = std::const_pointer_cast<Object>(source.shared_from_this());
+      list(index).assign(AnyList(owner, index).elements());
+      break;
+    }
+    case PropertyKind::LinkingObjects: break;
+    default: setValue(index, source.value(index)); break;
+  }
+}
+
+std::optional<std::int64_t> Object::optionalInt(int index) const {
+  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  if (auto* i = std::get_if<std::int64_t>(&v)) return *i;
+  return std::nullopt;
+}
+std::int64_t Object::intValue(int index) const { return optionalInt(index).value_or(0); }
+std::optional<double> Object::optionalDouble(int index) const {
+  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  if (auto* d = std::get_if<double>(&v)) return *d;
+  return std::nullopt;
+}
+double Object::doubleValue(int index) const { return optionalDouble(index).value_or(0.0); }
+bool Object::boolValue(int index) const {
+  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  auto* b = std::get_if<bool>(&v);
+  return b && *b;
+}
+std::optional<std::string> Object::stringValue(int index) const {
+  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  if (auto* s = std::get_if<std::string>(&v)) return *s;
+  return std::nullopt;
+}
+std::optional<Date> Object::dateValue(int index) const {
+  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  if (auto* d = std::get_if<Date>(&v)) return *d;
+  return std::nullopt;
+}
+void Object::setOptionalInt(int index, std::optional<std::int64_t> v) {
+  setValue(index, v ? Value{*v} : Value{});
+}
+void Object::setOptionalDouble(int index, std::optional<double> v) {
+  setValue(index, v ? Value{*v} : Value{});
+}
+void Object::setString(int index, std::optional<std::string> v) {
+  setValue(index, v ? Value{std::move(*v)} : Value{});
+}
+void Object::setDate(int index, std::optional<Date> v) { setValue(index, v ? Value{*v} : Value{}); }
+
+}  // namespace qvl

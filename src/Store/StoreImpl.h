@@ -1,0 +1,126 @@
+#pragma once
+// Internal: the SQLite side of the object store.
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "quorvel/Store/Store.h"
+
+namespace qvl {
+
+/// A prepared statement, reset and unbound when the use ends so that no read
+/// transaction stays open between calls.
+class StatementUse {
+ public:
+  explicit StatementUse(sqlite3_stmt* stmt) : stmt_(stmt) {}
+  ~StatementUse() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  }
+  StatementUse(const StatementUse&) = delete;
+  StatementUse& operator=(const StatementUse&) = delete;
+  sqlite3_stmt* get() const { return stmt_; }
+  /// Steps once; true when a row is ready, false when done. Throws StoreError.
+  bool step();
+  void bindInt(int i, std::int64_t v) { sqlite3_bind_int64(stmt_, i, v); }
+  void bindText(int i, const std::string& v) {
+    sqlite3_bind_text(stmt_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+  }
+  void bindNull(int i) { sqlite3_bind_null(stmt_, i); }
+  std::int64_t columnInt(int i) const { return sqlite3_column_int64(stmt_, i); }
+  bool columnIsNull(int i) const { return sqlite3_column_type(stmt_, i) == SQLITE_NULL; }
+
+ private:
+  sqlite3_stmt* stmt_;
+};
+
+/// SQL and layout of one class, derived once from its descriptor.
+struct ClassInfo {
+  struct ListInfo {
+    int property = -1;
+    std::string table;  // quoted
+    std::string selectTargets, deleteOwner, insertLink, nextPosition, count;
+    std::string deleteOwnersIn, deleteTargetsIn;  // row sets bound as one JSON array
+    const ObjectClass* target = nullptr;
+  };
+
+  const ObjectClass* objectClass = nullptr;
+  std::string table;                 // quoted
+  std::vector<int> columns;          // property indexes stored as columns, in column order
+  std::vector<int> columnOfProperty; // property index -> position in `columns`, or -1
+  std::vector<int> listOfProperty;   // property index -> position in `lists`, or -1
+  std::vector<ListInfo> lists;
+  std::string selectRow, rowForKey, rowForNullKey, upsert, insert, updateRow, deleteRow, exists;
+  std::vector<std::string> updateColumn;  // by property index (columns only)
+  std::vector<std::string> clearLinksIn;  // by property index (links only)
+  std::string rowsForKeysIn, deleteRowsIn;
+
+  static const ClassInfo& of(const ObjectClass& objectClass);
+};
+
+std::string quoteIdentifier(const std::string& name);
+std::int64_t dateToStored(Date date);
+Date storedToDate(std::int64_t stored);
+
+struct Store::Impl {
+  sqlite3* db = nullptr;
+  std::unordered_map<const void*, sqlite3_stmt*> statements;
+  // Classes of this file by descriptor and by name.
+  std::unordered_map<const ObjectClass*, const ClassInfo*> classes;
+  std::unordered_map<std::string, const ClassInfo*> classesByName;
+  // For each class name: the lists and link columns of other classes that point at it.
+  struct Incoming {
+    std::vector<const ClassInfo::ListInfo*> lists;
+    std::vector<std::pair<const ClassInfo*, int>> links;  // (class, property)
+  };
+  std::unordered_map<std::string, Incoming> incoming;
+  std::uint64_t changeCounter = 1;
+  int lastDataVersion = -1;
+
+  ~Impl();
+  /// The statement for sql, prepared once per handle. `sql` must outlive the handle
+  /// (class SQL lives for the process; query SQL is interned by the caller).
+  sqlite3_stmt* statement(const std::string& sql);
+  void exec(const char* sql);
+  [[noreturn]] void fail(const std::string& what) const;
+
+  const ClassInfo& info(const ObjectClass& objectClass) const;
+  std::shared_ptr<Object> load(Store& store, const ClassInfo& info, std::int64_t row);
+  void fill(Object& object, const ClassInfo& info, StatementUse& use, int firstColumn);
+  std::vector<std::int64_t> listRows(const ClassInfo::ListInfo& list, std::int64_t owner);
+  void writeList(const ClassInfo::ListInfo& list, std::int64_t owner,
+                 const std::vector<std::int64_t>& rows);
+  void bindValue(StatementUse& use, int position, const Property& property, const Value& value);
+  std::int64_t rowForKey(const ClassInfo& info, std::optional<std::int64_t> key);
+  /// Deletes rows (a JSON array of row ids) of a class and every reference to them.
+  void deleteRows(const ClassInfo& info, const std::string& rowsJson);
+
+  /// Statements of results queries, keyed by their text.
+  sqlite3_stmt* queryStatement(const std::string& sql);
+  std::unordered_map<std::string, sqlite3_stmt*> queries;
+  std::vector<const ObjectClass*> classList;  // as configured, to recognise the same schema
+};
+
+/// Lets records and lists reach the handle's internals.
+class StoreAccess {
+ public:
+  static Store::Impl& impl(Store& store) { return *store.impl_; }
+  static std::int64_t row(const Object& object) { return object.row_; }
+  static Object::Slot& slot(Object& object, int index) {
+    return object.slots_[static_cast<size_t>(index)];
+  }
+  static void manage(Object& object, std::shared_ptr<Store> store, std::int64_t row) {
+    object.store_ = std::move(store);
+    object.row_ = row;
+  }
+  static std::int64_t upsertGraph(Store& store, const std::shared_ptr<Object>& object);
+};
+
+}  // namespace qvl

@@ -1,0 +1,403 @@
+#include "quorvel/Store/Store.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/TempDir.h"
+
+namespace {
+
+using qvl::Object;
+using qvl::ObjectClass;
+using qvl::Predicate;
+using qvl::Property;
+using qvl::PropertyKind;
+using qvl::Store;
+using qvl::Value;
+
+class Record : public Object {
+ public:
+  explicit Record(const ObjectClass& cls) : Object(cls) {}
+};
+
+const ObjectClass& itemClass();
+const ObjectClass& ownerClass();
+
+const ObjectClass& itemClass() {
+  static const ObjectClass cls(
+      "Item",
+      {{"itemId", PropertyKind::Int, true},
+       {"label", PropertyKind::String, true},
+       {"owners", PropertyKind::LinkingObjects, false, &ownerClass, "items"}},
+      "itemId", [] { return std::make_shared<Record>(itemClass()); });
+  return cls;
+}
+
+const ObjectClass& ownerClass() {
+  static const ObjectClass cls("Owner",
+                               {{"ownerId", PropertyKind::Int, true},
+                                {"name", PropertyKind::String, true},
+                                {"count", PropertyKind::Int32},
+                                {"flag", PropertyKind::Bool},
+                                {"score", PropertyKind::Double, true},
+                                {"when", PropertyKind::Date, true},
+                                {"child", PropertyKind::Link, true, &itemClass},
+                                {"items", PropertyKind::List, false, &itemClass}},
+                               "ownerId", [] { return std::make_shared<Record>(ownerClass()); });
+  return cls;
+}
+
+const ObjectClass& noteClass() {
+  static const ObjectClass cls("Note", {{"text", PropertyKind::String, true}}, "",
+                               [] { return std::make_shared<Record>(noteClass()); });
+  return cls;
+}
+
+enum Owner { kOwnerId, kName, kCount, kFlag, kScore, kWhen, kChild, kItems };
+enum Item { kItemId, kLabel, kOwners };
+
+std::shared_ptr<Object> item(std::int64_t id, const std::string& label) {
+  auto o = itemClass().makeObject();
+  o->setValue(kItemId, id);
+  o->setValue(kLabel, label);
+  return o;
+}
+
+std::shared_ptr<Object> owner(std::int64_t id, const std::string& name) {
+  auto o = ownerClass().makeObject();
+  o->setValue(kOwnerId, id);
+  o->setValue(kName, name);
+  return o;
+}
+
+std::string labelOf(const std::shared_ptr<Object>& o) {
+  return std::get<std::string>(o->value(kLabel));
+}
+
+class StoreTest : public ::testing::Test {
+ protected:
+  qvl::StoreConfiguration config(std::uint64_t version = 1) {
+    qvl::StoreConfiguration c;
+    c.path = dir.file("test.store");
+    c.schemaVersion = version;
+    c.classes = {&ownerClass, &itemClass, &noteClass};
+    return c;
+  }
+  std::shared_ptr<Store> open() { return Store::open(config()); }
+  void TearDown() override { Store::closeThreadHandles(); }
+
+  qvl::test::TempDir dir;
+};
+
+TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey) {
+  auto store = open();
+  auto first = owner(1, "first");
+  first->setValue(kCount, std::int64_t{7});
+  first->setValue(kFlag, true);
+  first->setValue(kScore, 2.5);
+  first->setValue(kWhen, qvl::Date(std::chrono::seconds(1700000000)));
+  first->setLink(kChild, item(10, "child"));
+  first->list(kItems).assign({item(11, "a"), item(12, "b"), item(11, "a again")});
+  store->write([&] { store->addOrUpdate(first); });
+
+  auto stored = store->object(ownerClass(), 1);
+  ASSERT_TRUE(stored);
+  EXPECT_TRUE(stored->isManaged());
+  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 7);
+  EXPECT_TRUE(std::get<bool>(stored->value(kFlag)));
+  EXPECT_DOUBLE_EQ(std::get<double>(stored->value(kScore)), 2.5);
+  EXPECT_EQ(std::get<qvl::Date>(stored->value(kWhen)),
+            qvl::Date(std::chrono::seconds(1700000000)));
+  EXPECT_EQ(labelOf(stored->link(kChild)), "child");
+  auto items = stored->list(kItems).elements();
+  ASSERT_EQ(items.size(), 3u);
+  // The same key twice in one graph is one record, written last-wins, listed twice.
+  EXPECT_EQ(labelOf(items[0]), "a again");
+  EXPECT_EQ(labelOf(items[1]), "b");
+  EXPECT_TRUE(items[0]->isSameObject(*items[2]));
+  EXPECT_EQ(store->objects(itemClass()).size(), 3u);
+
+  // An update replaces every property: the list shrinks, the link clears, nulls clear.
+  auto second = owner(1, "second");
+  second->list(kItems).assign({item(12, "b2")});
+  store->write([&] { store->addOrUpdate(second); });
+  stored = store->object(ownerClass(), 1);
+  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "second");
+  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 0);
+  EXPECT_TRUE(qvl::isNull(stored->value(kScore)));
+  EXPECT_EQ(stored->link(kChild), nullptr);
+  ASSERT_EQ(stored->list(kItems).size(), 1u);
+  EXPECT_EQ(labelOf(stored->list(kItems).at(0)), "b2");
+  EXPECT_EQ(store->objects(ownerClass()).size(), 1u);
+  EXPECT_EQ(store->objects(itemClass()).size(), 3u);  // items are not owned by the list
+}
+
+TEST_F(StoreTest, RecordsWithoutKeyAndNullKeysAreInsertedOrMatchedOnce) {
+  auto store = open();
+  store->write([&] {
+    for (int i = 0; i < 3; ++i) {
+      auto note = noteClass().makeObject();
+      note->setValue(0, "n" + std::to_string(i));
+      store->addOrUpdate(note);
+    }
+    store->addOrUpdate(owner(5, "keyed"));
+    auto unkeyed = ownerClass().makeObject();
+    unkeyed->setValue(kName, "no key 1");
+    store->addOrUpdate(unkeyed);
+    auto again = ownerClass().makeObject();
+    again->setValue(kName, "no key 2");
+    store->addOrUpdate(again);
+  });
+  EXPECT_EQ(store->objects(noteClass()).size(), 3u);
+  EXPECT_EQ(store->objects(ownerClass()).size(), 2u);
+  auto unkeyed = store->object(ownerClass(), std::nullopt);
+  ASSERT_TRUE(unkeyed);
+  EXPECT_EQ(std::get<std::string>(unkeyed->value(kName)), "no key 2");
+  EXPECT_THROW(store->object(noteClass(), 1), std::logic_error);
+}
+
+TEST_F(StoreTest, CyclicUnmanagedGraphIsWritten) {
+  auto store = open();
+  auto a = owner(1, "a");
+  auto x = item(2, "x");
+  a->setLink(kChild, x);
+  a->list(kItems).append(x);
+  auto b = owner(3, "b");
+  b->list(kItems).assign({x, x});
+  store->write([&] { store->addOrUpdateAll({a, b, a}); });
+  auto storedX = store->object(itemClass(), 2);
+  auto owners = storedX->linkingObjects(kOwners).snapshot();
+  ASSERT_EQ(owners.size(), 2u);  // each owner once, though b lists x twice
+  EXPECT_EQ(std::get<std::string>(owners[0]->value(kName)), "a");
+  EXPECT_EQ(std::get<std::string>(owners[1]->value(kName)), "b");
+}
+
+TEST_F(StoreTest, DeletingARecordRemovesItFromListsAndClearsLinks) {
+  auto store = open();
+  auto o = owner(1, "o");
+  o->setLink(kChild, item(2, "two"));
+  o->list(kItems).assign({item(2, "two"), item(3, "three"), item(2, "two")});
+  store->write([&] { store->addOrUpdate(o); });
+
+  store->write([&] { store->remove(store->object(itemClass(), 2)); });
+  auto stored = store->object(ownerClass(), 1);
+  EXPECT_EQ(stored->link(kChild), nullptr);
+  auto items = stored->list(kItems).elements();
+  ASSERT_EQ(items.size(), 1u);
+  EXPECT_EQ(labelOf(items[0]), "three");
+
+  store->write([&] { store->removeWithPrimaryKeys(itemClass(), {3, 99}); });
+  EXPECT_TRUE(stored->list(kItems).empty());
+  EXPECT_EQ(store->objects(itemClass()).size(), 0u);
+  EXPECT_TRUE(stored->isInvalidated() == false);
+  store->write([&] { store->remove(stored); });
+  EXPECT_TRUE(stored->isInvalidated());
+}
+
+TEST_F(StoreTest, PredicatesFilterInStoreOrderAndListResultsKeepListOrder) {
+  auto store = open();
+  auto o = owner(1, "o");
+  o->list(kItems).assign({item(30, "c"), item(10, "a"), item(20, "b")});
+  store->write([&] {
+    store->addOrUpdate(o);
+    auto unlabeled = itemClass().makeObject();
+    unlabeled->setValue(kItemId, std::int64_t{40});
+    store->addOrUpdate(unlabeled);
+  });
+  auto in = store->objects(itemClass(), Predicate::in("itemId", {Value{std::int64_t{20}},
+                                                                 Value{std::int64_t{30}},
+                                                                 Value{std::int64_t{99}}}));
+  ASSERT_EQ(in.size(), 2u);
+  EXPECT_EQ(labelOf(in.at(0)), "c");  // store (insertion) order, not the order asked
+  EXPECT_EQ(labelOf(in.at(1)), "b");
+  EXPECT_EQ(store->objects(itemClass(), Predicate::in("itemId", {})).size(), 0u);
+  EXPECT_EQ(store->objects(itemClass(), Predicate::notNull("label")).size(), 3u);
+  EXPECT_EQ(store->objects(itemClass(), Predicate::equal("label", Value{})).size(), 1u);
+  auto both = store->objects(itemClass(), Predicate::notNull("label") &&
+                                              Predicate::equal("label", Value{std::string("a")}));
+  ASSERT_EQ(both.size(), 1u);
+
+  auto stored = store->object(ownerClass(), 1);
+  auto listed = stored->list(kItems).results().filter(
+      Predicate::in("itemId", {Value{std::int64_t{10}}, Value{std::int64_t{30}}}));
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(labelOf(listed.at(0)), "c");
+  EXPECT_EQ(labelOf(listed.at(1)), "a");
+
+  // The same filter over an unmanaged list gives the same answer in memory.
+  auto unmanaged = o->list(kItems).results().filter(
+      Predicate::in("itemId", {Value{std::int64_t{10}}, Value{std::int64_t{30}}}));
+  ASSERT_EQ(unmanaged.size(), 2u);
+  EXPECT_EQ(labelOf(unmanaged.at(1)), "a");
+  EXPECT_THROW(store->objects(itemClass(), Predicate::equal("nope", Value{})), std::invalid_argument);
+}
+
+TEST_F(StoreTest, ManagedRecordsWriteThroughInsideTransactionsOnly) {
+  auto store = open();
+  store->write([&] { store->addOrUpdate(owner(1, "o")); });
+  auto stored = store->object(ownerClass(), 1);
+  EXPECT_THROW(stored->setValue(kName, std::string("x")), std::logic_error);
+  EXPECT_THROW(stored->list(kItems).append(item(5, "e")), std::logic_error);
+  store->write([&] {
+    stored->setValue(kName, std::string("renamed"));
+    stored->list(kItems).append(item(5, "e"));
+    stored->list(kItems).insert(0, item(6, "f"));
+    stored->setLink(kChild, item(7, "g"));
+  });
+  auto again = store->object(ownerClass(), 1);
+  EXPECT_EQ(std::get<std::string>(again->value(kName)), "renamed");
+  auto items = again->list(kItems).elements();
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_EQ(labelOf(items[0]), "f");
+  EXPECT_EQ(labelOf(items[1]), "e");
+  EXPECT_EQ(labelOf(again->link(kChild)), "g");
+  store->write([&] { again->list(kItems).remove(0); });
+  EXPECT_EQ(labelOf(again->list(kItems).at(0)), "e");
+  EXPECT_THROW(again->setValue(kCount, std::string("text")), std::invalid_argument);
+  EXPECT_THROW(again->setValue(kFlag, Value{}), std::invalid_argument);
+}
+
+TEST_F(StoreTest, FailedWriteBlockRollsBackAndTransactionsDoNotNest) {
+  auto store = open();
+  EXPECT_THROW(store->write([&] {
+    store->addOrUpdate(owner(1, "lost"));
+    throw std::runtime_error("caller failed");
+  }),
+               std::runtime_error);
+  EXPECT_EQ(store->objects(ownerClass()).size(), 0u);
+  {
+    qvl::WriteTransaction transaction(*store);
+    store->addOrUpdate(owner(2, "also lost"));
+    EXPECT_THROW(store->beginWrite(), std::logic_error);
+  }
+  EXPECT_FALSE(store->isInWriteTransaction());
+  EXPECT_EQ(store->objects(ownerClass()).size(), 0u);
+}
+
+TEST_F(StoreTest, DataSurvivesCloseAndReopen) {
+  {
+    auto store = open();
+    auto o = owner(1, "kept");
+    o->list(kItems).assign({item(2, "listed")});
+    store->write([&] { store->addOrUpdate(o); });
+  }
+  Store::closeThreadHandles();
+  auto store = open();
+  auto stored = store->object(ownerClass(), 1);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "kept");
+  EXPECT_EQ(labelOf(stored->list(kItems).at(0)), "listed");
+}
+
+TEST_F(StoreTest, LiveResultsSeeACommitMadeLaterOnAnotherThread) {
+  auto store = open();
+  auto all = store->objects(ownerClass());
+  auto named = store->objects(ownerClass(), Predicate::equal("name", Value{std::string("x")}));
+  EXPECT_EQ(all.size(), 0u);
+  std::thread writer([this] {
+    auto other = open();
+    other->write([&] { other->addOrUpdate(owner(1, "x")); });
+  });
+  writer.join();
+  EXPECT_EQ(all.size(), 1u);
+  EXPECT_EQ(named.size(), 1u);
+  // The handle and its records stay on their thread.
+  std::thread intruder([&] { EXPECT_THROW(store->objects(ownerClass()), std::logic_error); });
+  intruder.join();
+}
+
+TEST_F(StoreTest, WritersOnSeveralThreadsAreSerialisedAndLoseNothing) {
+  constexpr int kThreads = 4;
+  constexpr int kWrites = 100;
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t, &failures] {
+      try {
+        auto store = open();
+        for (int i = 0; i < kWrites; ++i) {
+          store->write([&] {
+            store->addOrUpdate(owner(t * kWrites + i + 1, "w"));
+            // A shared record updated by every writer: read-modify-write under the lock.
+            auto counter = store->object(itemClass(), 0);
+            int seen = counter ? std::stoi(labelOf(counter)) : 0;
+            store->addOrUpdate(item(0, std::to_string(seen + 1)));
+          });
+        }
+      } catch (...) {
+        ++failures;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(failures.load(), 0);
+  auto store = open();
+  EXPECT_EQ(store->objects(ownerClass()).size(), static_cast<size_t>(kThreads * kWrites));
+  EXPECT_EQ(labelOf(store->object(itemClass(), 0)), std::to_string(kThreads * kWrites));
+}
+
+// An older shape of Owner: "title" instead of "name", no "flag", "score" absent.
+const ObjectClass& oldOwnerClass() {
+  static const ObjectClass cls("Owner",
+                               {{"ownerId", PropertyKind::Int, true},
+                                {"title", PropertyKind::String, true},
+                                {"count", PropertyKind::Int32}},
+                               "ownerId", [] { return std::make_shared<Record>(oldOwnerClass()); });
+  return cls;
+}
+
+TEST_F(StoreTest, MigrationRenamesKeepingValuesAndNewColumnsAreAdded) {
+  {
+    qvl::StoreConfiguration old = config(1);
+    old.classes = {&oldOwnerClass};
+    auto store = Store::open(old);
+    auto o = oldOwnerClass().makeObject();
+    o->setValue(0, std::int64_t{1});
+    o->setValue(1, std::string("old title"));
+    o->setValue(2, std::int64_t{4});
+    store->write([&] { store->addOrUpdate(o); });
+  }
+  Store::closeThreadHandles();
+  std::vector<std::uint64_t> seen;
+  qvl::StoreConfiguration next = config(2);
+  next.migration = [&](qvl::Migration& migration, std::uint64_t oldVersion) {
+    seen.push_back(oldVersion);
+    EXPECT_TRUE(migration.hasProperty("Owner", "title"));
+    EXPECT_FALSE(migration.hasProperty("Owner", "name"));
+    migration.renameProperty("Owner", "title", "name");
+  };
+  auto store = Store::open(next);
+  EXPECT_EQ(seen, std::vector<std::uint64_t>{1});
+  auto stored = store->object(ownerClass(), 1);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "old title");
+  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 4);
+  EXPECT_FALSE(std::get<bool>(stored->value(kFlag)));  // added column reads as default
+  store->write([&] { store->addOrUpdate(owner(2, "new")); });
+  EXPECT_EQ(store->objects(ownerClass()).size(), 2u);
+
+  // Opening the same version again runs no migration.
+  Store::closeThreadHandles();
+  Store::open(next);
+  EXPECT_EQ(seen.size(), 1u);
+}
+
+TEST_F(StoreTest, OpeningFailsForANewerFileOrAFailingMigration) {
+  Store::open(config(5));
+  Store::closeThreadHandles();
+  EXPECT_THROW(Store::open(config(4)), qvl::StoreError);
+  qvl::StoreConfiguration failing = config(6);
+  failing.migration = [](qvl::Migration& m, std::uint64_t) {
+    m.renameProperty("Owner", "missing", "other");
+  };
+  EXPECT_THROW(Store::open(failing), qvl::StoreError);
+  // The failed upgrade left the file as it was.
+  EXPECT_NO_THROW(Store::open(config(5)));
+  qvl::StoreConfiguration unusable = config(1);
+  unusable.path = dir.path();  // a directory, not a file
+  EXPECT_THROW(Store::open(unusable), qvl::StoreError);
+}
+
+}  // namespace
