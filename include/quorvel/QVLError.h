@@ -12,6 +12,8 @@
 /// an argument. "QVLTransportErrorDomain": no answer came (code = libcurl's code,
 /// user information {"message": text}). "QVLMappingErrorDomain": a record of the answer
 /// had a value of the wrong kind (user information {"errorMessage": text}).
+/// "QVLStoreErrorDomain": the answer came but the library's store could not be opened or
+/// written (user information {"errorMessage": text}); nothing was stored.
 struct QVLError {
   std::string domain;
   long long code = 0;
@@ -23,3 +25,4 @@ struct QVLError {
 inline constexpr const char* kQVLApiClientErrorDomain = "QVLApiClientErrorDomain";
 inline constexpr const char* kQVLTransportErrorDomain = "QVLTransportErrorDomain";
 inline constexpr const char* kQVLMappingErrorDomain = "QVLMappingErrorDomain";
+inline constexpr const char* kQVLStoreErrorDomain = "QVLStoreErrorDomain";

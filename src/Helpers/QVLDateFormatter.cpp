@@ -25,12 +25,12 @@ std::optional<qvl::Date> QVLDateFormatter::dateFrom(std::string_view text) const
   int y, mo, d, h, mi, s;
   if (text.size() < 20 || !digits(text, 0, 4, &y) || text[4] != '-' || !digits(text, 5, 2, &mo) ||
       text[7] != '-' || !digits(text, 8, 2, &d) || text[10] != 'T' || !digits(text, 11, 2, &h) ||
-      text[13] != ':' || !digits(text, 14, 2, &mi) || text[16] != ':' ||
-      !digits(text, 17, 2, &s)) {
+      text[13] != ':' || !digits(text, 14, 2, &mi) || text[16] != ':' || !digits(text, 17, 2, &s)) {
     return std::nullopt;
   }
   if (h > 23 || mi > 59 || s > 59) return std::nullopt;
-  year_month_day day{year{y}, month{static_cast<unsigned>(mo)}, std::chrono::day{static_cast<unsigned>(d)}};
+  year_month_day day{year{y}, month{static_cast<unsigned>(mo)},
+                     std::chrono::day{static_cast<unsigned>(d)}};
   if (!day.ok()) return std::nullopt;
 
   std::string_view zone = text.substr(19);

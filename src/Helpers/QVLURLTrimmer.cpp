@@ -1,6 +1,7 @@
 #include "quorvel/Helpers/QVLURLTrimmer.h"
 
-std::optional<qvl::Url> QVLURLTrimmer::trimmedURLFromString(const std::optional<std::string>& text) {
+std::optional<qvl::Url> QVLURLTrimmer::trimmedURLFromString(
+    const std::optional<std::string>& text) {
   if (!text) return std::nullopt;
   const std::string& s = *text;
   size_t first = s.find_first_not_of(" \t");

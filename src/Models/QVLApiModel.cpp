@@ -7,8 +7,8 @@
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Log.h"
 
-using qvl::PropertyKind;
 using nlohmann::json;
+using qvl::PropertyKind;
 
 // ---- QVLRelationshipMapping ------------------------------------------------------------
 
@@ -63,8 +63,7 @@ void checkIndex(const QVLModelClass::Declaration& d, int index, const std::strin
 
 QVLModelClass::Declaration& QVLModelClass::Declaration::property(int index,
                                                                  std::string propertyName,
-                                                                 PropertyKind kind,
-                                                                 bool optional) {
+                                                                 PropertyKind kind, bool optional) {
   checkIndex(*this, index, propertyName);
   bool alwaysOptional = kind == PropertyKind::String || kind == PropertyKind::Date;
   properties.push_back({std::move(propertyName), kind, optional || alwaysOptional, nullptr, {}});
@@ -85,8 +84,10 @@ QVLModelClass::Declaration& QVLModelClass::Declaration::list(int index, std::str
   return *this;
 }
 
-QVLModelClass::Declaration& QVLModelClass::Declaration::linkingObjects(
-    int index, std::string propertyName, qvl::ObjectClassRef origin, std::string originProperty) {
+QVLModelClass::Declaration& QVLModelClass::Declaration::linkingObjects(int index,
+                                                                       std::string propertyName,
+                                                                       qvl::ObjectClassRef origin,
+                                                                       std::string originProperty) {
   checkIndex(*this, index, propertyName);
   properties.push_back({std::move(propertyName), PropertyKind::LinkingObjects, false, origin,
                         std::move(originProperty)});
@@ -132,24 +133,28 @@ std::optional<std::string> QVLModelClass::propertyTypeFromPropertyString(
   if (index < 0) return std::nullopt;
   const qvl::Property& p = property(index);
   switch (p.kind) {
-    case PropertyKind::Date: return "NSDate";
-    case PropertyKind::String: return "NSString";
+    case PropertyKind::Date:
+      return "NSDate";
+    case PropertyKind::String:
+      return "NSString";
     case PropertyKind::Int:
       return p.optional ? std::optional<std::string>("NSNumber<RLMInt>") : std::nullopt;
     case PropertyKind::Double:
       return p.optional ? std::optional<std::string>("NSNumber<RLMDouble>") : std::nullopt;
-    case PropertyKind::Link: return p.target().name();
-    case PropertyKind::List: return "RLMArray<" + p.target().name() + ">";
-    case PropertyKind::LinkingObjects: return "RLMLinkingObjects";
-    default: return std::nullopt;
+    case PropertyKind::Link:
+      return p.target().name();
+    case PropertyKind::List:
+      return "RLMArray<" + p.target().name() + ">";
+    case PropertyKind::LinkingObjects:
+      return "RLMLinkingObjects";
+    default:
+      return std::nullopt;
   }
 }
 
 const QVLModelClass::Compiled& QVLModelClass::compiled() const {
   std::call_once(compileOnce_, [this] {
-    auto fail = [this](const std::string& what) {
-      throw std::logic_error(name() + ": " + what);
-    };
+    auto fail = [this](const std::string& what) { throw std::logic_error(name() + ": " + what); };
     for (const auto& [key, propertyName] : mapping()) {
       int index = propertyIndex(propertyName);
       if (index < 0 || !property(index).isScalar()) {
@@ -220,16 +225,16 @@ qvl::Value convert(const QVLModelClass& cls, const qvl::Property& p, const std::
         n = v.get<std::int64_t>();
       } else if (v.is_number_float()) {
         double d = v.get<double>();
-        if (!std::isfinite(d) || d >= 9.2e18 || d <= -9.2e18) reject(cls, key, "number out of range");
+        if (!std::isfinite(d) || d >= 9.2e18 || d <= -9.2e18)
+          reject(cls, key, "number out of range");
         n = static_cast<std::int64_t>(d);
       } else if (v.is_boolean()) {
         n = v.get<bool>() ? 1 : 0;
       } else {
         reject(cls, key, "expected a number");
       }
-      if (p.kind == PropertyKind::Int32 &&
-          (n < std::numeric_limits<std::int32_t>::min() ||
-           n > std::numeric_limits<std::int32_t>::max())) {
+      if (p.kind == PropertyKind::Int32 && (n < std::numeric_limits<std::int32_t>::min() ||
+                                            n > std::numeric_limits<std::int32_t>::max())) {
         reject(cls, key, "number out of 32-bit range");
       }
       return n;
@@ -252,7 +257,8 @@ qvl::Value convert(const QVLModelClass& cls, const qvl::Property& p, const std::
       auto date = QVLDateFormatter::dateFromString(v.get_ref<const std::string&>());
       return date ? qvl::Value{*date} : qvl::Value{};
     }
-    default: reject(cls, key, "not a value property");
+    default:
+      reject(cls, key, "not a value property");
   }
 }
 
@@ -336,8 +342,8 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& diction
 }  // namespace
 
 const QVLModelClass& QVLApiModel::modelClass() {
-  static const QVLModelClass cls(QVLModelClass::Declaration(
-      "QVLApiModel", [] { return std::shared_ptr<qvl::Object>(); }));
+  static const QVLModelClass cls(
+      QVLModelClass::Declaration("QVLApiModel", [] { return std::shared_ptr<qvl::Object>(); }));
   return cls;
 }
 
@@ -376,8 +382,7 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     } catch (const QVLMappingError& e) {
       qvl::log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
       if (rejected) {
-        rejected->push_back(
-            QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
+        rejected->push_back(QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
       }
     }
   }
@@ -392,10 +397,14 @@ nlohmann::json QVLApiModel::toDictionary() const {
   json out = json::object();
   for (const auto& field : compiled.fields) {
     qvl::Value v = value(field.property);
-    if (auto* i = std::get_if<std::int64_t>(&v)) out[field.key] = *i;
-    else if (auto* d = std::get_if<double>(&v)) out[field.key] = *d;
-    else if (auto* b = std::get_if<bool>(&v)) out[field.key] = *b;
-    else if (auto* s = std::get_if<std::string>(&v)) out[field.key] = *s;
+    if (auto* i = std::get_if<std::int64_t>(&v))
+      out[field.key] = *i;
+    else if (auto* d = std::get_if<double>(&v))
+      out[field.key] = *d;
+    else if (auto* b = std::get_if<bool>(&v))
+      out[field.key] = *b;
+    else if (auto* s = std::get_if<std::string>(&v))
+      out[field.key] = *s;
     else if (auto* t = std::get_if<qvl::Date>(&v))
       out[field.key] = QVLDateFormatter::formattedStringFromDate(*t);
   }

@@ -30,11 +30,20 @@ const QVLModelClass& QVLMedia::modelClass() {
 std::optional<qvl::Url> QVLMedia::urlInSize(int size) const {
   std::optional<std::string> text;
   switch (size) {
-    case QVLMediaSizeOriginal: text = urlOriginal(); break;
-    case QVLMediaSizeLarge: text = urlLarge(); break;
-    case QVLMediaSizeMobile: text = urlMobile(); break;
-    case QVLMediaSizeThumbnail: text = urlThumbnail(); break;
-    default: break;
+    case QVLMediaSizeOriginal:
+      text = urlOriginal();
+      break;
+    case QVLMediaSizeLarge:
+      text = urlLarge();
+      break;
+    case QVLMediaSizeMobile:
+      text = urlMobile();
+      break;
+    case QVLMediaSizeThumbnail:
+      text = urlThumbnail();
+      break;
+    default:
+      break;
   }
   if (!text) text = urlOriginal();
   return text ? qvl::Url::parse(*text) : std::nullopt;

@@ -16,12 +16,21 @@ bool charactersAllowed(std::string_view text) {
     auto c = static_cast<unsigned char>(text[i]);
     if (c <= 0x20 || c >= 0x7f) return false;
     switch (c) {
-      case '"': case '<': case '>': case '\\': case '^': case '`': case '{': case '|': case '}':
+      case '"':
+      case '<':
+      case '>':
+      case '\\':
+      case '^':
+      case '`':
+      case '{':
+      case '|':
+      case '}':
         return false;
       case '%':
         if (i + 2 >= text.size() || !isHex(text[i + 1]) || !isHex(text[i + 2])) return false;
         break;
-      default: break;
+      default:
+        break;
     }
   }
   return true;

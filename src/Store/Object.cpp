@@ -11,15 +11,24 @@ namespace {
 
 const char* kindName(PropertyKind kind) {
   switch (kind) {
-    case PropertyKind::Int: return "integer";
-    case PropertyKind::Int32: return "32-bit integer";
-    case PropertyKind::Bool: return "boolean";
-    case PropertyKind::Double: return "double";
-    case PropertyKind::String: return "text";
-    case PropertyKind::Date: return "date";
-    case PropertyKind::Link: return "link";
-    case PropertyKind::List: return "list";
-    case PropertyKind::LinkingObjects: return "inverse relation";
+    case PropertyKind::Int:
+      return "integer";
+    case PropertyKind::Int32:
+      return "32-bit integer";
+    case PropertyKind::Bool:
+      return "boolean";
+    case PropertyKind::Double:
+      return "double";
+    case PropertyKind::String:
+      return "text";
+    case PropertyKind::Date:
+      return "date";
+    case PropertyKind::Link:
+      return "link";
+    case PropertyKind::List:
+      return "list";
+    case PropertyKind::LinkingObjects:
+      return "inverse relation";
   }
   return "?";
 }
@@ -28,10 +37,14 @@ Value defaultValue(const Property& p) {
   if (p.optional) return {};
   switch (p.kind) {
     case PropertyKind::Int:
-    case PropertyKind::Int32: return std::int64_t{0};
-    case PropertyKind::Bool: return false;
-    case PropertyKind::Double: return 0.0;
-    default: return {};
+    case PropertyKind::Int32:
+      return std::int64_t{0};
+    case PropertyKind::Bool:
+      return false;
+    case PropertyKind::Double:
+      return 0.0;
+    default:
+      return {};
   }
 }
 
@@ -39,15 +52,15 @@ Value defaultValue(const Property& p) {
 
 Object::Object(const ObjectClass& objectClass)
     : class_(&objectClass), slots_(objectClass.properties().size()) {
-  for (size_t i = 0; i < slots_.size(); ++i) slots_[i].value = defaultValue(class_->properties()[i]);
+  for (size_t i = 0; i < slots_.size(); ++i)
+    slots_[i].value = defaultValue(class_->properties()[i]);
 }
 
 Object::~Object() = default;
 
 const Property& Object::checkedProperty(int index) const {
   if (index < 0 || static_cast<size_t>(index) >= slots_.size()) {
-    throw std::invalid_argument(class_->name() + ": no property at index " +
-                                std::to_string(index));
+    throw std::invalid_argument(class_->name() + ": no property at index " + std::to_string(index));
   }
   return class_->properties()[static_cast<size_t>(index)];
 }
@@ -129,7 +142,8 @@ void Object::setValue(int index, Value value) {
       case PropertyKind::Date:
         if (!std::holds_alternative<Date>(value)) reject("expects a date");
         break;
-      default: break;
+      default:
+        break;
     }
   }
   if (store_) {
@@ -173,8 +187,10 @@ void Object::setLink(int index, std::shared_ptr<Object> target) {
     std::int64_t row = target ? StoreAccess::upsertGraph(*store_, target) : 0;
     auto& impl = StoreAccess::impl(*store_);
     StatementUse use(impl.statement(impl.info(*class_).updateColumn[static_cast<size_t>(index)]));
-    if (row) use.bindInt(1, row);
-    else use.bindNull(1);
+    if (row)
+      use.bindInt(1, row);
+    else
+      use.bindNull(1);
     use.bindInt(2, row_);
     use.step();
     ++impl.changeCounter;
@@ -220,14 +236,19 @@ void Object::copyProperty(const Object& source, int index) {
   }
   const Property& p = checkedProperty(index);
   switch (p.kind) {
-    case PropertyKind::Link: setLink(index, source.link(index)); break;
+    case PropertyKind::Link:
+      setLink(index, source.link(index));
+      break;
     case PropertyKind::List: {
       auto owner = std::const_pointer_cast<Object>(source.shared_from_this());
       list(index).assign(AnyList(owner, index).elements());
       break;
     }
-    case PropertyKind::LinkingObjects: break;
-    default: setValue(index, source.value(index)); break;
+    case PropertyKind::LinkingObjects:
+      break;
+    default:
+      setValue(index, source.value(index));
+      break;
   }
 }
 

@@ -4,8 +4,8 @@
 
 namespace qvl {
 
-ObjectClass::ObjectClass(std::string name, std::vector<Property> properties,
-                         std::string primaryKey, Factory factory)
+ObjectClass::ObjectClass(std::string name, std::vector<Property> properties, std::string primaryKey,
+                         Factory factory)
     : name_(std::move(name)),
       properties_(std::move(properties)),
       primaryKey_(std::move(primaryKey)),

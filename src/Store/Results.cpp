@@ -103,7 +103,9 @@ void AnyResults::refreshRows() const {
   std::vector<std::string> where;
   std::string order = "t._rowid";
   switch (scope_.kind) {
-    case Scope::Kind::None: sql += info.table + " t"; break;
+    case Scope::Kind::None:
+      sql += info.table + " t";
+      break;
     case Scope::Kind::List: {
       const ClassInfo& owner = impl.info(*scope_.otherClass);
       const auto& list = owner.lists[static_cast<size_t>(owner.listOfProperty[scope_.listIndex])];
@@ -115,8 +117,7 @@ void AnyResults::refreshRows() const {
     }
     case Scope::Kind::Inverse: {
       const ClassInfo& origin = impl.info(*scope_.otherClass);
-      const auto& list =
-          origin.lists[static_cast<size_t>(origin.listOfProperty[scope_.listIndex])];
+      const auto& list = origin.lists[static_cast<size_t>(origin.listOfProperty[scope_.listIndex])];
       sql += info.table + " t";
       where.push_back("t._rowid IN (SELECT owner FROM " + list.table + " WHERE target=?)");
       bindings.emplace_back(scope_.row);
@@ -126,7 +127,9 @@ void AnyResults::refreshRows() const {
   for (const auto& clause : predicate_.clauses()) {
     std::string column = "t." + quoteIdentifier(clause.key);
     switch (clause.op) {
-      case Predicate::Op::NotNull: where.push_back(column + " IS NOT NULL"); break;
+      case Predicate::Op::NotNull:
+        where.push_back(column + " IS NOT NULL");
+        break;
       case Predicate::Op::Equal: {
         Stored v = stored(clause.values.front());
         if (std::holds_alternative<std::monostate>(v)) {
@@ -153,10 +156,14 @@ void AnyResults::refreshRows() const {
   for (size_t i = 0; i < bindings.size(); ++i) {
     int position = static_cast<int>(i) + 1;
     const Stored& b = bindings[i];
-    if (auto* n = std::get_if<std::int64_t>(&b)) use.bindInt(position, *n);
-    else if (auto* d = std::get_if<double>(&b)) sqlite3_bind_double(use.get(), position, *d);
-    else if (auto* s = std::get_if<std::string>(&b)) use.bindText(position, *s);
-    else use.bindNull(position);
+    if (auto* n = std::get_if<std::int64_t>(&b))
+      use.bindInt(position, *n);
+    else if (auto* d = std::get_if<double>(&b))
+      sqlite3_bind_double(use.get(), position, *d);
+    else if (auto* s = std::get_if<std::string>(&b))
+      use.bindText(position, *s);
+    else
+      use.bindNull(position);
   }
   std::vector<std::int64_t> rows;
   while (use.step()) rows.push_back(use.columnInt(0));
@@ -257,7 +264,8 @@ std::vector<std::shared_ptr<Object>> AnyList::elements() const {
   auto& impl = StoreAccess::impl(*owner_->store());
   const ClassInfo& target = impl.info(objectClass());
   std::vector<std::shared_ptr<Object>> out;
-  for (std::int64_t row : impl.listRows(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_))) {
+  for (std::int64_t row :
+       impl.listRows(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_))) {
     if (auto object = impl.load(*owner_->store(), target, row)) out.push_back(std::move(object));
   }
   return out;

@@ -39,9 +39,12 @@ namespace {
 
 const char* columnType(PropertyKind kind) {
   switch (kind) {
-    case PropertyKind::Double: return "REAL";
-    case PropertyKind::String: return "TEXT";
-    default: return "INTEGER";
+    case PropertyKind::Double:
+      return "REAL";
+    case PropertyKind::String:
+      return "TEXT";
+    default:
+      return "INTEGER";
   }
 }
 
@@ -96,15 +99,15 @@ std::unique_ptr<ClassInfo> buildClassInfo(const ObjectClass& cls) {
   }
   std::string cols = join(names, ",");
   std::vector<std::string> marks(names.size(), "?");
-  info->selectRow = "SELECT _rowid" + (cols.empty() ? "" : "," + cols) + " FROM " + T +
-                    " WHERE _rowid=?";
+  info->selectRow =
+      "SELECT _rowid" + (cols.empty() ? "" : "," + cols) + " FROM " + T + " WHERE _rowid=?";
   info->exists = "SELECT 1 FROM " + T + " WHERE _rowid=?";
   info->deleteRowsIn = "DELETE FROM " + T + " WHERE _rowid" + inRows;
   if (names.empty()) {
     info->insert = "INSERT INTO " + T + " DEFAULT VALUES RETURNING _rowid";
   } else {
-    info->insert = "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") +
-                   ") RETURNING _rowid";
+    info->insert =
+        "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") + ") RETURNING _rowid";
     std::vector<std::string> sets;
     for (size_t c = 0; c < names.size(); ++c) sets.push_back(names[c] + "=?");
     info->updateRow = "UPDATE " + T + " SET " + join(sets, ",") + " WHERE _rowid=?";
@@ -114,6 +117,8 @@ std::unique_ptr<ClassInfo> buildClassInfo(const ObjectClass& cls) {
     info->rowForKey = "SELECT _rowid FROM " + T + " WHERE " + pk + "=?";
     info->rowForNullKey = "SELECT _rowid FROM " + T + " WHERE " + pk + " IS NULL LIMIT 1";
     info->rowsForKeysIn = "SELECT _rowid FROM " + T + " WHERE " + pk + inRows;
+    info->rowsNotForKeysIn =
+        "SELECT _rowid FROM " + T + " WHERE " + pk + " IS NULL OR " + pk + " NOT" + inRows;
     std::vector<std::string> updates;
     for (const auto& n : names) {
       if (n != pk) updates.push_back(n + "=excluded." + n);
@@ -197,18 +202,25 @@ void Store::Impl::bindValue(StatementUse& use, int position, const Property& pro
     return;
   }
   switch (property.kind) {
-    case PropertyKind::Bool: use.bindInt(position, std::get<bool>(value) ? 1 : 0); break;
+    case PropertyKind::Bool:
+      use.bindInt(position, std::get<bool>(value) ? 1 : 0);
+      break;
     case PropertyKind::Double:
       sqlite3_bind_double(use.get(), position, std::get<double>(value));
       break;
-    case PropertyKind::String: use.bindText(position, std::get<std::string>(value)); break;
-    case PropertyKind::Date: use.bindInt(position, dateToStored(std::get<Date>(value))); break;
-    default: use.bindInt(position, std::get<std::int64_t>(value)); break;
+    case PropertyKind::String:
+      use.bindText(position, std::get<std::string>(value));
+      break;
+    case PropertyKind::Date:
+      use.bindInt(position, dateToStored(std::get<Date>(value)));
+      break;
+    default:
+      use.bindInt(position, std::get<std::int64_t>(value));
+      break;
   }
 }
 
-void Store::Impl::fill(Object& object, const ClassInfo& info, StatementUse& use,
-                       int firstColumn) {
+void Store::Impl::fill(Object& object, const ClassInfo& info, StatementUse& use, int firstColumn) {
   for (size_t c = 0; c < info.columns.size(); ++c) {
     int col = firstColumn + static_cast<int>(c);
     int index = info.columns[c];
@@ -219,13 +231,19 @@ void Store::Impl::fill(Object& object, const ClassInfo& info, StatementUse& use,
     switch (p.kind) {
       case PropertyKind::Int:
       case PropertyKind::Int32:
-        if (null) slot.value = p.optional ? Value{} : Value{std::int64_t{0}};
-        else slot.value = static_cast<std::int64_t>(sqlite3_column_int64(s, col));
+        if (null)
+          slot.value = p.optional ? Value{} : Value{std::int64_t{0}};
+        else
+          slot.value = static_cast<std::int64_t>(sqlite3_column_int64(s, col));
         break;
-      case PropertyKind::Bool: slot.value = !null && sqlite3_column_int64(s, col) != 0; break;
+      case PropertyKind::Bool:
+        slot.value = !null && sqlite3_column_int64(s, col) != 0;
+        break;
       case PropertyKind::Double:
-        if (null) slot.value = p.optional ? Value{} : Value{0.0};
-        else slot.value = sqlite3_column_double(s, col);
+        if (null)
+          slot.value = p.optional ? Value{} : Value{0.0};
+        else
+          slot.value = sqlite3_column_double(s, col);
         break;
       case PropertyKind::String:
         if (null) {
@@ -243,7 +261,8 @@ void Store::Impl::fill(Object& object, const ClassInfo& info, StatementUse& use,
         slot.linkRow = null ? 0 : sqlite3_column_int64(s, col);
         slot.linkResolved = slot.linkRow == 0;
         break;
-      default: break;
+      default:
+        break;
     }
   }
 }
@@ -350,8 +369,10 @@ class GraphWriter {
         const Property& p = cls.property(index);
         int position = static_cast<int>(c) + 1;
         if (p.kind == PropertyKind::Link) {
-          if (linkRows[c]) use.bindInt(position, linkRows[c]);
-          else use.bindNull(position);
+          if (linkRows[c])
+            use.bindInt(position, linkRows[c]);
+          else
+            use.bindNull(position);
         } else {
           impl_.bindValue(use, position, p, object->value(index));
         }
@@ -367,9 +388,8 @@ class GraphWriter {
       }
     }
     if (!row) {
-      const std::string& sql = cls.primaryKeyIndex() >= 0 && object->primaryKeyValue()
-                                   ? info.upsert
-                                   : info.insert;
+      const std::string& sql =
+          cls.primaryKeyIndex() >= 0 && object->primaryKeyValue() ? info.upsert : info.insert;
       StatementUse use(impl_.statement(sql));
       bindColumns(use);
       if (!use.step()) throw StoreError("store: no row written for " + cls.name());
@@ -416,9 +436,8 @@ class GraphWriter {
  private:
   static void checkClass(const Object& target, const Property& property) {
     if (target.objectClass().name() != property.target().name()) {
-      throw std::logic_error("property " + property.name + " holds " +
-                             property.target().name() + " records, not " +
-                             target.objectClass().name());
+      throw std::logic_error("property " + property.name + " holds " + property.target().name() +
+                             " records, not " + target.objectClass().name());
     }
   }
 
@@ -618,7 +637,8 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
     for (const auto& list : info->lists) impl.incoming[list.target->name()].lists.push_back(&list);
     for (int index : info->columns) {
       const Property& p = cls.property(index);
-      if (p.kind == PropertyKind::Link) impl.incoming[p.target().name()].links.push_back({info, index});
+      if (p.kind == PropertyKind::Link)
+        impl.incoming[p.target().name()].links.push_back({info, index});
     }
   }
 
@@ -707,21 +727,35 @@ void Store::remove(const std::shared_ptr<Object>& object) {
   if (!object || object->store().get() != this) {
     throw std::logic_error("only records of this store handle can be deleted");
   }
-  impl_->deleteRows(impl_->info(object->objectClass()), "[" + std::to_string(StoreAccess::row(*object)) + "]");
+  impl_->deleteRows(impl_->info(object->objectClass()),
+                    "[" + std::to_string(StoreAccess::row(*object)) + "]");
 }
 
 void Store::removeWithPrimaryKeys(const ObjectClass& objectClass,
                                   const std::vector<std::int64_t>& keys) {
+  if (keys.empty()) {
+    checkWrite();
+    return;
+  }
+  removeRowsSelectedBy(objectClass, &ClassInfo::rowsForKeysIn, keys);
+}
+
+void Store::removeAllExceptPrimaryKeys(const ObjectClass& objectClass,
+                                       const std::vector<std::int64_t>& keys) {
+  removeRowsSelectedBy(objectClass, &ClassInfo::rowsNotForKeysIn, keys);
+}
+
+void Store::removeRowsSelectedBy(const ObjectClass& objectClass, std::string ClassInfo::*query,
+                                 const std::vector<std::int64_t>& keys) {
   checkWrite();
   const ClassInfo& info = impl_->info(objectClass);
   if (info.rowsForKeysIn.empty()) {
     throw std::logic_error(objectClass.name() + " has no primary key");
   }
-  if (keys.empty()) return;
   std::string keysJson = nlohmann::json(keys).dump();
   std::string rows = "[";
   {
-    StatementUse use(impl_->statement(info.rowsForKeysIn));
+    StatementUse use(impl_->statement(info.*query));
     use.bindText(1, keysJson);
     bool first = true;
     while (use.step()) {
@@ -731,7 +765,7 @@ void Store::removeWithPrimaryKeys(const ObjectClass& objectClass,
     }
   }
   rows += ']';
-  impl_->deleteRows(info, rows);
+  if (rows != "[]") impl_->deleteRows(info, rows);
 }
 
 AnyResults Store::objects(const ObjectClass& objectClass, const Predicate& predicate) {

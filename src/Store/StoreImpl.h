@@ -5,8 +5,8 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -52,15 +52,15 @@ struct ClassInfo {
   };
 
   const ObjectClass* objectClass = nullptr;
-  std::string table;                 // quoted
-  std::vector<int> columns;          // property indexes stored as columns, in column order
-  std::vector<int> columnOfProperty; // property index -> position in `columns`, or -1
-  std::vector<int> listOfProperty;   // property index -> position in `lists`, or -1
+  std::string table;                  // quoted
+  std::vector<int> columns;           // property indexes stored as columns, in column order
+  std::vector<int> columnOfProperty;  // property index -> position in `columns`, or -1
+  std::vector<int> listOfProperty;    // property index -> position in `lists`, or -1
   std::vector<ListInfo> lists;
   std::string selectRow, rowForKey, rowForNullKey, upsert, insert, updateRow, deleteRow, exists;
   std::vector<std::string> updateColumn;  // by property index (columns only)
   std::vector<std::string> clearLinksIn;  // by property index (links only)
-  std::string rowsForKeysIn, deleteRowsIn;
+  std::string rowsForKeysIn, rowsNotForKeysIn, deleteRowsIn;
 
   static const ClassInfo& of(const ObjectClass& objectClass);
 };

@@ -108,8 +108,7 @@ TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey)
   EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 7);
   EXPECT_TRUE(std::get<bool>(stored->value(kFlag)));
   EXPECT_DOUBLE_EQ(std::get<double>(stored->value(kScore)), 2.5);
-  EXPECT_EQ(std::get<qvl::Date>(stored->value(kWhen)),
-            qvl::Date(std::chrono::seconds(1700000000)));
+  EXPECT_EQ(std::get<qvl::Date>(stored->value(kWhen)), qvl::Date(std::chrono::seconds(1700000000)));
   EXPECT_EQ(labelOf(stored->link(kChild)), "child");
   auto items = stored->list(kItems).elements();
   ASSERT_EQ(items.size(), 3u);
@@ -206,9 +205,9 @@ TEST_F(StoreTest, PredicatesFilterInStoreOrderAndListResultsKeepListOrder) {
     unlabeled->setValue(kItemId, std::int64_t{40});
     store->addOrUpdate(unlabeled);
   });
-  auto in = store->objects(itemClass(), Predicate::in("itemId", {Value{std::int64_t{20}},
-                                                                 Value{std::int64_t{30}},
-                                                                 Value{std::int64_t{99}}}));
+  auto in = store->objects(
+      itemClass(), Predicate::in("itemId", {Value{std::int64_t{20}}, Value{std::int64_t{30}},
+                                            Value{std::int64_t{99}}}));
   ASSERT_EQ(in.size(), 2u);
   EXPECT_EQ(labelOf(in.at(0)), "c");  // store (insertion) order, not the order asked
   EXPECT_EQ(labelOf(in.at(1)), "b");
@@ -231,7 +230,8 @@ TEST_F(StoreTest, PredicatesFilterInStoreOrderAndListResultsKeepListOrder) {
       Predicate::in("itemId", {Value{std::int64_t{10}}, Value{std::int64_t{30}}}));
   ASSERT_EQ(unmanaged.size(), 2u);
   EXPECT_EQ(labelOf(unmanaged.at(1)), "a");
-  EXPECT_THROW(store->objects(itemClass(), Predicate::equal("nope", Value{})), std::invalid_argument);
+  EXPECT_THROW(store->objects(itemClass(), Predicate::equal("nope", Value{})),
+               std::invalid_argument);
 }
 
 TEST_F(StoreTest, ManagedRecordsWriteThroughInsideTransactionsOnly) {

@@ -80,9 +80,7 @@ class QVLModelClass : public qvl::ObjectClass {
   const std::optional<std::vector<QVLRelationshipMapping>>& mappingRelationships() const {
     return relationships_;
   }
-  const std::optional<std::vector<std::string>>& protectedProperties() const {
-    return protected_;
-  }
+  const std::optional<std::vector<std::string>>& protectedProperties() const { return protected_; }
   const std::vector<std::string>& ignoredProperties() const { return ignored_; }
 
   /// The property's class name as the original runtime declared it ("NSDate",
@@ -151,8 +149,8 @@ class QVLApiModel : public qvl::Object {
                                                                   const nlohmann::json& dictionary,
                                                                   qvl::Store* realm);
   /// The same against the calling thread's default store (QVLRealm::realm()).
-  static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(
-      const QVLModelClass& cls, const nlohmann::json& dictionary);
+  static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                  const nlohmann::json& dictionary);
   /// One record per element, in order, against the default store. A rejected element
   /// (wrong kind) is left out, logged as "QuorvelSDK: Rejected <class> record: <reason>"
   /// and, when rejected is given, appended to it as a QVLMappingErrorDomain error. A value
@@ -208,9 +206,7 @@ class QVLModel : public QVLApiModel {
   }
   static const std::string& primaryKey() { return T::modelClass().primaryKey(); }
   static const std::string& apiResourcePlural() { return T::modelClass().apiResourcePlural(); }
-  static const std::string& apiResourceSingular() {
-    return T::modelClass().apiResourceSingular();
-  }
+  static const std::string& apiResourceSingular() { return T::modelClass().apiResourceSingular(); }
   static qvl::Results<T> allObjectsInRealm(qvl::Store& realm) { return realm.objects<T>(); }
   static qvl::Results<T> objectsInRealm(qvl::Store& realm, const qvl::Predicate& predicate) {
     return realm.objects<T>(predicate);

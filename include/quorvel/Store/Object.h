@@ -89,11 +89,11 @@ class Object : public std::enable_shared_from_this<Object> {
   friend class StoreAccess;
 
   struct Slot {
-    Value value;                                 // scalars
-    std::shared_ptr<Object> link;                // to-one, unmanaged or resolved
-    std::int64_t linkRow = 0;                    // to-one of a managed record, 0 = none
-    bool linkResolved = true;                    // managed: link loaded from linkRow
-    std::vector<std::shared_ptr<Object>> list;   // lists of an unmanaged record
+    Value value;                                // scalars
+    std::shared_ptr<Object> link;               // to-one, unmanaged or resolved
+    std::int64_t linkRow = 0;                   // to-one of a managed record, 0 = none
+    bool linkResolved = true;                   // managed: link loaded from linkRow
+    std::vector<std::shared_ptr<Object>> list;  // lists of an unmanaged record
   };
 
   const Property& checkedProperty(int index) const;

@@ -66,9 +66,9 @@ class AnyResults {
 
   struct Scope {
     enum class Kind { None, List, Inverse } kind = Kind::None;
-    std::int64_t row = 0;                 // the list's owner, or the record pointed at
+    std::int64_t row = 0;                     // the list's owner, or the record pointed at
     const ObjectClass* otherClass = nullptr;  // owner class / class holding the list
-    int listIndex = -1;                   // the list property in otherClass
+    int listIndex = -1;                       // the list property in otherClass
   };
 
  private:
@@ -147,9 +147,17 @@ class Results {
         : items_(std::move(items)), i_(i) {}
     reference operator*() const { return (*items_)[i_]; }
     pointer operator->() const { return &(*items_)[i_]; }
-    iterator& operator++() { ++i_; return *this; }
-    iterator operator++(int) { auto old = *this; ++i_; return old; }
+    iterator& operator++() {
+      ++i_;
+      return *this;
+    }
+    iterator operator++(int) {
+      auto old = *this;
+      ++i_;
+      return old;
+    }
     bool operator==(const iterator& o) const { return i_ == o.i_; }
+
    private:
     std::shared_ptr<const std::vector<value_type>> items_;
     std::size_t i_ = 0;

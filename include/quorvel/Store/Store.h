@@ -15,6 +15,8 @@
 
 namespace qvl {
 
+struct ClassInfo;
+
 /// Opening failed (file unusable, schema version going backwards, a migration that
 /// threw) or the engine reported an error. what() carries the engine's message.
 class StoreError : public std::runtime_error {
@@ -113,14 +115,17 @@ class Store : public std::enable_shared_from_this<Store> {
   void remove(const std::shared_ptr<Object>& object);
   /// Deletes the records of a class whose primary key is among keys, in one statement
   /// per list and link that can point at them. Needs a write transaction.
-  void removeWithPrimaryKeys(const ObjectClass& objectClass,
-                             const std::vector<std::int64_t>& keys);
+  void removeWithPrimaryKeys(const ObjectClass& objectClass, const std::vector<std::int64_t>& keys);
+
+  /// Deletes every record of a class whose primary key is null or not among keys: what
+  /// a complete answer for the class did not list. Needs a write transaction.
+  void removeAllExceptPrimaryKeys(const ObjectClass& objectClass,
+                                  const std::vector<std::int64_t>& keys);
 
   AnyResults objects(const ObjectClass& objectClass, const Predicate& predicate = {});
   /// The record whose primary key equals key (a null key finds a record stored without
   /// one), or nullptr. Throws std::logic_error for a class without a primary key.
-  std::shared_ptr<Object> object(const ObjectClass& objectClass,
-                                 std::optional<std::int64_t> key);
+  std::shared_ptr<Object> object(const ObjectClass& objectClass, std::optional<std::int64_t> key);
 
   template <class T>
   Results<T> objects(const Predicate& predicate = {}) {
@@ -145,6 +150,8 @@ class Store : public std::enable_shared_from_this<Store> {
   Store(std::string path, std::uint64_t schemaVersion);
   void checkThread() const;
   void checkWrite() const;
+  void removeRowsSelectedBy(const ObjectClass& objectClass, std::string ClassInfo::*query,
+                            const std::vector<std::int64_t>& keys);
 
   std::string path_;
   std::uint64_t schemaVersion_;

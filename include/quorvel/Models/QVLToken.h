@@ -1,0 +1,40 @@
+#pragma once
+// The bearer token that authorises the client's requests.
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+/// The host supplies the token (a JSON Web Token) and saves it; the library only reads it,
+/// afresh for every request, so a saved token applies from the next request on.
+///
+/// Persisted in the standard user defaults (qvl::UserDefaults) under "QVLAuthJWTToken" as a
+/// keyed archive: the JSON object {"$class": "QVLToken", "content": <text or null>}.
+/// Thread-safe: content is guarded, and the defaults are.
+class QVLToken {
+ public:
+  static constexpr const char* kDefaultsKey = "QVLAuthJWTToken";
+
+  /// A new token holding content (the text after "Bearer ").
+  static std::shared_ptr<QVLToken> initWithContent(std::optional<std::string> content);
+
+  std::optional<std::string> content() const;
+  void setContent(std::optional<std::string> content);
+
+  /// Archives this token under "QVLAuthJWTToken", replacing the current one, and forces
+  /// the defaults to disk. Returns false (and logs) when the file could not be written.
+  bool saveToken() const;
+  /// The saved token, or nullptr when none is saved. Bytes that do not decode as a token
+  /// archive are logged ("QuorvelSDK: Unreadable token archive") and give nullptr.
+  static std::shared_ptr<QVLToken> currentToken();
+
+  /// The keyed archive of this token.
+  std::string encodeWithCoder() const;
+  /// A token from an archive, or nullptr when the bytes are not one.
+  static std::shared_ptr<QVLToken> initWithCoder(const std::string& archive);
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<std::string> content_;
+};

@@ -1,0 +1,240 @@
+#include "quorvel/Managers/QVLApiClient.h"
+
+#include <mutex>
+
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Models/QVLToken.h"
+#include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/PinValidator.h"
+
+namespace {
+
+std::mutex& configurationMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::string& configuredDomain() {
+  static std::string domain;
+  return domain;
+}
+
+// Default pins for the service's keys (two in use, two backups). A deployment whose
+// certificates differ sets its own with setPublicKeyHashes().
+std::vector<std::string>& configuredPins() {
+  static std::vector<std::string> pins = {
+      "u5QgXsm3mR2BdgFXk9Ax4e9hDAYWpNmf1pSgTyRzrSE=",
+      "3kcNJzkUJ1RqMXJzFX4Zxux5WfETK+uL6Viq9lJNn4o=",
+      "H0IkzshPyZztiB/2/P8UFFgrHDeeMObK6JQRt8UJrcI=",
+      "r/mIkG3eEpVdm+u/ko/cwxzOMo1bk4TyHIlByibiA5E=",
+  };
+  return pins;
+}
+
+void appendHex(std::string& out, unsigned char c) {
+  static const char* digits = "0123456789ABCDEF";
+  out += '%';
+  out += digits[c >> 4];
+  out += digits[c & 15];
+}
+
+// One path segment: RFC 3986 pchar stays, everything else is percent-encoded.
+std::string encodePathSegment(const std::string& segment) {
+  std::string out;
+  for (unsigned char c : segment) {
+    bool keep =
+        std::isalnum(c) ||
+        std::string_view("-._~!$&'()*+,;=:@").find(static_cast<char>(c)) != std::string_view::npos;
+    if (keep && c < 0x80)
+      out += static_cast<char>(c);
+    else
+      appendHex(out, c);
+  }
+  return out;
+}
+
+// Query text travels literally; only what a URL cannot carry is percent-encoded.
+std::string encodeQueryText(const std::string& text) {
+  std::string out;
+  for (unsigned char c : text) {
+    bool unsafe =
+        c <= 0x20 || c >= 0x7f ||
+        std::string_view("%#\"<>\\^`{|}").find(static_cast<char>(c)) != std::string_view::npos;
+    if (unsafe)
+      appendHex(out, c);
+    else
+      out += static_cast<char>(c);
+  }
+  return out;
+}
+
+std::string hostOf(const std::string& domain) {
+  // "localhost:8443" → "localhost"; an IPv6 literal is not a service domain.
+  return domain.substr(0, domain.find(':'));
+}
+
+}  // namespace
+
+QVLApiClient& QVLApiClient::sharedClient() {
+  // Never destroyed: sessions still running at exit may call their delegate.
+  static std::shared_ptr<QVLApiClient>* client =
+      new std::shared_ptr<QVLApiClient>(new QVLApiClient());
+  return **client;
+}
+
+void QVLApiClient::setEnvironment(QVLApiEnvironment environment) {
+  if (environment_.exchange(environment, std::memory_order_relaxed) == environment) return;
+  setupPinning();
+}
+
+void QVLApiClient::setApiDomain(std::string domain) {
+  std::lock_guard lock(configurationMutex());
+  configuredDomain() = std::move(domain);
+}
+
+std::string QVLApiClient::apiDomain() {
+  std::lock_guard lock(configurationMutex());
+  return configuredDomain().empty() ? kDefaultApiDomain : configuredDomain();
+}
+
+std::vector<std::string> QVLApiClient::publicKeyHashes() {
+  std::lock_guard lock(configurationMutex());
+  return configuredPins();
+}
+
+void QVLApiClient::setPublicKeyHashes(std::vector<std::string> pins) {
+  std::lock_guard lock(configurationMutex());
+  configuredPins() = std::move(pins);
+}
+
+std::string QVLApiClient::baseURL() const {
+  const char* subdomain = nullptr;
+  switch (static_cast<std::uint32_t>(environment())) {
+    case QVLApiEnvironmentUnset:
+      qvl::log("QuorvelSDK: No valid ApiEnvironment key provided - using dev environment");
+      subdomain = "dev";
+      break;
+    case QVLApiEnvironmentDev:
+      subdomain = "dev";
+      break;
+    case QVLApiEnvironmentApi:
+      subdomain = "api";
+      break;
+    case QVLApiEnvironmentPlay:
+      subdomain = "play";
+      break;
+    default:
+      subdomain = "(null)";
+      break;
+  }
+  return std::string("https://") + subdomain + "." + apiDomain();
+}
+
+std::string QVLApiClient::baseURLV8() const { return baseURL() + "/v8"; }
+
+std::optional<std::string> QVLApiClient::apiKey() const {
+  nlohmann::json info = qvl::BundleInfo::infoDictionary();
+  auto settings = info.find("QuorvelSDK");
+  if (settings != info.end() && settings->is_object()) {
+    auto key = settings->find("ApiKey");
+    if (key != settings->end() && key->is_string()) return key->get<std::string>();
+  }
+  qvl::log("QuorvelSDK: No valid ApiKey provided. Add your key in your Info.plist");
+  return std::nullopt;
+}
+
+std::string QVLApiClient::appVersion() const {
+  nlohmann::json info = qvl::BundleInfo::infoDictionary();
+  auto version = info.find("CFBundleShortVersionString");
+  if (version != info.end() && version->is_string()) return version->get<std::string>();
+  return "N/A";
+}
+
+qvl::HttpHeaders QVLApiClient::headers() const {
+  qvl::HttpHeaders headers = {
+      {"Content-Type", "application/json"},
+      {"Accept", "application/json"},
+      {"X-App-Version-Code", appVersion()},
+  };
+  if (auto key = apiKey()) headers.emplace_back("X-Api-Key", *key);
+  if (auto token = QVLToken::currentToken()) {
+    headers.emplace_back("Authorization", "Bearer " + token->content().value_or("(null)"));
+  }
+  return headers;
+}
+
+std::shared_ptr<qvl::HttpSession> QVLApiClient::urlSession() {
+  qvl::HttpSessionConfiguration configuration;
+  configuration.additionalHeaders = headers();
+  return qvl::HttpSession::create(std::move(configuration), shared_from_this());
+}
+
+qvl::HttpRequest QVLApiClient::apiGetRequest(const std::string& resource,
+                                             std::optional<std::int64_t> id,
+                                             const std::optional<std::string>& relationship,
+                                             const std::optional<std::string>& includes,
+                                             const std::optional<LimitFields>& limitFields) const {
+  std::string url = baseURLV8() + "/" + encodePathSegment(resource);
+  if (id) url += "/" + std::to_string(*id);
+  if (relationship) url += "/relationships/" + encodePathSegment(*relationship);
+  std::string query;
+  auto add = [&query](const std::string& name, const std::string& value) {
+    query += query.empty() ? "?" : "&";
+    query += encodeQueryText(name) + "=" + encodeQueryText(value);
+  };
+  if (includes) add("include", *includes);
+  if (limitFields) {
+    for (const auto& [type, fields] : *limitFields) add("fields[" + type + "]", fields);
+  }
+  qvl::HttpRequest request;
+  request.method = "GET";
+  request.url = url + query;
+  return request;
+}
+
+qvl::HttpRequest QVLApiClient::apiPostRequest(const std::string& resource,
+                                              const nlohmann::json& object) const {
+  qvl::HttpRequest request;
+  request.method = "POST";
+  request.url = baseURLV8() + "/" + encodePathSegment(resource);
+  try {
+    request.body = object.dump();
+  } catch (const nlohmann::json::exception&) {
+    request.body.clear();  // text that is not UTF-8 cannot be serialised: the body stays empty
+  }
+  return request;
+}
+
+bool QVLApiClient::successfulResponse(const qvl::HttpResponse& response) {
+  return response.statusCode >= 200 && response.statusCode < 300;
+}
+
+QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
+                                         const std::string& data) {
+  QVLError error{kQVLApiClientErrorDomain, response.statusCode, std::nullopt};
+  auto body = nlohmann::json::parse(data, nullptr, false);
+  if (body.is_object() || body.is_array()) error.userInfo = std::move(body);
+  return error;
+}
+
+std::shared_ptr<qvl::Store> QVLApiClient::realm() const { return QVLRealm::realm(); }
+
+void QVLApiClient::setupPinning() {
+  qvl::PinnedDomainConfiguration domain;
+  domain.domain = hostOf(apiDomain());
+  domain.includeSubdomains = true;
+  domain.publicKeyAlgorithms = {"RSA2048", "RSA4096"};
+  domain.reportUris = {baseURL() + "/ssl-reporting"};
+  domain.publicKeyHashes = publicKeyHashes();
+  qvl::PinningConfiguration configuration;
+  configuration.pinnedDomains.push_back(std::move(domain));
+  qvl::PinValidator::shared().configure(std::move(configuration));
+}
+
+qvl::TrustDisposition QVLApiClient::didReceiveServerTrustChallenge(
+    const qvl::ServerTrustChallenge& challenge) {
+  qvl::TrustDisposition disposition = qvl::TrustDisposition::PerformDefaultHandling;
+  if (qvl::PinValidator::shared().handleChallenge(challenge, &disposition)) return disposition;
+  return qvl::TrustDisposition::PerformDefaultHandling;
+}

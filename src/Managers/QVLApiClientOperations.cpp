@@ -1,0 +1,277 @@
+#include <unordered_set>
+
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Managers/QVLApiClient.h"
+#include "quorvel/Models/QVLPost.h"
+#include "quorvel/Models/QVLRedemption.h"
+#include "quorvel/Platform/Queue.h"
+
+namespace {
+
+QVLError storeError(const std::string& message) {
+  return QVLError{kQVLStoreErrorDomain, 1, nlohmann::json{{"errorMessage", message}}};
+}
+
+QVLError mappingError(const std::string& message) {
+  return QVLError{kQVLMappingErrorDomain, 1, nlohmann::json{{"errorMessage", message}}};
+}
+
+std::shared_ptr<qvl::Store> openStore() {
+  auto realm = QVLRealm::realm();
+  if (!realm) throw qvl::StoreError("the QuorvelSDK store could not be opened");
+  return realm;
+}
+
+std::vector<std::optional<std::int64_t>> keysOf(
+    const std::vector<std::shared_ptr<QVLApiModel>>& records) {
+  std::vector<std::optional<std::int64_t>> keys;
+  keys.reserve(records.size());
+  for (const auto& record : records) keys.push_back(record->primaryKeyValue());
+  return keys;
+}
+
+}  // namespace
+
+// ---- parsing and saving --------------------------------------------------------------------
+
+std::shared_ptr<QVLApiModel> QVLApiClient::parseJSONObjectData(const std::string& data,
+                                                               const QVLModelClass& cls) {
+  auto json = nlohmann::json::parse(data, nullptr, false);
+  if (!json.is_object()) json = nullptr;  // no dictionary: every key is missing
+  return QVLApiModel::newObjectWithJSONDictionary(cls, json);
+}
+
+std::vector<std::shared_ptr<QVLApiModel>> QVLApiClient::parseJSONArrayData(
+    const std::string& data, const QVLModelClass& cls) {
+  auto json = nlohmann::json::parse(data, nullptr, false);
+  return QVLApiModel::newObjectsWithJSONArray(cls, json);
+}
+
+std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLApiModel>& record,
+                                                      const QVLModelClass& cls) {
+  auto realm = openStore();
+  realm->write([&] { realm->addOrUpdate(record); });
+  if (cls.primaryKeyIndex() < 0) return nullptr;
+  return std::static_pointer_cast<QVLApiModel>(realm->object(cls, record->primaryKeyValue()));
+}
+
+qvl::AnyResults QVLApiClient::saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
+                                          const QVLModelClass& cls) {
+  auto realm = openStore();
+  realm->write([&] {
+    realm->addOrUpdateAll(
+        std::vector<std::shared_ptr<qvl::Object>>(records.begin(), records.end()));
+  });
+  std::vector<qvl::Value> keys;
+  keys.reserve(records.size());
+  for (const auto& key : keysOf(records)) {
+    if (key) keys.emplace_back(*key);
+    else keys.emplace_back();
+  }
+  return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), std::move(keys)));
+}
+
+void QVLApiClient::parseAndSaveJSONObjectData(const std::string& data, const QVLModelClass& cls,
+                                              const ObjectCompletion& completion) {
+  std::shared_ptr<QVLApiModel> saved;
+  std::optional<QVLError> error;
+  try {
+    saved = saveObject(parseJSONObjectData(data, cls), cls);
+  } catch (const QVLMappingError& e) {
+    error = mappingError(e.what());
+  } catch (const std::exception& e) {  // any failure while storing still completes once
+    error = storeError(e.what());
+  }
+  completion(std::move(saved), std::move(error));
+}
+
+void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLModelClass& cls,
+                                             const ListCompletion& completion) {
+  std::optional<qvl::AnyResults> saved;
+  std::optional<QVLError> error;
+  try {
+    saved = saveObjects(parseJSONArrayData(data, cls), cls);
+  } catch (const std::exception& e) {  // any failure while storing still completes once
+    error = storeError(e.what());
+  }
+  completion(std::move(saved), std::move(error));
+}
+
+// ---- requests ------------------------------------------------------------------------------
+
+void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest request,
+                                   bool removeStale, ListCompletion completion) {
+  auto self = shared_from_this();
+  urlSession()->dataTask(
+      std::move(request), [self, &cls, removeStale, completion = std::move(completion)](
+                              std::string body, std::optional<qvl::HttpResponse> response,
+                              std::optional<QVLError> transportError) {
+        if (transportError) return completion(std::nullopt, std::move(transportError));
+        if (!successfulResponse(*response)) {
+          return completion(std::nullopt, errorWithResponse(*response, body));
+        }
+        std::optional<qvl::AnyResults> saved;
+        std::optional<QVLError> error;
+        try {
+          auto records = parseJSONArrayData(body, cls);
+          saved = self->saveObjects(records, cls);
+          if (removeStale) {
+            // The answer is the class's complete set: drop every stored record
+            // it did not list.
+            std::vector<std::int64_t> keep;
+            keep.reserve(records.size());
+            for (const auto& key : keysOf(records)) {
+              if (key) keep.push_back(*key);
+            }
+            auto realm = openStore();
+            realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
+          }
+        } catch (const std::exception& e) {  // any failure while storing still completes once
+          saved.reset();
+          error = storeError(e.what());
+        }
+        completion(std::move(saved), std::move(error));
+      });
+}
+
+void QVLApiClient::sendObjectRequest(const QVLModelClass& cls, qvl::HttpRequest request,
+                                     ObjectCompletion completion) {
+  auto self = shared_from_this();
+  urlSession()->dataTask(std::move(request),
+                         [self, &cls, completion = std::move(completion)](
+                             std::string body, std::optional<qvl::HttpResponse> response,
+                             std::optional<QVLError> transportError) {
+                           if (transportError)
+                             return completion(nullptr, std::move(transportError));
+                           if (!successfulResponse(*response)) {
+                             return completion(nullptr, errorWithResponse(*response, body));
+                           }
+                           self->parseAndSaveJSONObjectData(body, cls, completion);
+                         });
+}
+
+void QVLApiClient::sendRequest(qvl::HttpRequest request, ErrorCompletion completion) {
+  urlSession()->dataTask(std::move(request),
+                         [completion = std::move(completion)](
+                             std::string body, std::optional<qvl::HttpResponse> response,
+                             std::optional<QVLError> transportError) {
+                           if (transportError) return completion(std::move(transportError));
+                           if (!successfulResponse(*response))
+                             return completion(errorWithResponse(*response, body));
+                           completion(std::nullopt);
+                         });
+}
+
+void QVLApiClient::getObjects(const QVLModelClass& cls, const std::optional<std::string>& includes,
+                              const std::optional<LimitFields>& limitFields,
+                              ListCompletion completion) {
+  sendListRequest(
+      cls,
+      apiGetRequest(cls.apiResourcePlural(), std::nullopt, std::nullopt, includes, limitFields),
+      true, std::move(completion));
+}
+
+void QVLApiClient::getObject(const QVLModelClass& cls, std::int64_t withId,
+                             const std::optional<std::string>& includes,
+                             const std::optional<LimitFields>& limitFields,
+                             ObjectCompletion completion) {
+  sendObjectRequest(
+      cls, apiGetRequest(cls.apiResourcePlural(), withId, std::nullopt, includes, limitFields),
+      std::move(completion));
+}
+
+void QVLApiClient::getObjectsRelatedTo(const QVLModelClass& cls, const QVLModelClass& relatedTo,
+                                       std::int64_t withId,
+                                       const std::optional<std::string>& includes,
+                                       const std::optional<LimitFields>& limitFields,
+                                       ListCompletion completion) {
+  sendListRequest(cls,
+                  apiGetRequest(relatedTo.apiResourcePlural(), withId, cls.apiResourcePlural(),
+                                includes, limitFields),
+                  false, std::move(completion));
+}
+
+void QVLApiClient::getObjectRelatedTo(const QVLModelClass& cls, const QVLModelClass& relatedTo,
+                                      std::int64_t withId,
+                                      const std::optional<std::string>& includes,
+                                      const std::optional<LimitFields>& limitFields,
+                                      ObjectCompletion completion) {
+  sendObjectRequest(cls,
+                    apiGetRequest(relatedTo.apiResourcePlural(), withId, cls.apiResourceSingular(),
+                                  includes, limitFields),
+                    std::move(completion));
+}
+
+void QVLApiClient::postObject(const std::shared_ptr<QVLApiModel>& record,
+                              ErrorCompletion completion) {
+  sendRequest(apiPostRequest(record->apiModelClass().apiResourcePlural(), record->toDictionary()),
+              std::move(completion));
+}
+
+void QVLApiClient::postObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
+                               ErrorCompletion completion) {
+  if (records.empty()) {
+    // Nothing to send; still complete off the caller's thread, like every request.
+    auto queue = std::make_shared<qvl::SerialQueue>();
+    queue->async([queue, completion = std::move(completion)] { completion(std::nullopt); });
+    return;
+  }
+  sendRequest(apiPostRequest(records.front()->apiModelClass().apiResourcePlural(),
+                             QVLApiModel::arrayOfDictionariesFromObjects(records)),
+              std::move(completion));
+}
+
+void QVLApiClient::postAndSaveObject(const std::shared_ptr<QVLApiModel>& record,
+                                     ObjectCompletion completion) {
+  const QVLModelClass& cls = record->apiModelClass();
+  sendObjectRequest(cls, apiPostRequest(cls.apiResourcePlural(), record->toDictionary()),
+                    std::move(completion));
+}
+
+void QVLApiClient::syncRelations(const std::optional<qvl::AnyList>& relations,
+                                 const std::shared_ptr<QVLApiModel>& forObject,
+                                 const std::optional<std::string>& withRelationshipString,
+                                 ErrorCompletion completion) {
+  if (!relations || !forObject) {
+    completion(QVLError{kQVLApiClientErrorDomain, 0,
+                        nlohmann::json{{"errorMessage",
+                                        "Missing 'object' and 'relations' parameters on "
+                                        "syncRelations in QVLApiClient"}}});
+    return;
+  }
+  const QVLModelClass& ownerClass = forObject->apiModelClass();
+  const auto* elementClass = dynamic_cast<const QVLModelClass*>(&relations->objectClass());
+  if (!elementClass) {
+    throw std::logic_error("syncRelations: " + relations->objectClassName() +
+                           " is not a record class");
+  }
+  auto ownerKey = forObject->primaryKeyValue();
+  std::string url = baseURLV8() + "/" + ownerClass.apiResourcePlural() + "/" +
+                    (ownerKey ? std::to_string(*ownerKey) : "(null)") + "/relationships/" +
+                    withRelationshipString.value_or(elementClass->apiResourcePlural());
+
+  const bool posts = elementClass == &QVLPost::modelClass();
+  nlohmann::json body = nlohmann::json::array();
+  for (const auto& element : relations->elements()) {
+    nlohmann::json item = {{"type", elementClass->apiResourcePlural()}};
+    auto key = element->primaryKeyValue();
+    item["id"] = key ? nlohmann::json(*key) : nlohmann::json(nullptr);
+    if (posts) {
+      auto post = std::static_pointer_cast<QVLPost>(element);
+      item["read"] = post->read();
+      item["saved"] = post->saved();
+    }
+    body.push_back(std::move(item));
+  }
+  qvl::HttpRequest request;
+  request.method = "PUT";
+  request.url = std::move(url);
+  request.body = body.dump();
+  sendRequest(std::move(request), std::move(completion));
+}
+
+void QVLApiClient::redeemPrize(const nlohmann::json& prizeIdentifier, ErrorCompletion completion) {
+  sendRequest(apiPostRequest(QVLRedemption::modelClass().apiResourcePlural(),
+                             nlohmann::json{{"prize_id", prizeIdentifier}}),
+              std::move(completion));
+}

@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "quorvel/Helpers/QVLDateFormatter.h"
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Helpers/QVLURLTrimmer.h"
+#include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Platform/Log.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using namespace std::chrono;
+
+qvl::Date utc(int y, unsigned mo, unsigned d, int h, int mi, int s) {
+  return qvl::Date(sys_days(year{y} / month{mo} / day{d}) + hours(h) + minutes(mi) + seconds(s));
+}
+
+TEST(DateFormatterTest, ParsesZonesIntoUtcAndPrintsUtc) {
+  auto date = QVLDateFormatter::dateFromString("2016-01-31T23:59:59+0100");
+  ASSERT_TRUE(date);
+  EXPECT_EQ(*date, utc(2016, 1, 31, 22, 59, 59));
+  EXPECT_EQ(QVLDateFormatter::formattedStringFromDate(*date), "2016-01-31T22:59:59+0000");
+  // Offsets that cross a day, month and year boundary.
+  EXPECT_EQ(QVLDateFormatter::dateFromString("2016-12-31T23:30:00-0130"), utc(2017, 1, 1, 1, 0, 0));
+  EXPECT_EQ(QVLDateFormatter::dateFromString("2016-03-01T00:30:00+02:00"),
+            utc(2016, 2, 29, 22, 30, 0));
+  EXPECT_EQ(QVLDateFormatter::dateFromString("2016-01-31T23:59:59Z"), utc(2016, 1, 31, 23, 59, 59));
+  EXPECT_EQ(QVLDateFormatter::dateFromString("2016-01-31T23:59:59+05"),
+            utc(2016, 1, 31, 18, 59, 59));
+  // Printing drops fractions toward the past, also before 1970.
+  EXPECT_EQ(
+      QVLDateFormatter::formattedStringFromDate(utc(1969, 12, 31, 23, 59, 59) + milliseconds(500)),
+      "1969-12-31T23:59:59+0000");
+  auto formatter = QVLDateFormatter::dateFormatter();
+  EXPECT_STREQ(formatter.pattern(), "yyyy-MM-dd'T'HH:mm:ssZZZ");
+  EXPECT_EQ(formatter.stringFrom(utc(2017, 3, 5, 14, 7, 9)), "2017-03-05T14:07:09+0000");
+}
+
+TEST(DateFormatterTest, RejectsTextOutsideThePattern) {
+  for (const char* text :
+       {"2016-01-31T23:59:59", "2016-01-31 23:59:59+0000", "2016-02-30T10:00:00+0000",
+        "2016-13-01T10:00:00+0000", "2016-01-31T24:00:00+0000", "2016-01-31T23:59:59.250+0000",
+        "2016-01-31T23:59:59+0000x", "2016-01-31T23:59:59+00:0", "2016-1-31T23:59:59+0000", "",
+        "yesterday"}) {
+    EXPECT_EQ(QVLDateFormatter::dateFromString(text), std::nullopt) << text;
+  }
+}
+
+TEST(URLTrimmerTest, TrimsAndAddsAMissingScheme) {
+  auto url = QVLURLTrimmer::trimmedURLFromString(std::string("quorvel.example "));
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->absoluteString(), "http://quorvel.example");
+  EXPECT_EQ(url->host(), "quorvel.example");
+  url = QVLURLTrimmer::trimmedURLFromString(std::string("\thttps://shop.example/a?b=1 "));
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->absoluteString(), "https://shop.example/a?b=1");
+  EXPECT_EQ(url->scheme(), "https");
+  url = QVLURLTrimmer::trimmedURLFromString(std::string("www.facebook.com/shop"));
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->absoluteString(), "http://www.facebook.com/shop");
+  EXPECT_EQ(url->path(), "/shop");
+  url = QVLURLTrimmer::trimmedURLFromString(std::string("mailto:shop@example.com"));
+  ASSERT_TRUE(url);  // any scheme is kept
+  EXPECT_EQ(url->absoluteString(), "mailto:shop@example.com");
+
+  EXPECT_EQ(QVLURLTrimmer::trimmedURLFromString(std::string("   ")), std::nullopt);
+  EXPECT_EQ(QVLURLTrimmer::trimmedURLFromString(std::nullopt), std::nullopt);
+  EXPECT_EQ(QVLURLTrimmer::trimmedURLFromString(std::string("two words.example")), std::nullopt);
+  // Line breaks are not trimmed, and a URL cannot carry them.
+  EXPECT_EQ(QVLURLTrimmer::trimmedURLFromString(std::string("shop.example\n")), std::nullopt);
+  EXPECT_EQ(qvl::Url::parse("http://bad host/"), std::nullopt);
+  EXPECT_EQ(qvl::Url::parse("http://x.example/%zz"), std::nullopt);
+}
+
+class RealmTest : public ::testing::Test {
+ protected:
+  void SetUp() override { QVLRealm::setStoreDirectory(dir.path() + "/store"); }
+  void TearDown() override {
+    qvl::Store::closeThreadHandles();
+    QVLRealm::setStoreDirectory("");
+    qvl::setLogSink({});
+  }
+
+  // Makes a store file of an older version whose media table still has "urlString".
+  void makeOldFile(std::uint64_t version) {
+    static const qvl::ObjectClass oldMedia(
+        "QVLMedia",
+        {{"mediaId", qvl::PropertyKind::Int, true}, {"urlString", qvl::PropertyKind::String, true}},
+        "mediaId", [] { return std::shared_ptr<qvl::Object>(); });
+    std::filesystem::create_directories(dir.path() + "/store");
+    qvl::StoreConfiguration c;
+    c.path = QVLRealm::configuration().path;
+    c.schemaVersion = version;
+    c.classes = {[]() -> const qvl::ObjectClass& { return oldMedia; }};
+    qvl::Store::open(c);
+    qvl::Store::closeThreadHandles();
+    // The row goes in through SQLite itself: the old shape has no C++ record type.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(c.path.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db,
+                           "INSERT INTO QVLMedia(mediaId, urlString) VALUES(1, "
+                           "'https://cdn.example/1.png')",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+  }
+
+  qvl::test::TempDir dir;
+};
+
+TEST_F(RealmTest, OpensTheLibraryFileAtVersion19) {
+  auto realm = QVLRealm::realm();
+  ASSERT_TRUE(realm);
+  EXPECT_EQ(realm->path(), dir.path() + "/store/QuorvelSDK.realm");
+  EXPECT_EQ(realm->schemaVersion(), 19u);
+  struct stat info {};
+  ASSERT_EQ(stat((dir.path() + "/store").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+  // The same thread gets the same handle back.
+  EXPECT_EQ(QVLRealm::realm(), realm);
+}
+
+TEST_F(RealmTest, Version17FileMovesUrlStringToUrlOriginal) {
+  makeOldFile(17);
+  auto realm = QVLRealm::realm();
+  ASSERT_TRUE(realm);
+  auto media = realm->object<QVLMedia>(1);
+  ASSERT_TRUE(media);
+  EXPECT_EQ(media->urlOriginal(), "https://cdn.example/1.png");
+}
+
+TEST_F(RealmTest, Version18FileIsOpenedWithoutTheRename) {
+  makeOldFile(18);
+  auto realm = QVLRealm::realm();
+  ASSERT_TRUE(realm);
+  auto media = realm->object<QVLMedia>(1);
+  ASSERT_TRUE(media);
+  EXPECT_EQ(media->urlOriginal(), std::nullopt);
+}
+
+TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
+  std::vector<std::string> lines;
+  qvl::setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+  std::ofstream(dir.path() + "/blocker") << "a file where the directory should be";
+  QVLRealm::setStoreDirectory(dir.path() + "/blocker");
+  EXPECT_EQ(QVLRealm::realm(), nullptr);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].rfind("Couldn't create the QuorvelSDK Realm instance: ", 0), 0u) << lines[0];
+}
+
+}  // namespace
