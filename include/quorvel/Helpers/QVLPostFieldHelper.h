@@ -1,0 +1,16 @@
+#pragma once
+// Reads the JSON that some post fields carry.
+
+#include <optional>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+/// Stateless; safe on any thread.
+class QVLPostFieldHelper {
+ public:
+  /// The JSON object in text (standard JSON, no comments or other extensions). On a parse
+  /// error, or when the text holds a value other than an object, logs
+  /// "Couldn't parse QVLPostField to JSON: <error>" through qvl::log and returns nullopt.
+  static std::optional<nlohmann::json> parseStringToJSON(std::string_view text);
+};

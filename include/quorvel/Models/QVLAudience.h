@@ -1,0 +1,37 @@
+#pragma once
+// A group of guests that a set of posts is meant for.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Models/QVLPost.h"
+
+/// Primary key `audienceId`; resources "audiences" / "audience". Relation: "posts" (list).
+/// Threads: those of every record (qvl::Object).
+class QVLAudience : public QVLModel<QVLAudience> {
+ public:
+  enum Property : int {
+    kAudienceId,
+    kName,
+    kPosts,
+    kCreatedAt,
+    kUpdatedAt,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> audienceId() const { return optionalInt(kAudienceId); }
+  void setAudienceId(std::optional<std::int64_t> v) { setOptionalInt(kAudienceId, v); }
+  std::optional<std::string> name() const { return stringValue(kName); }
+  void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
+  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
+  qvl::List<QVLPost> posts() const {
+    return qvl::List<QVLPost>(std::const_pointer_cast<qvl::Object>(shared_from_this()), kPosts);
+  }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+};

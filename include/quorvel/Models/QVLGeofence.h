@@ -1,0 +1,62 @@
+#pragma once
+// A circular area on the ground that the organization watches.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Models/QVLPost.h"
+#include "quorvel/Platform/Region.h"
+
+/// Primary key `geofenceId`; resources "geofences" / "geofence". Relation: "posts" (list).
+/// Threads: those of every record (qvl::Object).
+class QVLGeofence : public QVLModel<QVLGeofence> {
+ public:
+  enum Property : int {
+    kGeofenceId,
+    kName,
+    kMessage,
+    kLatitude,
+    kLongitude,
+    kRadius,
+    kPosts,
+    kCreatedAt,
+    kUpdatedAt,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> geofenceId() const { return optionalInt(kGeofenceId); }
+  void setGeofenceId(std::optional<std::int64_t> v) { setOptionalInt(kGeofenceId, v); }
+  std::optional<std::string> name() const { return stringValue(kName); }
+  void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
+  std::optional<std::string> message() const { return stringValue(kMessage); }
+  void setMessage(std::optional<std::string> v) { setString(kMessage, std::move(v)); }
+  double latitude() const { return doubleValue(kLatitude); }
+  void setLatitude(double v) { setValue(kLatitude, v); }
+  double longitude() const { return doubleValue(kLongitude); }
+  void setLongitude(double v) { setValue(kLongitude, v); }
+  /// Metres.
+  double radius() const { return doubleValue(kRadius); }
+  void setRadius(double v) { setValue(kRadius, v); }
+  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
+  qvl::List<QVLPost> posts() const {
+    return qvl::List<QVLPost>(std::const_pointer_cast<qvl::Object>(shared_from_this()), kPosts);
+  }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+
+  /// (latitude, longitude) as stored.
+  qvl::Coordinate coordinate() const { return {latitude(), longitude()}; }
+  /// A circle around coordinate() with radius(), identified by the decimal geofenceId
+  /// ("" without one).
+  qvl::CircularRegion region() const;
+  /// As QVLBeacon::activePosts().
+  qvl::Results<QVLPost> activePosts() const;
+  /// activePosts() is not empty.
+  bool active() const;
+  /// message, unless it is absent or only spaces and tabs: then name ("" without one).
+  std::string notificationMessage() const;
+};

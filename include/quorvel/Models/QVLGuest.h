@@ -1,0 +1,70 @@
+#pragma once
+// The app user as the service knows them.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "quorvel/Models/QVLAction.h"
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Models/QVLPost.h"
+#include "quorvel/Models/QVLRedemption.h"
+#include "quorvel/Models/QVLShop.h"
+
+/// Primary key `guestId`; resources "guests" / "guest". Relations: "actions",
+/// "redemptions" (lists). Protected (kept only on the device, never overwritten by a
+/// refresh): shops (the guest's subscriptions) and posts (the guest's inbox).
+/// Threads: those of every record (qvl::Object).
+class QVLGuest : public QVLModel<QVLGuest> {
+ public:
+  enum Property : int {
+    kGuestId,
+    kBalance,
+    kFirstName,
+    kMiddleName,
+    kLastName,
+    kEmail,
+    kActions,
+    kRedemptions,
+    kShops,
+    kPosts,
+    kCreatedAt,
+    kUpdatedAt,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> guestId() const { return optionalInt(kGuestId); }
+  void setGuestId(std::optional<std::int64_t> v) { setOptionalInt(kGuestId, v); }
+  /// Balance points.
+  std::optional<std::int64_t> balance() const { return optionalInt(kBalance); }
+  void setBalance(std::optional<std::int64_t> v) { setOptionalInt(kBalance, v); }
+  std::optional<std::string> firstName() const { return stringValue(kFirstName); }
+  void setFirstName(std::optional<std::string> v) { setString(kFirstName, std::move(v)); }
+  std::optional<std::string> middleName() const { return stringValue(kMiddleName); }
+  void setMiddleName(std::optional<std::string> v) { setString(kMiddleName, std::move(v)); }
+  std::optional<std::string> lastName() const { return stringValue(kLastName); }
+  void setLastName(std::optional<std::string> v) { setString(kLastName, std::move(v)); }
+  std::optional<std::string> email() const { return stringValue(kEmail); }
+  void setEmail(std::optional<std::string> v) { setString(kEmail, std::move(v)); }
+  qvl::List<QVLAction> actions() { return qvl::List<QVLAction>(shared_from_this(), kActions); }
+  qvl::List<QVLAction> actions() const { return qvl::List<QVLAction>(self(), kActions); }
+  qvl::List<QVLRedemption> redemptions() {
+    return qvl::List<QVLRedemption>(shared_from_this(), kRedemptions);
+  }
+  qvl::List<QVLRedemption> redemptions() const {
+    return qvl::List<QVLRedemption>(self(), kRedemptions);
+  }
+  qvl::List<QVLShop> shops() { return qvl::List<QVLShop>(shared_from_this(), kShops); }
+  qvl::List<QVLShop> shops() const { return qvl::List<QVLShop>(self(), kShops); }
+  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
+  qvl::List<QVLPost> posts() const { return qvl::List<QVLPost>(self(), kPosts); }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+
+ private:
+  std::shared_ptr<qvl::Object> self() const {
+    return std::const_pointer_cast<qvl::Object>(shared_from_this());
+  }
+};

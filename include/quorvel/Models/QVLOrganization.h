@@ -1,0 +1,110 @@
+#pragma once
+// The organization that owns shops, regions, audiences and posts.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Models/QVLAudience.h"
+#include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Models/QVLPosition.h"
+#include "quorvel/Models/QVLRegion.h"
+#include "quorvel/Models/QVLShopCategory.h"
+#include "quorvel/Platform/Color.h"
+#include "quorvel/Platform/Region.h"
+#include "quorvel/Platform/Url.h"
+
+/// Primary key `organizationId`; resources "organizations" / "organization". Relations:
+/// "shopcategories", "regions", "audiences" (lists), "image" and "logo" (media, written
+/// back as "image_id" and "logo_id").
+/// Threads: those of every record (qvl::Object).
+class QVLOrganization : public QVLModel<QVLOrganization> {
+ public:
+  enum Property : int {
+    kOrganizationId,
+    kName,
+    kText,
+    kUrlString,
+    kColorString,
+    kShopCategories,
+    kRegions,
+    kAudiences,
+    kImage,
+    kLogo,
+    kLatitude,
+    kLongitude,
+    kCheckinsPerWeek,
+    kExclusiveMax,
+    kPrizeWarning,
+    kCreatedAt,
+    kUpdatedAt,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> organizationId() const { return optionalInt(kOrganizationId); }
+  void setOrganizationId(std::optional<std::int64_t> v) { setOptionalInt(kOrganizationId, v); }
+  std::optional<std::string> name() const { return stringValue(kName); }
+  void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
+  /// The service's "description".
+  std::optional<std::string> text() const { return stringValue(kText); }
+  void setText(std::optional<std::string> v) { setString(kText, std::move(v)); }
+  std::optional<std::string> urlString() const { return stringValue(kUrlString); }
+  void setUrlString(std::optional<std::string> v) { setString(kUrlString, std::move(v)); }
+  /// "r,g,b" with components 0..255.
+  std::optional<std::string> colorString() const { return stringValue(kColorString); }
+  void setColorString(std::optional<std::string> v) { setString(kColorString, std::move(v)); }
+
+  qvl::List<QVLShopCategory> shopCategories() {
+    return qvl::List<QVLShopCategory>(shared_from_this(), kShopCategories);
+  }
+  qvl::List<QVLShopCategory> shopCategories() const {
+    return qvl::List<QVLShopCategory>(self(), kShopCategories);
+  }
+  qvl::List<QVLRegion> regions() { return qvl::List<QVLRegion>(shared_from_this(), kRegions); }
+  qvl::List<QVLRegion> regions() const { return qvl::List<QVLRegion>(self(), kRegions); }
+  qvl::List<QVLAudience> audiences() {
+    return qvl::List<QVLAudience>(shared_from_this(), kAudiences);
+  }
+  qvl::List<QVLAudience> audiences() const { return qvl::List<QVLAudience>(self(), kAudiences); }
+  std::shared_ptr<QVLMedia> image() const { return linkAs<QVLMedia>(kImage); }
+  void setImage(std::shared_ptr<QVLMedia> v) { setLink(kImage, std::move(v)); }
+  std::shared_ptr<QVLMedia> logo() const { return linkAs<QVLMedia>(kLogo); }
+  void setLogo(std::shared_ptr<QVLMedia> v) { setLink(kLogo, std::move(v)); }
+
+  std::optional<double> latitude() const { return optionalDouble(kLatitude); }
+  void setLatitude(std::optional<double> v) { setOptionalDouble(kLatitude, v); }
+  std::optional<double> longitude() const { return optionalDouble(kLongitude); }
+  void setLongitude(std::optional<double> v) { setOptionalDouble(kLongitude, v); }
+  /// The service's "max_checkins_per_week".
+  std::int32_t checkinsPerWeek() const {
+    return static_cast<std::int32_t>(intValue(kCheckinsPerWeek));
+  }
+  void setCheckinsPerWeek(std::int32_t v) { setValue(kCheckinsPerWeek, std::int64_t{v}); }
+  std::int32_t exclusiveMax() const { return static_cast<std::int32_t>(intValue(kExclusiveMax)); }
+  void setExclusiveMax(std::int32_t v) { setValue(kExclusiveMax, std::int64_t{v}); }
+  std::optional<std::string> prizeWarning() const { return stringValue(kPrizeWarning); }
+  void setPrizeWarning(std::optional<std::string> v) { setString(kPrizeWarning, std::move(v)); }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+
+  /// urlString as a URL; nullopt when absent or not a URL.
+  std::optional<qvl::Url> url() const;
+  /// colorFromString() of colorString; the standard blue when absent.
+  qvl::Color color() const;
+  /// (latitude, longitude) when both are present, else qvl::kDefaultCoordinate.
+  qvl::Coordinate coordinate() const;
+
+  /// Splits text at ','. Exactly three pieces give red, green and blue (each piece's
+  /// leading number / 255, 0 when it has none; not range-checked) with alpha 1; any other
+  /// count gives the standard blue.
+  static qvl::Color colorFromString(std::string_view text);
+
+ private:
+  std::shared_ptr<qvl::Object> self() const {
+    return std::const_pointer_cast<qvl::Object>(shared_from_this());
+  }
+};

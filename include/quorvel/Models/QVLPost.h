@@ -1,0 +1,89 @@
+#pragma once
+// A message or offer shown to the guest.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Models/QVLPostField.h"
+#include "quorvel/Models/QVLPostPeriod.h"
+
+class QVLBeacon;
+class QVLAudience;
+
+/// Primary key `postId`; resources "posts" / "post". Relations: "postperiods" (periods),
+/// "postfields" (postFields), "thumbnail" (media, written back as "thumbnail_id").
+/// Protected (local state the service never overwrites): read, saved.
+/// Inverse: beacons and audiences whose posts list holds the post.
+/// Threads: those of every record (qvl::Object).
+class QVLPost : public QVLModel<QVLPost> {
+ public:
+  enum Property : int {
+    kPostId,
+    kName,
+    kContent,
+    kPeriods,
+    kPostFields,
+    kThumbnail,
+    kCollectible,
+    kParametersJSON,
+    kBeacons,
+    kAudiences,
+    kCreatedAt,
+    kUpdatedAt,
+    kRead,
+    kSaved,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> postId() const { return optionalInt(kPostId); }
+  void setPostId(std::optional<std::int64_t> v) { setOptionalInt(kPostId, v); }
+  std::optional<std::string> name() const { return stringValue(kName); }
+  void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
+  /// HTML (the service's "content"."html").
+  std::optional<std::string> content() const { return stringValue(kContent); }
+  void setContent(std::optional<std::string> v) { setString(kContent, std::move(v)); }
+  qvl::List<QVLPostPeriod> periods() {
+    return qvl::List<QVLPostPeriod>(shared_from_this(), kPeriods);
+  }
+  qvl::List<QVLPostPeriod> periods() const { return qvl::List<QVLPostPeriod>(self(), kPeriods); }
+  qvl::List<QVLPostField> postFields() {
+    return qvl::List<QVLPostField>(shared_from_this(), kPostFields);
+  }
+  qvl::List<QVLPostField> postFields() const {
+    return qvl::List<QVLPostField>(self(), kPostFields);
+  }
+  std::shared_ptr<QVLMedia> thumbnail() const { return linkAs<QVLMedia>(kThumbnail); }
+  void setThumbnail(std::shared_ptr<QVLMedia> v) { setLink(kThumbnail, std::move(v)); }
+  bool collectible() const { return boolValue(kCollectible); }
+  void setCollectible(bool v) { setValue(kCollectible, v); }
+  /// The service's "parameters" as received, unparsed.
+  std::optional<std::string> parametersJSON() const { return stringValue(kParametersJSON); }
+  void setParametersJSON(std::optional<std::string> v) { setString(kParametersJSON, std::move(v)); }
+  qvl::Results<QVLBeacon> beacons() const {
+    return qvl::Results<QVLBeacon>(linkingObjects(kBeacons));
+  }
+  qvl::Results<QVLAudience> audiences() const {
+    return qvl::Results<QVLAudience>(linkingObjects(kAudiences));
+  }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  /// Inbox marks, changed only on the device.
+  bool read() const { return boolValue(kRead); }
+  void setRead(bool v) { setValue(kRead, v); }
+  bool saved() const { return boolValue(kSaved); }
+  void setSaved(bool v) { setValue(kSaved, v); }
+
+  /// True without periods; otherwise true when any period is active.
+  bool active() const;
+
+ private:
+  std::shared_ptr<qvl::Object> self() const {
+    return std::const_pointer_cast<qvl::Object>(shared_from_this());
+  }
+};

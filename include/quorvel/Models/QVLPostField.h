@@ -1,0 +1,53 @@
+#pragma once
+// One typed piece of a post's body.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "quorvel/Models/QVLApiModel.h"
+
+class QVLPost;
+
+/// The values of QVLPostField::postFieldTypeId that have a typed view (QVLPostFields.h).
+/// Other values (4, 5, ...) have none.
+enum QVLPostFieldType : std::int64_t {
+  QVLPostFieldTypeText = 1,
+  QVLPostFieldTypeImages = 2,
+  QVLPostFieldTypeVideo = 3,
+  QVLPostFieldTypeCoupon = 6,
+  QVLPostFieldTypeCallToAction = 7,
+};
+
+/// Primary key `postFieldId`; resources "postfields" / "postfield"; no relations.
+/// Inverse: posts (the posts whose postFields list holds the field).
+/// Threads: those of every record (qvl::Object).
+class QVLPostField : public QVLModel<QVLPostField> {
+ public:
+  enum Property : int {
+    kPostFieldId,
+    kPostFieldTypeId,
+    kOrder,
+    kContent,
+    kCreatedAt,
+    kUpdatedAt,
+    kPosts,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> postFieldId() const { return optionalInt(kPostFieldId); }
+  void setPostFieldId(std::optional<std::int64_t> v) { setOptionalInt(kPostFieldId, v); }
+  /// A QVLPostFieldType value (the service's "postFieldType_id").
+  std::int64_t postFieldTypeId() const { return intValue(kPostFieldTypeId); }
+  void setPostFieldTypeId(std::int64_t v) { setValue(kPostFieldTypeId, v); }
+  std::int32_t order() const { return static_cast<std::int32_t>(intValue(kOrder)); }
+  void setOrder(std::int32_t v) { setValue(kOrder, std::int64_t{v}); }
+  /// Plain text, URL text or JSON object text, by type.
+  std::optional<std::string> content() const { return stringValue(kContent); }
+  void setContent(std::optional<std::string> v) { setString(kContent, std::move(v)); }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  qvl::Results<QVLPost> posts() const { return qvl::Results<QVLPost>(linkingObjects(kPosts)); }
+};

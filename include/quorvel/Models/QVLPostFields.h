@@ -1,0 +1,98 @@
+#pragma once
+// Typed views of a post field's content. Plain values, never stored; made on demand.
+//
+// Each view's initWithPostField() returns nullopt when the field's postFieldTypeId is not
+// the view's type (silently) and, for the JSON views (images, coupon, call to action),
+// when the content is absent or not a JSON object (then QVLPostFieldHelper logs one
+// line). The text and video views copy the content as it is, absent included.
+//
+// The views are values independent of the field they came from: copy them freely, use
+// them on any thread.
+
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "quorvel/Models/QVLPostField.h"
+#include "quorvel/Platform/Url.h"
+
+/// Type 1: plain text.
+class QVLPostFieldText {
+ public:
+  static std::optional<QVLPostFieldText> initWithPostField(const QVLPostField& field);
+
+  const std::optional<std::string>& content() const { return content_; }
+  /// The content.
+  const std::optional<std::string>& text() const { return content_; }
+
+ private:
+  std::optional<std::string> content_;
+};
+
+/// Type 2: a JSON object describing images.
+class QVLPostFieldImages {
+ public:
+  static std::optional<QVLPostFieldImages> initWithPostField(const QVLPostField& field);
+
+  const nlohmann::json& json() const { return json_; }
+  /// json["imageText"]: text as it stands; another kind of value as its JSON text;
+  /// nullopt when absent or null.
+  std::optional<std::string> text() const;
+
+ private:
+  nlohmann::json json_;
+};
+
+/// Type 3: a video URL as text.
+class QVLPostFieldVideo {
+ public:
+  static std::optional<QVLPostFieldVideo> initWithPostField(const QVLPostField& field);
+
+  const std::optional<std::string>& content() const { return content_; }
+  /// The content as a URL; nullopt when absent or not a URL.
+  std::optional<qvl::Url> youtubeURL() const;
+
+ private:
+  std::optional<std::string> content_;
+};
+
+/// Type 6: a coupon as a JSON object.
+///
+/// Its texts read the keys "text", "price_before", "price" and "discount": only a text
+/// value counts, trimmed of white space and line breaks (Unicode's, no-break space
+/// included); a missing key, a value of another kind (a number included) or a text that
+/// trims to nothing gives nullopt.
+class QVLPostFieldCoupon {
+ public:
+  static std::optional<QVLPostFieldCoupon> initWithPostField(const QVLPostField& field);
+
+  const nlohmann::json& json() const { return json_; }
+  std::optional<std::string> text() const;
+  std::optional<std::string> priceBefore() const;
+  std::optional<std::string> price() const;
+  std::optional<std::string> discount() const;
+  /// True when the key "redeemable" is present, whatever its value ("redeemable": false
+  /// included); false only when it is absent.
+  bool redeemable() const;
+
+ private:
+  nlohmann::json json_;
+};
+
+/// Type 7: a call to action as a JSON object. Unlike the coupon's, its texts are neither
+/// trimmed nor required to be text.
+class QVLPostFieldCallToAction {
+ public:
+  static std::optional<QVLPostFieldCallToAction> initWithPostField(const QVLPostField& field);
+
+  const nlohmann::json& json() const { return json_; }
+  /// json["text"]: text as it stands; another kind of value as its JSON text; nullopt
+  /// when absent or null.
+  std::optional<std::string> text() const;
+  /// json["url"] (read as text()) made into a URL; nullopt when absent or not a URL.
+  std::optional<qvl::Url> url() const;
+
+ private:
+  nlohmann::json json_;
+};

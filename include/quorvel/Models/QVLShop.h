@@ -1,0 +1,96 @@
+#pragma once
+// A shop of the organization.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Models/QVLBeacon.h"
+#include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Platform/Url.h"
+
+class QVLShopCategory;
+
+/// Primary key `shopId`; resources "shops" / "shop". Relations: "beacons" (list), then
+/// "image", "logo", "directions" (media, written back as "image_id", "logo_id",
+/// "directions_id"). Inverse: shopCategories (the categories listing the shop).
+/// Threads: those of every record (qvl::Object).
+class QVLShop : public QVLModel<QVLShop> {
+ public:
+  enum Property : int {
+    kShopId,
+    kName,
+    kImage,
+    kHomepageURLString,
+    kDirections,
+    kHours,
+    kPhone,
+    kDescriptionText,
+    kEmail,
+    kLogo,
+    kFacebookURLString,
+    kCncEnabled,
+    kCreatedAt,
+    kUpdatedAt,
+    kBeacons,
+    kShopCategories,
+  };
+  static const QVLModelClass& modelClass();
+
+  std::optional<std::int64_t> shopId() const { return optionalInt(kShopId); }
+  void setShopId(std::optional<std::int64_t> v) { setOptionalInt(kShopId, v); }
+  std::optional<std::string> name() const { return stringValue(kName); }
+  void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
+  std::shared_ptr<QVLMedia> image() const { return linkAs<QVLMedia>(kImage); }
+  void setImage(std::shared_ptr<QVLMedia> v) { setLink(kImage, std::move(v)); }
+  std::optional<std::string> homepageURLString() const { return stringValue(kHomepageURLString); }
+  void setHomepageURLString(std::optional<std::string> v) {
+    setString(kHomepageURLString, std::move(v));
+  }
+  std::shared_ptr<QVLMedia> directions() const { return linkAs<QVLMedia>(kDirections); }
+  void setDirections(std::shared_ptr<QVLMedia> v) { setLink(kDirections, std::move(v)); }
+  std::optional<std::string> hours() const { return stringValue(kHours); }
+  void setHours(std::optional<std::string> v) { setString(kHours, std::move(v)); }
+  std::optional<std::string> phone() const { return stringValue(kPhone); }
+  void setPhone(std::optional<std::string> v) { setString(kPhone, std::move(v)); }
+  /// The service's "description".
+  std::optional<std::string> descriptionText() const { return stringValue(kDescriptionText); }
+  void setDescriptionText(std::optional<std::string> v) {
+    setString(kDescriptionText, std::move(v));
+  }
+  std::optional<std::string> email() const { return stringValue(kEmail); }
+  void setEmail(std::optional<std::string> v) { setString(kEmail, std::move(v)); }
+  std::shared_ptr<QVLMedia> logo() const { return linkAs<QVLMedia>(kLogo); }
+  void setLogo(std::shared_ptr<QVLMedia> v) { setLink(kLogo, std::move(v)); }
+  std::optional<std::string> facebookURLString() const { return stringValue(kFacebookURLString); }
+  void setFacebookURLString(std::optional<std::string> v) {
+    setString(kFacebookURLString, std::move(v));
+  }
+  /// The service's "cnc_enabled".
+  bool cncEnabled() const { return boolValue(kCncEnabled); }
+  void setCncEnabled(bool v) { setValue(kCncEnabled, v); }
+  std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
+  void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
+  std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
+  void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+
+  qvl::List<QVLBeacon> beacons() { return qvl::List<QVLBeacon>(shared_from_this(), kBeacons); }
+  qvl::List<QVLBeacon> beacons() const { return qvl::List<QVLBeacon>(self(), kBeacons); }
+  /// The categories whose shops list holds this shop (empty while unmanaged).
+  qvl::Results<QVLShopCategory> shopCategories() const {
+    return qvl::Results<QVLShopCategory>(linkingObjects(kShopCategories));
+  }
+
+  /// homepageURLString through QVLURLTrimmer (blanks trimmed, "http://" added when the
+  /// text has no scheme).
+  std::optional<qvl::Url> homepageURL() const;
+  /// facebookURLString through QVLURLTrimmer.
+  std::optional<qvl::Url> facebookURL() const;
+
+ private:
+  std::shared_ptr<qvl::Object> self() const {
+    return std::const_pointer_cast<qvl::Object>(shared_from_this());
+  }
+};

@@ -1,0 +1,19 @@
+#pragma once
+// An RGBA colour.
+
+namespace qvl {
+
+/// Components in 0..1 (not clamped: values outside pass through as given).
+struct Color {
+  double red = 0.0;
+  double green = 0.0;
+  double blue = 0.0;
+  double alpha = 1.0;
+
+  /// The platform's standard blue: (0, 0, 1, 1).
+  static Color standardBlue() { return {0.0, 0.0, 1.0, 1.0}; }
+
+  bool operator==(const Color&) const = default;
+};
+
+}  // namespace qvl

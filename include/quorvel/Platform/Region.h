@@ -1,0 +1,55 @@
+#pragma once
+// Geographic positions and the regions the location service watches.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "quorvel/Platform/Uuid.h"
+
+namespace qvl {
+
+/// A position in degrees (WGS 84).
+struct Coordinate {
+  double latitude = 0.0;
+  double longitude = 0.0;
+
+  bool operator==(const Coordinate&) const = default;
+};
+
+/// A beacon region: every beacon advertising proximityUUID, optionally narrowed to one
+/// major value, and then to one minor value. A minor is only meaningful with a major;
+/// the factories build the three valid forms.
+struct BeaconRegion {
+  Uuid proximityUUID;
+  std::optional<std::uint16_t> major;
+  std::optional<std::uint16_t> minor;
+  std::string identifier;
+
+  /// Every beacon with the UUID.
+  static BeaconRegion withUuid(Uuid uuid, std::string identifier) {
+    return {uuid, std::nullopt, std::nullopt, std::move(identifier)};
+  }
+  /// Beacons with the UUID and one major value.
+  static BeaconRegion withMajor(Uuid uuid, std::uint16_t major, std::string identifier) {
+    return {uuid, major, std::nullopt, std::move(identifier)};
+  }
+  /// The one beacon with the UUID, major and minor.
+  static BeaconRegion withMajorMinor(Uuid uuid, std::uint16_t major, std::uint16_t minor,
+                                     std::string identifier) {
+    return {uuid, major, minor, std::move(identifier)};
+  }
+
+  bool operator==(const BeaconRegion&) const = default;
+};
+
+/// A circle on the ground; radius in metres.
+struct CircularRegion {
+  Coordinate center;
+  double radius = 0.0;
+  std::string identifier;
+
+  bool operator==(const CircularRegion&) const = default;
+};
+
+}  // namespace qvl

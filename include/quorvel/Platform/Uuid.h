@@ -1,0 +1,44 @@
+#pragma once
+// A 128-bit universally unique identifier, as beacons advertise it.
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qvl {
+
+/// A UUID value. The default value is the nil UUID (all zero). Ordered and hashable so
+/// that it can key maps. A plain value: safe to copy between threads.
+class Uuid {
+ public:
+  using Bytes = std::array<std::uint8_t, 16>;
+
+  Uuid() = default;
+  explicit Uuid(const Bytes& bytes) : bytes_(bytes) {}
+
+  /// Parses the standard 36-character form "8-4-4-4-12" of hexadecimal digits, in either
+  /// case ("e2c56db5-dffb-48d2-b060-d0f5a71096e0"). Anything else (braces, missing or
+  /// extra hyphens, surrounding blanks, other lengths) gives nullopt.
+  static std::optional<Uuid> parse(std::string_view text);
+
+  /// The standard form in upper case, as the platform prints UUIDs.
+  std::string toString() const;
+  const Bytes& bytes() const { return bytes_; }
+
+  auto operator<=>(const Uuid&) const = default;
+
+ private:
+  Bytes bytes_{};
+};
+
+}  // namespace qvl
+
+template <>
+struct std::hash<qvl::Uuid> {
+  std::size_t operator()(const qvl::Uuid& uuid) const noexcept;
+};

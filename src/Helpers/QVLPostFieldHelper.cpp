@@ -1,0 +1,18 @@
+#include "quorvel/Helpers/QVLPostFieldHelper.h"
+
+#include <string>
+
+#include "quorvel/Platform/Log.h"
+
+std::optional<nlohmann::json> QVLPostFieldHelper::parseStringToJSON(std::string_view text) {
+  std::string error;
+  try {
+    nlohmann::json value = nlohmann::json::parse(text);
+    if (value.is_object()) return value;
+    error = std::string("the JSON text holds ") + value.type_name() + ", not an object";
+  } catch (const nlohmann::json::exception& e) {
+    error = e.what();
+  }
+  qvl::log("Couldn't parse QVLPostField to JSON: " + error);
+  return std::nullopt;
+}

@@ -1,0 +1,75 @@
+#include "quorvel/Models/QVLBeacon.h"
+
+#include "Models/QVLPlaceRules.h"
+#include "quorvel/Models/QVLBeaconCategory.h"
+#include "quorvel/Models/QVLPosition.h"
+#include "quorvel/Models/QVLShop.h"
+
+using qvl::PropertyKind;
+
+const QVLModelClass& QVLBeacon::modelClass() {
+  static const QVLModelClass cls = [] {
+    QVLModelClass::Declaration d("QVLBeacon", [] { return std::make_shared<QVLBeacon>(); });
+    d.primaryKey = "beaconId";
+    d.property(kBeaconId, "beaconId", PropertyKind::Int, true)
+        .property(kName, "name", PropertyKind::String)
+        .property(kUuidString, "uuidString", PropertyKind::String)
+        .property(kMajor, "major", PropertyKind::Int, true)
+        .property(kMinor, "minor", PropertyKind::Int, true)
+        .property(kMessage, "message", PropertyKind::String)
+        .property(kLatitude, "latitude", PropertyKind::Double, true)
+        .property(kLongitude, "longitude", PropertyKind::Double, true)
+        .list(kPosts, "posts", &qvlObjectClassOf<QVLPost>)
+        .linkingObjects(kShops, "shops", &qvlObjectClassOf<QVLShop>, "beacons")
+        .linkingObjects(kBeaconCategories, "beaconCategories", &qvlObjectClassOf<QVLBeaconCategory>,
+                        "beacons")
+        .property(kCreatedAt, "createdAt", PropertyKind::Date)
+        .property(kUpdatedAt, "updatedAt", PropertyKind::Date);
+    d.apiResourcePlural = "beacons";
+    d.apiResourceSingular = "beacon";
+    d.mapping = {{{"id", d.primaryKey},
+                  {"description", "name"},
+                  {"uuid", "uuidString"},
+                  {"major", "major"},
+                  {"minor", "minor"},
+                  {"message", "message"},
+                  {"latitude", "latitude"},
+                  {"longitude", "longitude"},
+                  {"created_at", "createdAt"},
+                  {"updated_at", "updatedAt"}}};
+    d.mappingRelationships = {{
+        QVLRelationshipMapping::newToManyRelationWithKey("posts", &QVLPost::modelClass),
+    }};
+    d.ignoredProperties = {"_uuid"};
+    return QVLModelClass(std::move(d));
+  }();
+  return cls;
+}
+
+std::optional<qvl::Uuid> QVLBeacon::uuid() const {
+  if (!uuidCache_) {
+    if (auto text = uuidString()) uuidCache_ = qvl::Uuid::parse(*text);
+  }
+  return uuidCache_;
+}
+
+std::optional<qvl::BeaconRegion> QVLBeacon::beaconRegion() const {
+  auto proximityUUID = uuid();
+  if (!proximityUUID) return std::nullopt;
+  auto id = beaconId();
+  return qvl::BeaconRegion::withMajorMinor(
+      *proximityUUID, static_cast<std::uint16_t>(major().value_or(0)),
+      static_cast<std::uint16_t>(minor().value_or(0)), id ? std::to_string(*id) : std::string());
+}
+
+qvl::Coordinate QVLBeacon::coordinate() const {
+  return qvl::coordinateOrDefault(latitude(), longitude());
+}
+
+qvl::Results<QVLPost> QVLBeacon::activePosts() const { return qvl::activePostsOf(posts()); }
+
+bool QVLBeacon::active() const { return !activePosts().empty(); }
+
+std::string QVLBeacon::notificationMessage() const {
+  return qvl::notificationMessageOf(message(), name());
+}
