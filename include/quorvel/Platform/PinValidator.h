@@ -1,0 +1,79 @@
+#pragma once
+// TLS public-key pinning: decides server-trust challenges for pinned domains and reports
+// pin failures.
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "quorvel/Platform/HttpSession.h"
+
+namespace qvl {
+
+struct PinnedDomainConfiguration {
+  std::string domain;  // e.g. "quorvel.example"; compared case-insensitively
+  bool includeSubdomains = false;
+  /// "RSA2048", "RSA4096". Kept for completeness: a pin hashes the whole
+  /// SubjectPublicKeyInfo, which already names the key's algorithm, so it is not consulted.
+  std::vector<std::string> publicKeyAlgorithms;
+  std::vector<std::string> reportUris;       // pin failures are POSTed here
+  std::vector<std::string> publicKeyHashes;  // base64 SHA-256 of DER SubjectPublicKeyInfo
+};
+
+struct PinningConfiguration {
+  std::vector<PinnedDomainConfiguration> pinnedDomains;
+};
+
+/// Checks a server's verified chain against the pins of its domain. Pinning is enforced: a
+/// chain without a pinned key is rejected. Every operation is thread-safe.
+class PinValidator {
+ public:
+  /// An unconfigured validator. The library uses `shared()`; tests may make their own.
+  PinValidator();
+  ~PinValidator();
+  PinValidator(const PinValidator&) = delete;
+  PinValidator& operator=(const PinValidator&) = delete;
+
+  /// The process's validator, created on first use and never destroyed.
+  static PinValidator& shared();
+
+  /// Replaces any previous configuration; challenges from now on use the new one.
+  void configure(PinningConfiguration configuration);
+  bool isConfigured() const;
+  std::optional<PinningConfiguration> configuration() const;
+
+  /// Decides a server-trust challenge whose chain already passed default verification
+  /// (HttpSession only asks its delegate about such chains). Returns false, leaving
+  /// `disposition` untouched, when unconfigured or when the host is outside every pinned
+  /// domain: the caller should then perform default handling. Otherwise sets
+  /// `disposition` to UseCredential when the SubjectPublicKeyInfo of any certificate of
+  /// the chain matches a pin of the domain, or to CancelAuthenticationChallenge after
+  /// starting a failure report (without waiting for it), and returns true.
+  ///
+  /// Host matching: the exact domain, or with includeSubdomains any name ending in
+  /// "." + domain; the most specific pinned domain wins. Runs on the calling thread
+  /// (HttpSession's network thread during a handshake) and does not block on the network.
+  bool handleChallenge(const ServerTrustChallenge& challenge, TrustDisposition* disposition);
+
+  /// Base64 SHA-256 of the certificate's DER SubjectPublicKeyInfo (44 characters), or ""
+  /// when `certificateDer` is not a DER certificate.
+  static std::string publicKeyHash(const std::string& certificateDer);
+
+  /// Identical reports (same host, port and chain) are sent once per 24 hours per
+  /// validator; this forgets the ones already sent.
+  void resetReportCacheForTesting();
+
+ private:
+  void sendReport(const PinnedDomainConfiguration& domain, const ServerTrustChallenge& challenge,
+                  const std::vector<std::string>& chainPins);
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<const PinningConfiguration> configuration_;
+  std::map<std::string, std::chrono::steady_clock::time_point> sentReports_;
+};
+
+}  // namespace qvl

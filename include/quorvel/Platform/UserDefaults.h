@@ -1,0 +1,75 @@
+#pragma once
+// A small persistent key-value store per host application, the library's user defaults.
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace qvl {
+
+/// Keys map to byte strings kept in one file. Every instance is thread-safe; its
+/// operations run on the calling thread and block on file I/O.
+///
+/// On disk the file is one JSON object mapping each key (UTF-8 text) to its value encoded
+/// as standard base64, e.g. {"QVLAuthJWTToken":"YWJj"}. The file is created owner-only
+/// (mode 0600, it holds the bearer token) and every write replaces it atomically (a
+/// temporary file in the same directory, fsync, rename, fsync of the directory), so a reader
+/// sees either the old or the new content, never a torn file. Missing directories are
+/// created with mode 0700.
+///
+/// Each change is written through at once, so a value set in one process is read by the
+/// next one. Two processes writing the same file at the same time do not merge: the last
+/// writer's whole content wins.
+class UserDefaults {
+ public:
+  /// An instance over the file at `path`. Nothing is read until first use; a missing file
+  /// reads as empty.
+  explicit UserDefaults(std::string path);
+
+  UserDefaults(const UserDefaults&) = delete;
+  UserDefaults& operator=(const UserDefaults&) = delete;
+
+  /// The application's defaults. The file is `setStandardPath`'s path if one was set,
+  /// otherwise `defaultStandardPath()` evaluated on first use (set the bundle information
+  /// before then). The instance lives for the whole process.
+  static UserDefaults& standard();
+
+  /// Points `standard()` at another file (hosts and tests choose it); an empty path
+  /// restores the default. The values are read again from the new file on next use.
+  static void setStandardPath(std::string path);
+
+  /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/<application id>.defaults, the application
+  /// id being the bundle information's "CFBundleIdentifier" or "default" ('/' becomes '_').
+  static std::string defaultStandardPath();
+
+  /// The file this instance reads and writes.
+  std::string path() const;
+
+  /// The bytes stored under `key`, or absent.
+  std::optional<std::string> data(const std::string& key);
+
+  /// Stores `bytes` under `key` and writes the file. A write failure is logged and kept
+  /// pending for the next change or `synchronize()`.
+  void setData(const std::string& key, std::string bytes);
+
+  /// Removes `key` (no effect when absent) and writes the file like `setData`.
+  void removeObject(const std::string& key);
+
+  /// Forces pending changes to disk. Returns true when the file holds every change; false,
+  /// after logging the cause, when writing failed.
+  bool synchronize();
+
+ private:
+  void resetPath(std::string path);
+  void loadLocked();
+  bool writeLocked();
+
+  mutable std::mutex mutex_;
+  std::string path_;
+  bool loaded_ = false;
+  bool dirty_ = false;
+  std::map<std::string, std::string> values_;
+};
+
+}  // namespace qvl

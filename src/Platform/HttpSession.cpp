@@ -1,0 +1,468 @@
+#include "quorvel/Platform/HttpSession.h"
+
+#include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
+
+#include <strings.h>
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "quorvel/Platform/Log.h"
+
+namespace qvl {
+namespace {
+
+std::atomic<long long>& defaultRequestTimeoutMs() {
+  static std::atomic<long long> value{60000};
+  return value;
+}
+
+struct TrustAnchors {
+  std::mutex mutex;
+  std::string path;
+};
+
+TrustAnchors& trustAnchors() {
+  static TrustAnchors* instance = new TrustAnchors;  // never destroyed, see NetworkLoop
+  return *instance;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+bool hasHeader(const HttpHeaders& headers, std::string_view name) {
+  return std::any_of(headers.begin(), headers.end(),
+                     [&](const auto& header) { return equalsIgnoringCase(header.first, name); });
+}
+
+bool isHeaderSafe(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+bool isToken(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return c > 0x20 && c < 0x7f && std::strchr("\"(),/:;<=>?@[\\]{}", c) == nullptr;
+  });
+}
+
+std::string trim(std::string_view text) {
+  const size_t begin = text.find_first_not_of(" \t\r\n");
+  if (begin == std::string_view::npos) return {};
+  const size_t end = text.find_last_not_of(" \t\r\n");
+  return std::string(text.substr(begin, end - begin + 1));
+}
+
+QVLError transportError(CURLcode code, std::string message) {
+  return QVLError{kQVLTransportErrorDomain, static_cast<long long>(code),
+                  nlohmann::json{{"message", std::move(message)}}};
+}
+
+}  // namespace
+
+// One request in flight. Owned by the caller until handed to the network loop, then by the
+// loop; every libcurl call on it after that happens on the network thread.
+class HttpTransfer {
+ public:
+  HttpTransfer(std::shared_ptr<HttpSession> session, DataTaskCompletion completion)
+      : session_(std::move(session)), completion_(std::move(completion)) {
+    errorBuffer_[0] = '\0';
+  }
+
+  ~HttpTransfer() {
+    if (easy_) curl_easy_cleanup(easy_);
+    curl_slist_free_all(headerList_);
+  }
+
+  HttpTransfer(const HttpTransfer&) = delete;
+  HttpTransfer& operator=(const HttpTransfer&) = delete;
+
+  CURL* easy() const { return easy_; }
+
+  // Sets the handle up; on failure returns the error the completion should receive.
+  std::optional<QVLError> configure(HttpRequest request) {
+    request_ = std::move(request);
+    easy_ = curl_easy_init();
+    if (!easy_) return transportError(CURLE_FAILED_INIT, "cannot create a transfer");
+    if (!isToken(request_.method)) {
+      return transportError(CURLE_BAD_FUNCTION_ARGUMENT,
+                            "invalid HTTP method \"" + request_.method + "\"");
+    }
+    if (auto error = buildHeaderList()) return error;
+    parseHostAndPort();
+
+    const HttpSessionConfiguration& config = session_->configuration();
+    const long long idleMs = std::max<long long>(1, config.timeoutIntervalForRequest.count());
+    const long idleSeconds = static_cast<long>((idleMs + 999) / 1000);
+    const long long resourceMs =
+        std::clamp<long long>(config.timeoutIntervalForResource.count(), 1, 0x7fffffff);
+
+    CURL* e = easy_;
+    curl_easy_setopt(e, CURLOPT_URL, request_.url.c_str());
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, errorBuffer_);
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &HttpTransfer::onBody);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &HttpTransfer::onHeader);
+    curl_easy_setopt(e, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, headerList_);
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(idleMs, resourceMs)));
+    curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, idleSeconds);
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceMs));
+    // Each task gets a fresh connection and a full handshake, so a connection or TLS session
+    // accepted under one session's trust decision is never used by another session.
+    curl_easy_setopt(e, CURLOPT_FORBID_REUSE, 1L);
+    curl_easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(e, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &HttpTransfer::onSslContext);
+    curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, this);
+    if (std::string anchors = HttpSession::trustAnchorsFile(); !anchors.empty()) {
+      trustAnchorsPath_ = std::move(anchors);
+      curl_easy_setopt(e, CURLOPT_CAINFO, trustAnchorsPath_.c_str());
+      curl_easy_setopt(e, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    }
+
+    const std::string& method = request_.method;
+    if (method == "HEAD") {
+      curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
+    } else if (!request_.body.empty() || method == "POST" || method == "PUT" || method == "PATCH") {
+      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
+                       static_cast<curl_off_t>(request_.body.size()));
+      curl_easy_setopt(e, CURLOPT_POSTFIELDS, request_.body.data());
+      if (method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+    } else if (method != "GET") {
+      curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+    }
+    return std::nullopt;
+  }
+
+  // Hands the outcome of a finished transfer to the session's callback queue.
+  void complete(CURLcode result) {
+    if (result != CURLE_OK) {
+      std::string message = trim(errorBuffer_);
+      if (message.empty()) message = curl_easy_strerror(result);
+      deliver({}, std::nullopt, transportError(result, std::move(message)));
+      return;
+    }
+    HttpResponse response;
+    curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &response.statusCode);
+    char* effectiveUrl = nullptr;
+    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+    response.url = effectiveUrl ? effectiveUrl : request_.url;
+    response.headers = std::move(responseHeaders_);
+    deliver(std::move(body_), std::move(response), std::nullopt);
+  }
+
+  void deliver(std::string body, std::optional<HttpResponse> response,
+               std::optional<QVLError> error) {
+    std::shared_ptr<HttpSession> session = session_;
+    session->callbackQueue()->async([session, completion = std::move(completion_),
+                                     body = std::move(body), response = std::move(response),
+                                     error = std::move(error)]() mutable {
+      if (completion) completion(std::move(body), std::move(response), std::move(error));
+    });
+  }
+
+ private:
+  std::optional<QVLError> buildHeaderList() {
+    HttpHeaders headers;
+    for (const auto& header : session_->configuration().additionalHeaders) {
+      if (!hasHeader(request_.headers, header.first)) headers.push_back(header);
+    }
+    headers.insert(headers.end(), request_.headers.begin(), request_.headers.end());
+    // libcurl would otherwise wait for "100 Continue" before sending larger bodies.
+    if (!hasHeader(headers, "Expect")) headers.emplace_back("Expect", "");
+
+    for (const auto& [name, value] : headers) {
+      if (!isToken(name) || !isHeaderSafe(value)) {
+        return transportError(CURLE_BAD_FUNCTION_ARGUMENT, "invalid HTTP header \"" + name + "\"");
+      }
+      // "Name;" is libcurl's way to send a header with an empty value; "Expect:" removes it.
+      std::string line = name;
+      if (!value.empty()) {
+        line += ": " + value;
+      } else {
+        line += equalsIgnoringCase(name, "Expect") ? ":" : ";";
+      }
+      curl_slist* next = curl_slist_append(headerList_, line.c_str());
+      if (!next) return transportError(CURLE_OUT_OF_MEMORY, "cannot build the request headers");
+      headerList_ = next;
+    }
+    return std::nullopt;
+  }
+
+  void parseHostAndPort() {
+    CURLU* url = curl_url();
+    if (!url) return;
+    if (curl_url_set(url, CURLUPART_URL, request_.url.c_str(), 0) == CURLUE_OK) {
+      char* host = nullptr;
+      if (curl_url_get(url, CURLUPART_HOST, &host, 0) == CURLUE_OK && host) {
+        host_ = host;
+        if (host_.size() > 2 && host_.front() == '[' && host_.back() == ']') {
+          host_ = host_.substr(1, host_.size() - 2);
+        }
+      }
+      curl_free(host);
+      char* port = nullptr;
+      if (curl_url_get(url, CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) == CURLUE_OK && port) {
+        port_ = std::atoi(port);
+      }
+      curl_free(port);
+    }
+    curl_url_cleanup(url);
+  }
+
+  static size_t onBody(char* data, size_t size, size_t count, void* user) {
+    auto* self = static_cast<HttpTransfer*>(user);
+    self->body_.append(data, size * count);
+    return size * count;
+  }
+
+  static size_t onHeader(char* data, size_t size, size_t count, void* user) {
+    auto* self = static_cast<HttpTransfer*>(user);
+    const std::string_view line(data, size * count);
+    if (line.rfind("HTTP/", 0) == 0) {
+      self->responseHeaders_.clear();  // a new (possibly final after 1xx) response begins
+    } else if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
+      self->responseHeaders_.emplace_back(trim(line.substr(0, colon)),
+                                          trim(line.substr(colon + 1)));
+    }
+    return size * count;
+  }
+
+  static CURLcode onSslContext(CURL*, void* sslContext, void* user) {
+    SSL_CTX_set_cert_verify_callback(static_cast<SSL_CTX*>(sslContext), &HttpTransfer::onVerify,
+                                     user);
+    return CURLE_OK;
+  }
+
+  // Replaces OpenSSL's chain verification for this connection: default verification first
+  // (including the host name, so the delegate only sees chains valid for this host), then
+  // the session's delegate.
+  static int onVerify(X509_STORE_CTX* store, void* user) {
+    auto* self = static_cast<HttpTransfer*>(user);
+    X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(store);
+    if (X509_VERIFY_PARAM_set1_ip_asc(param, self->host_.c_str()) != 1) {
+      X509_VERIFY_PARAM_set1_host(param, self->host_.c_str(), self->host_.size());
+    }
+    if (X509_verify_cert(store) != 1) return 0;
+
+    const std::shared_ptr<HttpSessionDelegate>& delegate = self->session_->delegate_;
+    if (!delegate) return 1;
+
+    ServerTrustChallenge challenge;
+    challenge.host = self->host_;
+    challenge.port = self->port_;
+    STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(store);
+    for (int i = 0; chain && i < sk_X509_num(chain); ++i) {
+      X509* certificate = sk_X509_value(chain, i);
+      const int length = i2d_X509(certificate, nullptr);
+      if (length <= 0) continue;
+      std::string der(static_cast<size_t>(length), '\0');
+      auto* out = reinterpret_cast<unsigned char*>(der.data());
+      i2d_X509(certificate, &out);
+      challenge.certificateChainDer.push_back(std::move(der));
+    }
+
+    TrustDisposition disposition;
+    try {
+      disposition = delegate->didReceiveServerTrustChallenge(challenge);
+    } catch (...) {
+      log("QuorvelSDK: a server-trust delegate threw; the connection is refused");
+      disposition = TrustDisposition::CancelAuthenticationChallenge;
+    }
+    if (disposition == TrustDisposition::CancelAuthenticationChallenge) {
+      X509_STORE_CTX_set_error(store, X509_V_ERR_APPLICATION_VERIFICATION);
+      return 0;
+    }
+    return 1;
+  }
+
+  std::shared_ptr<HttpSession> session_;
+  DataTaskCompletion completion_;
+  HttpRequest request_;
+  std::string trustAnchorsPath_;
+  std::string host_;
+  int port_ = 0;
+  CURL* easy_ = nullptr;
+  curl_slist* headerList_ = nullptr;
+  std::string body_;
+  HttpHeaders responseHeaders_;
+  char errorBuffer_[CURL_ERROR_SIZE];
+};
+
+namespace {
+
+// The process-wide libcurl multi loop: one thread adds new transfers, drives all of them
+// and hands finished ones back to their sessions.
+class NetworkLoop {
+ public:
+  static NetworkLoop& instance() {
+    // Never destroyed, so that late callers find it; the guard stops the thread at exit.
+    static NetworkLoop* loop = new NetworkLoop;
+    static ShutdownGuard guard{loop};
+    return *loop;
+  }
+
+  // False when the process is shutting down; the transfer is then dropped.
+  bool add(std::unique_ptr<HttpTransfer> transfer) {
+    std::lock_guard lock(mutex_);
+    if (stopping_) return false;
+    pending_.push_back(std::move(transfer));
+    curl_multi_wakeup(multi_);
+    return true;
+  }
+
+ private:
+  struct ShutdownGuard {
+    NetworkLoop* loop;
+    ~ShutdownGuard() { loop->shutdown(); }
+  };
+
+  NetworkLoop() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    thread_ = std::thread([this] { run(); });
+  }
+
+  void run() {
+    for (;;) {
+      std::vector<std::unique_ptr<HttpTransfer>> incoming;
+      {
+        std::lock_guard lock(mutex_);
+        if (stopping_) break;
+        incoming.swap(pending_);
+      }
+      for (auto& transfer : incoming) {
+        CURL* easy = transfer->easy();
+        if (const CURLMcode code = curl_multi_add_handle(multi_, easy); code != CURLM_OK) {
+          log(std::string("QuorvelSDK: cannot start a transfer: ") + curl_multi_strerror(code));
+          transfer->complete(CURLE_FAILED_INIT);
+          continue;
+        }
+        active_.emplace(easy, std::move(transfer));
+      }
+
+      int running = 0;
+      curl_multi_perform(multi_, &running);
+      int queued = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+        if (message->msg != CURLMSG_DONE) continue;
+        CURL* easy = message->easy_handle;
+        const CURLcode result = message->data.result;
+        auto it = active_.find(easy);
+        if (it == active_.end()) continue;
+        std::unique_ptr<HttpTransfer> transfer = std::move(it->second);
+        active_.erase(it);
+        curl_multi_remove_handle(multi_, easy);
+        transfer->complete(result);
+      }
+      curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+    }
+
+    // Shutting down: abandon what is left.
+    for (auto& [easy, transfer] : active_) curl_multi_remove_handle(multi_, easy);
+    active_.clear();
+    std::vector<std::unique_ptr<HttpTransfer>> pending;
+    {
+      std::lock_guard lock(mutex_);
+      pending.swap(pending_);
+      curl_multi_cleanup(multi_);
+      multi_ = nullptr;
+      exited_ = true;
+    }
+    exitedSignal_.notify_all();
+  }
+
+  // The wait is bounded so that a stuck delegate cannot hold the process at exit.
+  void shutdown() {
+    std::unique_lock lock(mutex_);
+    stopping_ = true;
+    if (multi_) curl_multi_wakeup(multi_);
+    const bool exited =
+        exitedSignal_.wait_for(lock, std::chrono::seconds(1), [this] { return exited_; });
+    lock.unlock();
+    if (exited) {
+      thread_.join();
+    } else {
+      thread_.detach();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable exitedSignal_;
+  std::vector<std::unique_ptr<HttpTransfer>> pending_;
+  bool stopping_ = false;
+  bool exited_ = false;
+  CURLM* multi_ = nullptr;
+  std::thread thread_;
+  std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // network thread only
+};
+
+}  // namespace
+
+std::optional<std::string> HttpResponse::header(std::string_view name) const {
+  for (const auto& [key, value] : headers) {
+    if (equalsIgnoringCase(key, name)) return value;
+  }
+  return std::nullopt;
+}
+
+std::chrono::milliseconds HttpSessionConfiguration::defaultTimeoutIntervalForRequest() {
+  return std::chrono::milliseconds(defaultRequestTimeoutMs().load());
+}
+
+void HttpSessionConfiguration::setDefaultTimeoutIntervalForRequest(
+    std::chrono::milliseconds timeout) {
+  defaultRequestTimeoutMs().store(timeout.count());
+}
+
+HttpSession::HttpSession(HttpSessionConfiguration configuration,
+                         std::shared_ptr<HttpSessionDelegate> delegate)
+    : configuration_(std::move(configuration)),
+      delegate_(std::move(delegate)),
+      callbackQueue_(std::make_shared<SerialQueue>()) {}
+
+HttpSession::~HttpSession() = default;
+
+std::shared_ptr<HttpSession> HttpSession::create(HttpSessionConfiguration configuration,
+                                                 std::shared_ptr<HttpSessionDelegate> delegate) {
+  return std::shared_ptr<HttpSession>(
+      new HttpSession(std::move(configuration), std::move(delegate)));
+}
+
+void HttpSession::dataTask(HttpRequest request, DataTaskCompletion completion) {
+  NetworkLoop& loop = NetworkLoop::instance();  // initialises libcurl before first use
+  auto transfer = std::make_unique<HttpTransfer>(shared_from_this(), std::move(completion));
+  if (std::optional<QVLError> error = transfer->configure(std::move(request))) {
+    transfer->deliver({}, std::nullopt, std::move(*error));
+    return;
+  }
+  loop.add(std::move(transfer));
+}
+
+void HttpSession::setTrustAnchorsFile(std::string pemPath) {
+  TrustAnchors& anchors = trustAnchors();
+  std::lock_guard lock(anchors.mutex);
+  anchors.path = std::move(pemPath);
+}
+
+std::string HttpSession::trustAnchorsFile() {
+  TrustAnchors& anchors = trustAnchors();
+  std::lock_guard lock(anchors.mutex);
+  return anchors.path;
+}
+
+}  // namespace qvl

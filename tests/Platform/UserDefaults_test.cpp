@@ -1,0 +1,245 @@
+#include "quorvel/Platform/UserDefaults.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Log.h"
+#include "support/TempDir.h"
+
+namespace qvl {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+// Collects log lines for the life of the object.
+class LogCapture {
+ public:
+  LogCapture() {
+    setLogSink([this](std::string_view line) {
+      std::lock_guard lock(mutex_);
+      lines_.emplace_back(line);
+    });
+  }
+  ~LogCapture() { setLogSink(nullptr); }
+  std::string text() const {
+    std::lock_guard lock(mutex_);
+    std::string all;
+    for (const auto& line : lines_) all += line + "\n";
+    return all;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+TEST(BundleInfoTest, LoadsDictionaryAndKeepsItWhenLaterFilesAreBad) {
+  test::TempDir dir;
+  writeFile(dir.file("info.json"),
+            R"({"CFBundleIdentifier":"com.example.host","QuorvelSDK":{"ApiKey":"k"}})");
+  std::string error;
+  ASSERT_TRUE(BundleInfo::loadFromFile(dir.file("info.json"), &error)) << error;
+  EXPECT_EQ(BundleInfo::infoDictionary()["QuorvelSDK"]["ApiKey"], "k");
+
+  writeFile(dir.file("broken.json"), R"({"CFBundleIdentifier":)");
+  writeFile(dir.file("array.json"), "[1, 2]");
+  for (const char* name : {"missing.json", "broken.json", "array.json"}) {
+    error.clear();
+    EXPECT_FALSE(BundleInfo::loadFromFile(dir.file(name), &error)) << name;
+    EXPECT_THAT(error, HasSubstr(name));
+    EXPECT_EQ(BundleInfo::infoDictionary()["CFBundleIdentifier"], "com.example.host") << name;
+  }
+
+  // Callers get copies: changing one leaves the stored dictionary alone.
+  nlohmann::json copy = BundleInfo::infoDictionary();
+  copy["CFBundleIdentifier"] = "changed";
+  EXPECT_EQ(BundleInfo::infoDictionary()["CFBundleIdentifier"], "com.example.host");
+
+  BundleInfo::setInfoDictionary("not an object");
+  EXPECT_TRUE(BundleInfo::infoDictionary().is_object());
+  EXPECT_TRUE(BundleInfo::infoDictionary().empty());
+}
+
+class UserDefaultsTest : public ::testing::Test {
+ protected:
+  test::TempDir dir_;
+  std::string path_ = dir_.file("nested/config/app.defaults");
+};
+
+TEST_F(UserDefaultsTest, ValuesSurviveIntoAFreshInstanceOnTheSameFile) {
+  const std::string binary("\0\x01\xff token \xfe", 11);
+  {
+    UserDefaults first(path_);
+    EXPECT_FALSE(first.data("QVLAuthJWTToken").has_value());
+    first.setData("QVLAuthJWTToken", binary);
+    first.setData("empty", "");
+    first.setData("gone", "x");
+    first.removeObject("gone");
+    first.setData("replaced", "old");
+    first.setData("replaced", "new");
+    EXPECT_TRUE(first.synchronize());
+  }
+  UserDefaults next(path_);  // what the next process would see
+  EXPECT_EQ(next.data("QVLAuthJWTToken"), binary);
+  EXPECT_EQ(next.data("empty"), "");
+  EXPECT_FALSE(next.data("gone").has_value());
+  EXPECT_EQ(next.data("replaced"), "new");
+
+  // The documented format: a JSON object of base64 values.
+  const nlohmann::json onDisk = nlohmann::json::parse(readFile(path_));
+  EXPECT_EQ(onDisk,
+            (nlohmann::json{
+                {"QVLAuthJWTToken", "AAH/IHRva2VuIP4="}, {"empty", ""}, {"replaced", "bmV3"}}));
+}
+
+TEST_F(UserDefaultsTest, FileIsOwnerOnlyAndReplacedAtomically) {
+  UserDefaults defaults(path_);
+  defaults.setData("a", "first");
+  struct stat info {};
+  ASSERT_EQ(::stat(path_.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  ASSERT_EQ(::stat(std::filesystem::path(path_).parent_path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0700u);
+
+  // A hard link keeps the old inode: an in-place rewrite would change what it shows.
+  const std::string link = dir_.file("snapshot");
+  ASSERT_EQ(::link(path_.c_str(), link.c_str()), 0);
+  const std::string before = readFile(link);
+  defaults.setData("a", "second");
+  EXPECT_EQ(readFile(link), before);
+  EXPECT_NE(readFile(path_), before);
+  ASSERT_EQ(::stat(path_.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+  // No temporary files are left beside it.
+  size_t entries = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::path(path_).parent_path())) {
+    (void)entry;
+    ++entries;
+  }
+  EXPECT_EQ(entries, 1u);
+}
+
+TEST_F(UserDefaultsTest, WriteFailuresAreReportedAndRetriedBySynchronize) {
+  LogCapture logs;
+  writeFile(dir_.file("blocker"), "a file where a directory should be");
+  UserDefaults defaults(dir_.file("blocker/app.defaults"));
+  defaults.setData("k", "v");
+  EXPECT_EQ(defaults.data("k"), "v");  // kept in memory
+  EXPECT_FALSE(defaults.synchronize());
+  EXPECT_THAT(logs.text(), HasSubstr("cannot write user defaults"));
+
+  // Once the obstacle is gone, synchronize writes the pending change.
+  std::filesystem::remove(dir_.file("blocker"));
+  EXPECT_TRUE(defaults.synchronize());
+  EXPECT_EQ(UserDefaults(dir_.file("blocker/app.defaults")).data("k"), "v");
+}
+
+TEST_F(UserDefaultsTest, DamagedFileReadsAsEmptyAndIsReplacedByTheNextChange) {
+  LogCapture logs;
+  std::filesystem::create_directories(std::filesystem::path(path_).parent_path());
+  writeFile(path_, "{not json");
+  UserDefaults defaults(path_);
+  EXPECT_FALSE(defaults.data("k").has_value());
+  EXPECT_THAT(logs.text(), HasSubstr("damaged"));
+  defaults.setData("k", "v");
+  EXPECT_EQ(UserDefaults(path_).data("k"), "v");
+
+  // A value that is not base64 is skipped; the others are kept.
+  writeFile(path_, R"({"good":"b2s=","bad":"***"})");
+  UserDefaults partial(path_);
+  EXPECT_EQ(partial.data("good"), "ok");
+  EXPECT_FALSE(partial.data("bad").has_value());
+}
+
+TEST_F(UserDefaultsTest, ConcurrentWritersLoseNoValue) {
+  UserDefaults defaults(path_);
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t) {
+    writers.emplace_back([&defaults, t] {
+      for (int i = 0; i < 10; ++i) {
+        const std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
+        defaults.setData(key, key);
+        EXPECT_EQ(defaults.data(key), key);
+      }
+    });
+  }
+  for (auto& writer : writers) writer.join();
+  UserDefaults reread(path_);
+  for (int t = 0; t < 4; ++t) {
+    for (int i = 0; i < 10; ++i) {
+      const std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
+      EXPECT_EQ(reread.data(key), key);
+    }
+  }
+}
+
+TEST_F(UserDefaultsTest, StandardDefaultsFollowTheChosenPath) {
+  UserDefaults::setStandardPath(path_);
+  EXPECT_EQ(UserDefaults::standard().path(), path_);
+  UserDefaults::standard().setData("QVLPushManagerEndpointIdKey", "42");
+  EXPECT_TRUE(UserDefaults::standard().synchronize());
+  EXPECT_EQ(UserDefaults(path_).data("QVLPushManagerEndpointIdKey"), "42");
+
+  // Switching files reads the other file's values, not the ones held in memory.
+  const std::string other = dir_.file("other.defaults");
+  UserDefaults::setStandardPath(other);
+  EXPECT_FALSE(UserDefaults::standard().data("QVLPushManagerEndpointIdKey").has_value());
+  UserDefaults::setStandardPath(path_);
+  EXPECT_EQ(UserDefaults::standard().data("QVLPushManagerEndpointIdKey"), "42");
+  UserDefaults::setStandardPath("");
+}
+
+TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
+  const char* savedXdg = std::getenv("XDG_CONFIG_HOME");
+  const std::string restoreXdg = savedXdg ? savedXdg : "";
+  const nlohmann::json savedInfo = BundleInfo::infoDictionary();
+
+  ::setenv("XDG_CONFIG_HOME", "/xdg/config", 1);
+  BundleInfo::setInfoDictionary({{"CFBundleIdentifier", "com.example/app"}});
+  EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/com.example_app.defaults");
+  BundleInfo::setInfoDictionary(nlohmann::json::object());
+  EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/default.defaults");
+
+  // A relative XDG_CONFIG_HOME is ignored, as the XDG rules require.
+  ::setenv("XDG_CONFIG_HOME", "relative", 1);
+  const char* home = std::getenv("HOME");
+  ASSERT_NE(home, nullptr);
+  EXPECT_EQ(UserDefaults::defaultStandardPath(),
+            std::string(home) + "/.config/quorvel/default.defaults");
+
+  if (savedXdg) {
+    ::setenv("XDG_CONFIG_HOME", restoreXdg.c_str(), 1);
+  } else {
+    ::unsetenv("XDG_CONFIG_HOME");
+  }
+  BundleInfo::setInfoDictionary(savedInfo);
+}
+
+}  // namespace
+}  // namespace qvl

@@ -1,0 +1,133 @@
+#include "support/TestHttpsServer.h"
+
+#include <signal.h>
+#include <strings.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+
+// cpp-httplib is a prebuilt, uninstrumented library: ThreadSanitizer cannot see its inline
+// synchronisation (such as the fast path of its function-local statics) and would report
+// the memory functions it calls as racing. Ignore accesses made from inside that library.
+extern "C" const char* __tsan_default_suppressions() {
+  return "called_from_lib:libcpp-httplib.so\n";
+}
+
+namespace qvl::test {
+namespace {
+
+bool sameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// cpp-httplib adds the connection's addresses to the request headers; they were not sent.
+bool isInjectedByServer(std::string_view name) {
+  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
+         name == "LOCAL_PORT";
+}
+
+void defaultHandler(const RecordedRequest&, httplib::Response& response) {
+  response.status = 200;
+  response.set_content("{}", "application/json");
+}
+
+}  // namespace
+
+std::optional<std::string> RecordedRequest::header(std::string_view name) const {
+  for (const auto& [key, value] : headers) {
+    if (sameName(key, name)) return value;
+  }
+  return std::nullopt;
+}
+
+size_t RecordedRequest::headerCount(std::string_view name) const {
+  size_t count = 0;
+  for (const auto& entry : headers) count += sameName(entry.first, name) ? 1 : 0;
+  return count;
+}
+
+TestHttpsServer::TestHttpsServer(const TestCertificate& certificate) : handler_(defaultHandler) {
+  // A client that aborts a handshake must not kill the test process through SIGPIPE.
+  ::signal(SIGPIPE, SIG_IGN);
+  server_ = std::make_unique<httplib::SSLServer>(certificate.certificatePath.c_str(),
+                                                 certificate.privateKeyPath.c_str());
+  if (!server_->is_valid()) throw std::runtime_error("test HTTPS server: invalid certificate");
+  // Enough workers for many requests held open at once by a test.
+  server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
+  server_->set_keep_alive_timeout(1);
+  auto route = [this](const httplib::Request& request, httplib::Response& response) {
+    handle(request, response);
+  };
+  server_->Get(".*", route);
+  server_->Post(".*", route);
+  server_->Put(".*", route);
+  server_->Patch(".*", route);
+  server_->Delete(".*", route);
+  server_->Options(".*", route);
+  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port_ <= 0) throw std::runtime_error("test HTTPS server: cannot bind 127.0.0.1");
+  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  // stop() only ends a server that is already running: one destroyed before its thread got
+  // there would block in accept() for ever. Wait (bounded) until it runs.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!server_->is_running() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!server_->is_running()) {
+    // Its thread holds this object and cannot be stopped: nothing sensible is left to do.
+    std::fprintf(stderr, "test HTTPS server: did not start listening\n");
+    std::abort();
+  }
+}
+
+TestHttpsServer::~TestHttpsServer() {
+  server_->stop();
+  thread_.join();
+}
+
+std::string TestHttpsServer::url(std::string_view host) const {
+  return "https://" + std::string(host) + ":" + std::to_string(port_);
+}
+
+void TestHttpsServer::setHandler(TestHandler handler) {
+  std::lock_guard lock(mutex_);
+  handler_ = handler ? std::move(handler) : TestHandler(defaultHandler);
+}
+
+std::vector<RecordedRequest> TestHttpsServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+bool TestHttpsServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(mutex_);
+  return recorded_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
+}
+
+void TestHttpsServer::handle(const httplib::Request& request, httplib::Response& response) {
+  RecordedRequest recorded;
+  recorded.method = request.method;
+  recorded.target = request.target;
+  const size_t question = request.target.find('?');
+  recorded.hasQuery = question != std::string::npos;
+  recorded.path = request.target.substr(0, question);
+  if (recorded.hasQuery) recorded.query = request.target.substr(question + 1);
+  for (const auto& [name, value] : request.headers) {
+    if (!isInjectedByServer(name)) recorded.headers.emplace_back(name, value);
+  }
+  recorded.body = request.body;
+
+  TestHandler handler;
+  {
+    std::lock_guard lock(mutex_);
+    requests_.push_back(recorded);
+    handler = handler_;
+  }
+  recorded_.notify_all();
+  handler(recorded, response);
+}
+
+}  // namespace qvl::test

@@ -1,0 +1,17 @@
+// The test binary's entry point: each process gets its own data and config directories, so
+// no test reads or writes the user's real store or defaults, and parallel test processes
+// never share a file by accident.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "support/TempDir.h"
+
+int main(int argc, char** argv) {
+  qvl::test::TempDir home;
+  setenv("XDG_DATA_HOME", (home.path() + "/data").c_str(), 1);
+  setenv("XDG_CONFIG_HOME", (home.path() + "/config").c_str(), 1);
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
