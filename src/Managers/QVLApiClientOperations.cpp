@@ -65,8 +65,10 @@ qvl::AnyResults QVLApiClient::saveObjects(const std::vector<std::shared_ptr<QVLA
   std::vector<qvl::Value> keys;
   keys.reserve(records.size());
   for (const auto& key : keysOf(records)) {
-    if (key) keys.emplace_back(*key);
-    else keys.emplace_back();
+    if (key)
+      keys.emplace_back(*key);
+    else
+      keys.emplace_back();
   }
   return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), std::move(keys)));
 }
@@ -113,15 +115,22 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
         std::optional<qvl::AnyResults> saved;
         std::optional<QVLError> error;
         try {
-          auto records = parseJSONArrayData(body, cls);
+          auto answer = nlohmann::json::parse(body, nullptr, false);
+          auto records = QVLApiModel::newObjectsWithJSONArray(cls, answer);
           saved = self->saveObjects(records, cls);
           if (removeStale) {
-            // The answer is the class's complete set: drop every stored record
-            // it did not list.
+            // The answer is the class's complete set: drop every stored record it did not
+            // list. A listed record that was rejected for a bad value keeps its stored copy.
             std::vector<std::int64_t> keep;
-            keep.reserve(records.size());
-            for (const auto& key : keysOf(records)) {
-              if (key) keep.push_back(*key);
+            if (answer.is_array()) {
+              keep.reserve(answer.size());
+              for (const auto& element : answer) {
+                if (!element.is_object()) continue;
+                auto id = element.find("id");
+                if (id != element.end() && id->is_number_integer()) {
+                  keep.push_back(id->get<std::int64_t>());
+                }
+              }
             }
             auto realm = openStore();
             realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
