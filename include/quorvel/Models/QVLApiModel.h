@@ -181,6 +181,13 @@ class QVLApiModel : public qvl::Object {
 
  protected:
   explicit QVLApiModel(const QVLModelClass& cls) : qvl::Object(cls) {}
+
+  /// The list property `index` as a typed handle. A list handle reads and writes the
+  /// record's list (in the store when managed), so it is available from const records too.
+  template <class T>
+  qvl::List<T> listOf(int index) const {
+    return qvl::List<T>(std::const_pointer_cast<qvl::Object>(shared_from_this()), index);
+  }
 };
 
 /// Typed front for a record type T: the class operations with T's class filled in.

@@ -26,10 +26,7 @@ class QVLAudience : public QVLModel<QVLAudience> {
   void setAudienceId(std::optional<std::int64_t> v) { setOptionalInt(kAudienceId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
   void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
-  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
-  qvl::List<QVLPost> posts() const {
-    return qvl::List<QVLPost>(std::const_pointer_cast<qvl::Object>(shared_from_this()), kPosts);
-  }
+  qvl::List<QVLPost> posts() const { return listOf<QVLPost>(kPosts); }
   std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }

@@ -53,8 +53,7 @@ class QVLBeacon : public QVLModel<QVLBeacon> {
   void setLatitude(std::optional<double> v) { setOptionalDouble(kLatitude, v); }
   std::optional<double> longitude() const { return optionalDouble(kLongitude); }
   void setLongitude(std::optional<double> v) { setOptionalDouble(kLongitude, v); }
-  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
-  qvl::List<QVLPost> posts() const { return qvl::List<QVLPost>(self(), kPosts); }
+  qvl::List<QVLPost> posts() const { return listOf<QVLPost>(kPosts); }
   qvl::Results<QVLShop> shops() const { return qvl::Results<QVLShop>(linkingObjects(kShops)); }
   qvl::Results<QVLBeaconCategory> beaconCategories() const {
     return qvl::Results<QVLBeaconCategory>(linkingObjects(kBeaconCategories));
@@ -84,9 +83,5 @@ class QVLBeacon : public QVLModel<QVLBeacon> {
   std::string notificationMessage() const;
 
  private:
-  std::shared_ptr<qvl::Object> self() const {
-    return std::const_pointer_cast<qvl::Object>(shared_from_this());
-  }
-
   mutable std::optional<qvl::Uuid> uuidCache_;  // "_uuid"; never stored
 };

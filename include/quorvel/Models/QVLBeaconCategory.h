@@ -27,10 +27,7 @@ class QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
   void setBeaconCategoryId(std::optional<std::int64_t> v) { setOptionalInt(kBeaconCategoryId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
   void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
-  qvl::List<QVLBeacon> beacons() { return qvl::List<QVLBeacon>(shared_from_this(), kBeacons); }
-  qvl::List<QVLBeacon> beacons() const {
-    return qvl::List<QVLBeacon>(std::const_pointer_cast<qvl::Object>(shared_from_this()), kBeacons);
-  }
+  qvl::List<QVLBeacon> beacons() const { return listOf<QVLBeacon>(kBeacons); }
   std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }

@@ -39,10 +39,7 @@ class QVLGeofence : public QVLModel<QVLGeofence> {
   /// Metres.
   double radius() const { return doubleValue(kRadius); }
   void setRadius(double v) { setValue(kRadius, v); }
-  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
-  qvl::List<QVLPost> posts() const {
-    return qvl::List<QVLPost>(std::const_pointer_cast<qvl::Object>(shared_from_this()), kPosts);
-  }
+  qvl::List<QVLPost> posts() const { return listOf<QVLPost>(kPosts); }
   std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }

@@ -46,25 +46,12 @@ class QVLGuest : public QVLModel<QVLGuest> {
   void setLastName(std::optional<std::string> v) { setString(kLastName, std::move(v)); }
   std::optional<std::string> email() const { return stringValue(kEmail); }
   void setEmail(std::optional<std::string> v) { setString(kEmail, std::move(v)); }
-  qvl::List<QVLAction> actions() { return qvl::List<QVLAction>(shared_from_this(), kActions); }
-  qvl::List<QVLAction> actions() const { return qvl::List<QVLAction>(self(), kActions); }
-  qvl::List<QVLRedemption> redemptions() {
-    return qvl::List<QVLRedemption>(shared_from_this(), kRedemptions);
-  }
-  qvl::List<QVLRedemption> redemptions() const {
-    return qvl::List<QVLRedemption>(self(), kRedemptions);
-  }
-  qvl::List<QVLShop> shops() { return qvl::List<QVLShop>(shared_from_this(), kShops); }
-  qvl::List<QVLShop> shops() const { return qvl::List<QVLShop>(self(), kShops); }
-  qvl::List<QVLPost> posts() { return qvl::List<QVLPost>(shared_from_this(), kPosts); }
-  qvl::List<QVLPost> posts() const { return qvl::List<QVLPost>(self(), kPosts); }
+  qvl::List<QVLAction> actions() const { return listOf<QVLAction>(kActions); }
+  qvl::List<QVLRedemption> redemptions() const { return listOf<QVLRedemption>(kRedemptions); }
+  qvl::List<QVLShop> shops() const { return listOf<QVLShop>(kShops); }
+  qvl::List<QVLPost> posts() const { return listOf<QVLPost>(kPosts); }
   std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
-
- private:
-  std::shared_ptr<qvl::Object> self() const {
-    return std::const_pointer_cast<qvl::Object>(shared_from_this());
-  }
 };

@@ -56,18 +56,11 @@ class QVLOrganization : public QVLModel<QVLOrganization> {
   std::optional<std::string> colorString() const { return stringValue(kColorString); }
   void setColorString(std::optional<std::string> v) { setString(kColorString, std::move(v)); }
 
-  qvl::List<QVLShopCategory> shopCategories() {
-    return qvl::List<QVLShopCategory>(shared_from_this(), kShopCategories);
-  }
   qvl::List<QVLShopCategory> shopCategories() const {
-    return qvl::List<QVLShopCategory>(self(), kShopCategories);
+    return listOf<QVLShopCategory>(kShopCategories);
   }
-  qvl::List<QVLRegion> regions() { return qvl::List<QVLRegion>(shared_from_this(), kRegions); }
-  qvl::List<QVLRegion> regions() const { return qvl::List<QVLRegion>(self(), kRegions); }
-  qvl::List<QVLAudience> audiences() {
-    return qvl::List<QVLAudience>(shared_from_this(), kAudiences);
-  }
-  qvl::List<QVLAudience> audiences() const { return qvl::List<QVLAudience>(self(), kAudiences); }
+  qvl::List<QVLRegion> regions() const { return listOf<QVLRegion>(kRegions); }
+  qvl::List<QVLAudience> audiences() const { return listOf<QVLAudience>(kAudiences); }
   std::shared_ptr<QVLMedia> image() const { return linkAs<QVLMedia>(kImage); }
   void setImage(std::shared_ptr<QVLMedia> v) { setLink(kImage, std::move(v)); }
   std::shared_ptr<QVLMedia> logo() const { return linkAs<QVLMedia>(kLogo); }
@@ -102,9 +95,4 @@ class QVLOrganization : public QVLModel<QVLOrganization> {
   /// leading number / 255, 0 when it has none; not range-checked) with alpha 1; any other
   /// count gives the standard blue.
   static qvl::Color colorFromString(std::string_view text);
-
- private:
-  std::shared_ptr<qvl::Object> self() const {
-    return std::const_pointer_cast<qvl::Object>(shared_from_this());
-  }
 };

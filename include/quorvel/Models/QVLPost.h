@@ -46,16 +46,8 @@ class QVLPost : public QVLModel<QVLPost> {
   /// HTML (the service's "content"."html").
   std::optional<std::string> content() const { return stringValue(kContent); }
   void setContent(std::optional<std::string> v) { setString(kContent, std::move(v)); }
-  qvl::List<QVLPostPeriod> periods() {
-    return qvl::List<QVLPostPeriod>(shared_from_this(), kPeriods);
-  }
-  qvl::List<QVLPostPeriod> periods() const { return qvl::List<QVLPostPeriod>(self(), kPeriods); }
-  qvl::List<QVLPostField> postFields() {
-    return qvl::List<QVLPostField>(shared_from_this(), kPostFields);
-  }
-  qvl::List<QVLPostField> postFields() const {
-    return qvl::List<QVLPostField>(self(), kPostFields);
-  }
+  qvl::List<QVLPostPeriod> periods() const { return listOf<QVLPostPeriod>(kPeriods); }
+  qvl::List<QVLPostField> postFields() const { return listOf<QVLPostField>(kPostFields); }
   std::shared_ptr<QVLMedia> thumbnail() const { return linkAs<QVLMedia>(kThumbnail); }
   void setThumbnail(std::shared_ptr<QVLMedia> v) { setLink(kThumbnail, std::move(v)); }
   bool collectible() const { return boolValue(kCollectible); }
@@ -81,9 +73,4 @@ class QVLPost : public QVLModel<QVLPost> {
 
   /// True without periods; otherwise true when any period is active.
   bool active() const;
-
- private:
-  std::shared_ptr<qvl::Object> self() const {
-    return std::const_pointer_cast<qvl::Object>(shared_from_this());
-  }
 };

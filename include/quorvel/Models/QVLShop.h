@@ -76,8 +76,7 @@ class QVLShop : public QVLModel<QVLShop> {
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
 
-  qvl::List<QVLBeacon> beacons() { return qvl::List<QVLBeacon>(shared_from_this(), kBeacons); }
-  qvl::List<QVLBeacon> beacons() const { return qvl::List<QVLBeacon>(self(), kBeacons); }
+  qvl::List<QVLBeacon> beacons() const { return listOf<QVLBeacon>(kBeacons); }
   /// The categories whose shops list holds this shop (empty while unmanaged).
   qvl::Results<QVLShopCategory> shopCategories() const {
     return qvl::Results<QVLShopCategory>(linkingObjects(kShopCategories));
@@ -88,9 +87,4 @@ class QVLShop : public QVLModel<QVLShop> {
   std::optional<qvl::Url> homepageURL() const;
   /// facebookURLString through QVLURLTrimmer.
   std::optional<qvl::Url> facebookURL() const;
-
- private:
-  std::shared_ptr<qvl::Object> self() const {
-    return std::const_pointer_cast<qvl::Object>(shared_from_this());
-  }
 };

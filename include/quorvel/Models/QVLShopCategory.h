@@ -27,10 +27,7 @@ class QVLShopCategory : public QVLModel<QVLShopCategory> {
   void setShopCategoryId(std::optional<std::int64_t> v) { setOptionalInt(kShopCategoryId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
   void setName(std::optional<std::string> v) { setString(kName, std::move(v)); }
-  qvl::List<QVLShop> shops() { return qvl::List<QVLShop>(shared_from_this(), kShops); }
-  qvl::List<QVLShop> shops() const {
-    return qvl::List<QVLShop>(std::const_pointer_cast<qvl::Object>(shared_from_this()), kShops);
-  }
+  qvl::List<QVLShop> shops() const { return listOf<QVLShop>(kShops); }
   std::optional<qvl::Date> createdAt() const { return dateValue(kCreatedAt); }
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
