@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Base64.h"
+#include "Platform/Immortal.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -124,10 +125,13 @@ UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) {}
 
 UserDefaults& UserDefaults::standard() {
   // Never destroyed: completions on worker threads may still use it while the process exits.
-  static UserDefaults* instance = new UserDefaults(std::string());
+  struct Standard {
+    UserDefaults defaults{std::string()};
+  };
+  UserDefaults& instance = detail::immortal<Standard>().defaults;
   std::string path = Env::current()->userDefaultsPath;
-  instance->resetPath(path.empty() ? defaultStandardPath() : std::move(path));
-  return *instance;
+  instance.resetPath(path.empty() ? defaultStandardPath() : std::move(path));
+  return instance;
 }
 
 std::string UserDefaults::defaultStandardPath() {
