@@ -133,6 +133,34 @@ TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey)
   EXPECT_EQ(store->objects(itemClass()).size(), 3u);  // items are not owned by the list
 }
 
+TEST_F(StoreTest, AnUpdateLeavesPropertiesMarkedKeptAsStored) {
+  auto store = open();
+  auto first = owner(1, "stored");
+  first->setLink(kChild, item(10, "child"));
+  first->list(kItems).assign({item(11, "a")});
+  store->write([&] { store->addOrUpdate(first); });
+
+  auto update = owner(1, "updated");  // count 0, no child, an empty list: all kept
+  for (int kept : {kCount, kChild, kItems}) update->keepStoredValue(kept);
+  store->write([&] { store->object(ownerClass(), 1)->setValue(kCount, std::int64_t{7}); });
+  store->write([&] { store->addOrUpdate(update); });
+  auto stored = store->object(ownerClass(), 1);
+  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "updated");
+  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 7);
+  EXPECT_EQ(labelOf(stored->link(kChild)), "child");
+  EXPECT_EQ(stored->list(kItems).size(), 1u);
+
+  // A record not stored yet is written whole; changing a kept property clears its mark.
+  auto fresh = owner(2, "fresh");
+  fresh->list(kItems).assign({item(12, "b")});
+  fresh->keepStoredValue(kItems);
+  fresh->keepStoredValue(kCount);
+  fresh->setValue(kCount, std::int64_t{3});
+  EXPECT_FALSE(fresh->keepsStoredValue(kCount));
+  store->write([&] { store->addOrUpdate(fresh); });
+  EXPECT_EQ(store->object(ownerClass(), 2)->list(kItems).size(), 1u);
+}
+
 TEST_F(StoreTest, RecordsWithoutKeyAndNullKeysAreInsertedOrMatchedOnce) {
   auto store = open();
   store->write([&] {
