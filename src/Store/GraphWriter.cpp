@@ -25,23 +25,19 @@ class GraphWriter {
 
     const ClassInfo& info = impl_.info(object->objectClass());
     const ObjectClass& cls = *info.objectClass;
-    // A stored record with the same key is updated in place, leaving alone the properties
-    // marked to keep their stored value: this is where a parsed answer merges with the
-    // stored record, inside the caller's write transaction.
-    bool keepsAny = false;
-    for (size_t i = 0; i < cls.properties().size(); ++i) {
-      keepsAny = keepsAny || StoreAccess::slot(*object, static_cast<int>(i)).keepStored;
+    // Properties marked to keep their stored value are left alone when the record is
+    // already stored: this is where a parsed answer merges with the stored record, inside
+    // the caller's write transaction.
+    std::string keptColumns(info.columns.size(), '0');
+    for (size_t c = 0; c < info.columns.size(); ++c) {
+      if (StoreAccess::slot(*object, info.columns[c]).keepStored) keptColumns[c] = '1';
     }
-    auto key = object->primaryKeyValue();
-    const std::int64_t stored =
-        cls.primaryKeyIndex() >= 0 && (!key || keepsAny) ? impl_.rowForKey(info, key) : 0;
-    auto kept = [&](int index) { return stored && StoreAccess::slot(*object, index).keepStored; };
 
     std::vector<std::int64_t> linkRows(info.columns.size(), 0);
     std::vector<const Object*> pendingLinks(info.columns.size(), nullptr);
     for (size_t c = 0; c < info.columns.size(); ++c) {
       int index = info.columns[c];
-      if (cls.property(index).kind != PropertyKind::Link || kept(index)) continue;
+      if (cls.property(index).kind != PropertyKind::Link) continue;
       auto target = object->link(index);
       if (!target) continue;
       checkClass(*target, cls.property(index));
@@ -49,11 +45,11 @@ class GraphWriter {
       if (linkRows[c] == 0) pendingLinks[c] = target.get();
     }
 
-    auto bindColumns = [&](StatementUse& use) {
+    auto bindColumns = [&](StatementUse& use, bool skipKept) {
       int position = 0;
       for (size_t c = 0; c < info.columns.size(); ++c) {
+        if (skipKept && keptColumns[c] == '1') continue;
         int index = info.columns[c];
-        if (kept(index)) continue;
         const Property& p = cls.property(index);
         ++position;
         if (p.kind == PropertyKind::Link) {
@@ -67,27 +63,38 @@ class GraphWriter {
       }
       return position;
     };
-    std::int64_t row = stored;
-    if (stored) {
-      std::string keptColumns(info.columns.size(), '0');
-      for (size_t c = 0; c < info.columns.size(); ++c) {
-        if (kept(info.columns[c])) keptColumns[c] = '1';
-      }
-      if (sqlite3_stmt* update = impl_.updateStatement(info, keptColumns)) {
+    auto key = object->primaryKeyValue();
+    std::int64_t row = 0;
+    bool existed = false;
+    if (cls.primaryKeyIndex() >= 0 && !key) {
+      // No key: the record matches the one stored without a key, if any.
+      row = impl_.rowForKey(info, std::nullopt);
+      existed = row != 0;
+      sqlite3_stmt* update = existed ? impl_.updateStatement(info, keptColumns) : nullptr;
+      if (update) {
         StatementUse use(update);
-        use.bindInt(bindColumns(use) + 1, row);
+        use.bindInt(bindColumns(use, true) + 1, row);
         use.step();
       }
-    } else {
-      const std::string& sql = cls.primaryKeyIndex() >= 0 && key ? info.upsert : info.insert;
-      StatementUse use(impl_.statement(sql));
-      bindColumns(use);
+    }
+    if (!row) {
+      bool upsert = cls.primaryKeyIndex() >= 0 && key;
+      StatementUse use(upsert ? impl_.upsertStatement(info, keptColumns)
+                              : impl_.statement(info.insert));
+      // The upsert's update path leaves the last inserted row id alone, which tells an
+      // update of a stored record from an insert.
+      sqlite3_set_last_insert_rowid(impl_.db.get(), 0);
+      bindColumns(use, false);
       if (!use.step()) throw StoreError("store: no row written for " + cls.name());
       row = use.columnInt(0);
+      existed = upsert && sqlite3_last_insert_rowid(impl_.db.get()) == 0;
     }
+    auto kept = [&](int index) { return existed && StoreAccess::slot(*object, index).keepStored; };
     rows_[object.get()] = row;
     for (size_t c = 0; c < pendingLinks.size(); ++c) {
-      if (pendingLinks[c]) linkFixes_.push_back({&info, info.columns[c], row, pendingLinks[c]});
+      if (pendingLinks[c] && !kept(info.columns[c])) {
+        linkFixes_.push_back({&info, info.columns[c], row, pendingLinks[c]});
+      }
     }
 
     for (const auto& list : info.lists) {

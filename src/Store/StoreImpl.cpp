@@ -159,22 +159,41 @@ void detail::StoreImpl::writeList(const ClassInfo::ListInfo& list, std::int64_t 
 
 sqlite3_stmt* detail::StoreImpl::updateStatement(const ClassInfo& info,
                                                  const std::string& keptColumns) {
-  if (keptColumns.find('1') == std::string::npos) {
-    return info.updateRow.empty() ? nullptr : statement(info.updateRow);
-  }
   if (keptColumns.find('0') == std::string::npos) return nullptr;
-  std::string key = info.table + ' ' + keptColumns;
-  if (auto it = partialUpdates.find(key); it != partialUpdates.end()) return it->second;
-  std::string sql = "UPDATE " + info.table + " SET ";
-  bool first = true;
+  if (keptColumns.find('1') == std::string::npos) return statement(info.updateRow);
+  std::string key = "update " + info.table + ' ' + keptColumns;
+  if (auto it = keepingStatements.find(key); it != keepingStatements.end()) return it->second;
+  std::vector<std::string> sets;
   for (size_t c = 0; c < info.columns.size(); ++c) {
-    if (keptColumns[c] == '1') continue;
-    if (!first) sql += ',';
-    sql += quoteIdentifier(info.objectClass->property(info.columns[c]).name) + "=?";
-    first = false;
+    if (keptColumns[c] == '0') {
+      sets.push_back(quoteIdentifier(info.objectClass->property(info.columns[c]).name) + "=?");
+    }
   }
-  sqlite3_stmt* stmt = queryStatement(sql + " WHERE _rowid=?");
-  partialUpdates.emplace(std::move(key), stmt);
+  sqlite3_stmt* stmt =
+      queryStatement("UPDATE " + info.table + " SET " + join(sets, ",") + " WHERE _rowid=?");
+  keepingStatements.emplace(std::move(key), stmt);
+  return stmt;
+}
+
+sqlite3_stmt* detail::StoreImpl::upsertStatement(const ClassInfo& info,
+                                                 const std::string& keptColumns) {
+  if (keptColumns.find('1') == std::string::npos) return statement(info.upsert);
+  std::string key = "upsert " + info.table + ' ' + keptColumns;
+  if (auto it = keepingStatements.find(key); it != keepingStatements.end()) return it->second;
+  std::string pk = quoteIdentifier(info.objectClass->primaryKey());
+  std::vector<std::string> names, marks, updates;
+  for (size_t c = 0; c < info.columns.size(); ++c) {
+    std::string name = quoteIdentifier(info.objectClass->property(info.columns[c]).name);
+    if (keptColumns[c] == '0' && name != pk) updates.push_back(name + "=excluded." + name);
+    names.push_back(std::move(name));
+    marks.emplace_back("?");
+  }
+  // An update that changes nothing still returns the row.
+  if (updates.empty()) updates.push_back(pk + "=excluded." + pk);
+  sqlite3_stmt* stmt = queryStatement(
+      "INSERT INTO " + info.table + "(" + join(names, ",") + ") VALUES(" + join(marks, ",") +
+      ") ON CONFLICT(" + pk + ") DO UPDATE SET " + join(updates, ",") + " RETURNING _rowid");
+  keepingStatements.emplace(std::move(key), stmt);
   return stmt;
 }
 

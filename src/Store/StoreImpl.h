@@ -83,6 +83,7 @@ struct ClassInfo {
 };
 
 std::string quoteIdentifier(const std::string& name);
+std::string join(const std::vector<std::string>& parts, const char* separator);
 std::int64_t dateToStored(Date date);
 Date storedToDate(std::int64_t stored);
 
@@ -105,8 +106,8 @@ struct StoreImpl {
   std::unordered_map<const void*, Statement> statements;
   // Statements of results queries, keyed by their text.
   std::unordered_map<std::string, Statement> queries;
-  // Partial row updates, keyed by table and kept columns (see updateStatement).
-  std::unordered_map<std::string, sqlite3_stmt*> partialUpdates;
+  // Statements that keep some columns, keyed by kind, table and kept columns.
+  std::unordered_map<std::string, sqlite3_stmt*> keepingStatements;
   // Classes of this file by descriptor and by name.
   std::unordered_map<const ObjectClass*, const ClassInfo*> classes;
   std::unordered_map<std::string, const ClassInfo*> classesByName;
@@ -138,6 +139,9 @@ struct StoreImpl {
   /// UPDATE of a row's columns except those marked '1' in keptColumns (one character per
   /// column); nullptr when no column is left to write.
   sqlite3_stmt* updateStatement(const ClassInfo& info, const std::string& keptColumns);
+  /// INSERT of every column that, for a stored key, updates only the columns not marked
+  /// '1' in keptColumns; returns the row id.
+  sqlite3_stmt* upsertStatement(const ClassInfo& info, const std::string& keptColumns);
   /// The rows (a JSON array) of a class selected by one of its key queries
   /// (rowsForKeysIn, rowsNotForKeysIn) with keys bound as a JSON array.
   std::string rowsSelectedBy(const std::string& query, const std::vector<std::int64_t>& keys);

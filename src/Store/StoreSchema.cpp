@@ -26,6 +26,15 @@ void execute(sqlite3* db, const std::string& sql) {
   }
 }
 
+std::string join(const std::vector<std::string>& parts, const char* separator) {
+  std::string out;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    if (i) out += separator;
+    out += parts[i];
+  }
+  return out;
+}
+
 std::string quoteIdentifier(const std::string& name) {
   std::string out = "\"";
   for (char c : name) {
@@ -47,15 +56,6 @@ const char* columnType(PropertyKind kind) {
     default:
       return "INTEGER";
   }
-}
-
-std::string join(const std::vector<std::string>& parts, const char* separator) {
-  std::string out;
-  for (size_t i = 0; i < parts.size(); ++i) {
-    if (i) out += separator;
-    out += parts[i];
-  }
-  return out;
 }
 
 std::unique_ptr<ClassInfo> buildClassInfo(const ObjectClass& cls) {

@@ -72,9 +72,13 @@ std::shared_ptr<Object> owner(std::int64_t id, const std::string& name) {
   return o;
 }
 
-std::string labelOf(const std::shared_ptr<Object>& o) {
-  return std::get<std::string>(o->value(kLabel));
+std::string text(const std::shared_ptr<Object>& o, int index) {
+  return std::get<std::string>(o->value(index));
 }
+std::int64_t integer(const std::shared_ptr<Object>& o, int index) {
+  return std::get<std::int64_t>(o->value(index));
+}
+std::string labelOf(const std::shared_ptr<Object>& o) { return text(o, kLabel); }
 
 class StoreTest : public ::testing::Test {
  protected:
@@ -105,7 +109,7 @@ TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey)
   auto stored = store->object(ownerClass(), 1);
   ASSERT_TRUE(stored);
   EXPECT_TRUE(stored->isManaged());
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 7);
+  EXPECT_EQ(integer(stored, kCount), 7);
   EXPECT_TRUE(std::get<bool>(stored->value(kFlag)));
   EXPECT_DOUBLE_EQ(std::get<double>(stored->value(kScore)), 2.5);
   EXPECT_EQ(std::get<qvl::Date>(stored->value(kWhen)), qvl::Date(std::chrono::seconds(1700000000)));
@@ -123,8 +127,8 @@ TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey)
   second->list(kItems).assign({item(12, "b2")});
   store->write([&] { store->addOrUpdate(second); });
   stored = store->object(ownerClass(), 1);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "second");
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 0);
+  EXPECT_EQ(text(stored, kName), "second");
+  EXPECT_EQ(integer(stored, kCount), 0);
   EXPECT_TRUE(qvl::isNull(stored->value(kScore)));
   EXPECT_EQ(stored->link(kChild), nullptr);
   ASSERT_EQ(stored->list(kItems).size(), 1u);
@@ -145,8 +149,8 @@ TEST_F(StoreTest, AnUpdateLeavesPropertiesMarkedKeptAsStored) {
   store->write([&] { store->object(ownerClass(), 1)->setValue(kCount, std::int64_t{7}); });
   store->write([&] { store->addOrUpdate(update); });
   auto stored = store->object(ownerClass(), 1);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "updated");
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 7);
+  EXPECT_EQ(text(stored, kName), "updated");
+  EXPECT_EQ(integer(stored, kCount), 7);
   EXPECT_EQ(labelOf(stored->link(kChild)), "child");
   EXPECT_EQ(stored->list(kItems).size(), 1u);
 
@@ -181,7 +185,7 @@ TEST_F(StoreTest, RecordsWithoutKeyAndNullKeysAreInsertedOrMatchedOnce) {
   EXPECT_EQ(store->objects(ownerClass()).size(), 2u);
   auto unkeyed = store->object(ownerClass(), std::nullopt);
   ASSERT_TRUE(unkeyed);
-  EXPECT_EQ(std::get<std::string>(unkeyed->value(kName)), "no key 2");
+  EXPECT_EQ(text(unkeyed, kName), "no key 2");
   EXPECT_THROW(store->object(noteClass(), 1), std::logic_error);
 }
 
@@ -197,8 +201,8 @@ TEST_F(StoreTest, CyclicUnmanagedGraphIsWritten) {
   auto storedX = store->object(itemClass(), 2);
   auto owners = storedX->linkingObjects(kOwners).snapshot();
   ASSERT_EQ(owners.size(), 2u);  // each owner once, though b lists x twice
-  EXPECT_EQ(std::get<std::string>(owners[0]->value(kName)), "a");
-  EXPECT_EQ(std::get<std::string>(owners[1]->value(kName)), "b");
+  EXPECT_EQ(text(owners[0], kName), "a");
+  EXPECT_EQ(text(owners[1], kName), "b");
 }
 
 TEST_F(StoreTest, DeletingARecordRemovesItFromListsAndClearsLinks) {
@@ -275,7 +279,7 @@ TEST_F(StoreTest, ManagedRecordsWriteThroughInsideTransactionsOnly) {
     stored->setLink(kChild, item(7, "g"));
   });
   auto again = store->object(ownerClass(), 1);
-  EXPECT_EQ(std::get<std::string>(again->value(kName)), "renamed");
+  EXPECT_EQ(text(again, kName), "renamed");
   auto items = again->list(kItems).elements();
   ASSERT_EQ(items.size(), 2u);
   EXPECT_EQ(labelOf(items[0]), "f");
@@ -315,7 +319,7 @@ TEST_F(StoreTest, DataSurvivesCloseAndReopen) {
   auto store = open();
   auto stored = store->object(ownerClass(), 1);
   ASSERT_TRUE(stored);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "kept");
+  EXPECT_EQ(text(stored, kName), "kept");
   EXPECT_EQ(labelOf(stored->list(kItems).at(0)), "listed");
 }
 
@@ -400,8 +404,8 @@ TEST_F(StoreTest, MigrationRenamesKeepingValuesAndNewColumnsAreAdded) {
   EXPECT_EQ(seen, std::vector<std::uint64_t>{1});
   auto stored = store->object(ownerClass(), 1);
   ASSERT_TRUE(stored);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "old title");
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 4);
+  EXPECT_EQ(text(stored, kName), "old title");
+  EXPECT_EQ(integer(stored, kCount), 4);
   EXPECT_FALSE(std::get<bool>(stored->value(kFlag)));  // added column reads as default
   store->write([&] { store->addOrUpdate(owner(2, "new")); });
   EXPECT_EQ(store->objects(ownerClass()).size(), 2u);

@@ -67,7 +67,8 @@ class Object : public std::enable_shared_from_this<Object> {
   /// as it is when the record is already stored: the merge with the stored record then
   /// happens inside the write transaction, so a change committed after this record was
   /// made is never overwritten. The JSON mapping marks the properties an answer omitted
-  /// and the protected ones. Setting or changing the property clears the mark.
+  /// and the protected ones. Setting or changing the property clears the mark. Throws
+  /// std::logic_error for a managed record.
   void keepStoredValue(int index);
   bool keepsStoredValue(int index) const;
 
