@@ -22,14 +22,6 @@ std::shared_ptr<qvl::Store> openStore() {
   return realm;
 }
 
-std::vector<std::optional<std::int64_t>> keysOf(
-    const std::vector<std::shared_ptr<QVLApiModel>>& records) {
-  std::vector<std::optional<std::int64_t>> keys;
-  keys.reserve(records.size());
-  for (const auto& record : records) keys.push_back(record->primaryKeyValue());
-  return keys;
-}
-
 }  // namespace
 
 // ---- parsing and saving --------------------------------------------------------------------
@@ -50,27 +42,25 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiClient::parseJSONArrayData(
 std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLApiModel>& record,
                                                       const QVLModelClass& cls) {
   auto realm = openStore();
-  realm->write([&] { realm->addOrUpdate(record); });
-  if (cls.primaryKeyIndex() < 0) return nullptr;
-  return std::static_pointer_cast<QVLApiModel>(realm->object(cls, record->primaryKeyValue()));
+  std::shared_ptr<qvl::Object> saved;
+  realm->write([&] { saved = realm->addOrUpdate(record); });
+  if (cls.primaryKeyIndex() >= 0) saved = realm->object(cls, record->primaryKeyValue());
+  return std::static_pointer_cast<QVLApiModel>(saved);
 }
 
 qvl::AnyResults QVLApiClient::saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
                                           const QVLModelClass& cls) {
   auto realm = openStore();
+  if (records.empty()) {  // results that stay empty
+    if (cls.primaryKeyIndex() < 0) return {};
+    return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), {}));
+  }
+  qvl::AnyResults saved;
   realm->write([&] {
-    realm->addOrUpdateAll(
+    saved = realm->addOrUpdateAll(
         std::vector<std::shared_ptr<qvl::Object>>(records.begin(), records.end()));
   });
-  std::vector<qvl::Value> keys;
-  keys.reserve(records.size());
-  for (const auto& key : keysOf(records)) {
-    if (key)
-      keys.emplace_back(*key);
-    else
-      keys.emplace_back();
-  }
-  return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), std::move(keys)));
+  return saved;
 }
 
 void QVLApiClient::parseAndSaveJSONObjectData(const std::string& data, const QVLModelClass& cls,

@@ -178,11 +178,13 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
   static std::vector<std::shared_ptr<QVLApiModel>> parseJSONArrayData(const std::string& data,
                                                                       const QVLModelClass& cls);
   /// Create-or-update in one write transaction, then the stored record looked up afresh by
-  /// key. Throws qvl::StoreError when the store cannot be opened or written.
+  /// key (a record of a class without a key: the one just stored). Throws qvl::StoreError
+  /// when the store cannot be opened or written.
   std::shared_ptr<QVLApiModel> saveObject(const std::shared_ptr<QVLApiModel>& record,
                                           const QVLModelClass& cls);
-  /// Create-or-update of every record in one write transaction; the live results of "key
-  /// IN the records' keys". Throws qvl::StoreError like saveObject.
+  /// Create-or-update of every record in one write transaction; live results, in store
+  /// order, of exactly the records saved (those without a key included). Throws
+  /// qvl::StoreError like saveObject.
   qvl::AnyResults saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
                               const QVLModelClass& cls);
   /// Parse, save, and call back before returning, on the calling thread. The error is a
