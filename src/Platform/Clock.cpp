@@ -23,7 +23,7 @@ Date Clock::now() {
     std::lock_guard lock(overrideMutex());
     if (overrideNow()) return *overrideNow();
   }
-  return std::chrono::system_clock::now();
+  return std::chrono::floor<Date::duration>(std::chrono::system_clock::now());
 }
 
 void Clock::setNowForTesting(std::optional<Date> now) {

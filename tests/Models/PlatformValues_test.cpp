@@ -40,7 +40,7 @@ TEST(UuidTest, RejectsEverythingElse) {
 }
 
 TEST(ClockTest, TestTimeHoldsOnEveryThreadUntilCleared) {
-  auto fixed = std::chrono::system_clock::time_point(std::chrono::seconds(1'700'000'000));
+  auto fixed = qvl::Date(std::chrono::seconds(1'700'000'000));
   qvl::Clock::setNowForTesting(fixed);
   qvl::Date seen{};
   std::thread([&] { seen = qvl::Clock::now(); }).join();
