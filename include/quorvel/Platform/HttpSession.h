@@ -3,6 +3,7 @@
 // queue per session and a server-trust hook for certificate pinning.
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -42,20 +43,36 @@ struct HttpResponse {
 };
 
 struct HttpSessionConfiguration {
-  /// Default for `timeoutIntervalForRequest` of configurations made from now on (60 s
-  /// unless changed). Thread-safe; tests shorten it.
+  /// Defaults of the limits below for configurations made from now on. Thread-safe; hosts
+  /// may tune them at start-up, tests shorten them.
+  struct Limits {
+    std::chrono::milliseconds timeoutIntervalForRequest = std::chrono::seconds(60);
+    std::chrono::milliseconds timeoutIntervalForResource = std::chrono::minutes(5);
+    std::size_t maximumResponseBytes = std::size_t{64} << 20;
+    std::size_t maximumDecodedBytes = std::size_t{64} << 20;
+  };
+  static Limits defaultLimits();
+  static void setDefaultLimits(const Limits& limits);
+  /// The request time-out part of defaultLimits().
   static std::chrono::milliseconds defaultTimeoutIntervalForRequest();
   static void setDefaultTimeoutIntervalForRequest(std::chrono::milliseconds timeout);
 
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
   HttpHeaders additionalHeaders;
-  /// Idle limit: a request fails with CURLE_OPERATION_TIMEDOUT when no byte moves for this
-  /// long. It also bounds connecting plus the TLS handshake. Whole seconds for the idle part
-  /// (rounded up, at least one).
-  std::chrono::milliseconds timeoutIntervalForRequest = defaultTimeoutIntervalForRequest();
-  /// Upper bound for a whole request, however busy.
-  std::chrono::milliseconds timeoutIntervalForResource = std::chrono::hours(24 * 7);
+  /// Idle limit (60 s by default): a task fails with CURLE_OPERATION_TIMEDOUT when no byte
+  /// of the request or the answer moves for this long. Connecting plus the TLS handshake
+  /// must finish within it too. Checked to within a few milliseconds.
+  std::chrono::milliseconds timeoutIntervalForRequest = defaultLimits().timeoutIntervalForRequest;
+  /// Upper bound for a whole task however busy (5 min by default): beyond it the task fails
+  /// with CURLE_OPERATION_TIMEDOUT.
+  std::chrono::milliseconds timeoutIntervalForResource = defaultLimits().timeoutIntervalForResource;
+  /// The most an answer may bring, headers plus body as received (64 MiB by default).
+  /// Beyond it the task fails with CURLE_FILESIZE_EXCEEDED and what came is dropped.
+  std::size_t maximumResponseBytes = defaultLimits().maximumResponseBytes;
+  /// The most a body may hold once decoded (gzip, deflate, brotli, zstd), 64 MiB by default,
+  /// so a small compressed answer cannot expand without bound. Beyond it: as above.
+  std::size_t maximumDecodedBytes = defaultLimits().maximumDecodedBytes;
 };
 
 enum class TrustDisposition {
