@@ -32,8 +32,8 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using qvl::test::FaultConnection;
 
-constexpr auto kIdle = 500ms;
-constexpr auto kOverall = 3s;
+constexpr std::chrono::milliseconds kIdle = 1s;
+constexpr std::chrono::milliseconds kOverall = 4s;
 constexpr std::size_t kCap = 1 << 20;
 // What a fault may take beyond its bound on a busy machine.
 constexpr auto kSlack = 1s;
@@ -89,15 +89,15 @@ const std::vector<Fault>& faults() {
          c.send(std::string(kOkHead) + "Content-Length: 100\r\n\r\n[{\"id\"");
        },
        kQVLTransportErrorDomain, CURLE_PARTIAL_FILE, 0ms, kIdle},
-      // The last ten bytes one every 0.3 idle limits: three idle limits in all, never idle.
+      // The last eight bytes one every 0.3 idle limits: 2.4 idle limits in all, never idle.
       {"slow-drip",
        [](FaultConnection& c) {
-         const std::string body = kStoredAnswer + std::string(10, ' ');
-         c.send(std::string(kOkHead) + "Content-Length: " + std::to_string(body.size()) +
-                "\r\n\r\n" + kStoredAnswer);
-         drip(c, std::string(10, ' '), kIdle * 3 / 10);
+         const std::string tail(8, ' ');
+         c.send(std::string(kOkHead) + "Content-Length: " +
+                std::to_string(kStoredAnswer.size() + tail.size()) + "\r\n\r\n" + kStoredAnswer);
+         drip(c, tail, kIdle * 3 / 10);
        },
-       std::nullopt, 0, kIdle * 3, kOverall},
+       std::nullopt, 0, kIdle * 24 / 10, kOverall},
       {"endless-drip",
        [](FaultConnection& c) {
          c.send(std::string(kOkHead) + "\r\n[");
