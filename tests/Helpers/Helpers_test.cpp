@@ -11,7 +11,8 @@
 #include "quorvel/Models/QVLMedia.h"
 #include "quorvel/Models/QVLPostPeriod.h"
 #include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/Env.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -80,12 +81,7 @@ TEST(URLTrimmerTest, TrimsAndAddsAMissingScheme) {
 
 class RealmTest : public ::testing::Test {
  protected:
-  void SetUp() override { QVLRealm::setStoreDirectory(dir.path() + "/store"); }
-  void TearDown() override {
-    qvl::Store::closeThreadHandles();
-    QVLRealm::setStoreDirectory("");
-    qvl::setLogSink({});
-  }
+  void TearDown() override { qvl::Store::closeThreadHandles(); }
 
   // Makes a store file of an older version whose media table still has "urlString".
   void makeOldFile(std::uint64_t version) {
@@ -112,6 +108,7 @@ class RealmTest : public ::testing::Test {
   }
 
   qvl::test::TempDir dir;
+  qvl::ScopedEnv env{[this](qvl::Env& env) { env.storeDirectory = dir.path() + "/store"; }};
 };
 
 TEST_F(RealmTest, OpensTheLibraryFileAtVersion19) {
@@ -139,7 +136,8 @@ TEST_F(RealmTest, FourDigitYearsRoundTripThroughTextAndStore) {
       {"2262-04-11T23:47:17+0000", utc(2262, 4, 11, 23, 47, 17)},
       {"9999-12-31T23:59:59+0000", utc(9999, 12, 31, 23, 59, 59)},
   };
-  qvl::Clock::setNowForTesting(utc(2024, 3, 5, 12, 0, 0));
+  const qvl::Date now = utc(2024, 3, 5, 12, 0, 0);
+  qvl::ScopedEnv clock([&](qvl::Env& env) { env.clock = std::make_shared<qvl::ManualClock>(now); });
   std::int64_t id = 0;
   for (const auto& c : cases) {
     EXPECT_EQ(QVLDateFormatter::dateFromString(c.text), c.date) << c.text;
@@ -153,9 +151,8 @@ TEST_F(RealmTest, FourDigitYearsRoundTripThroughTextAndStore) {
     ASSERT_TRUE(stored);
     EXPECT_EQ(stored->stop(), c.date) << c.text;
     EXPECT_EQ(stored->toDictionary()["stop"], c.text);
-    EXPECT_EQ(stored->active(), c.date > qvl::Clock::now()) << c.text;
+    EXPECT_EQ(stored->active(), c.date > now) << c.text;
   }
-  qvl::Clock::setNowForTesting(std::nullopt);
   // Outside four digits the year is signed.
   EXPECT_EQ(QVLDateFormatter::formattedStringFromDate(utc(0, 1, 1, 0, 0, 0) - seconds(1)),
             "-0001-12-31T23:59:59+0000");
@@ -180,11 +177,11 @@ TEST_F(RealmTest, Version18FileIsOpenedWithoutTheRename) {
 }
 
 TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
-  std::vector<std::string> lines;
-  qvl::setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+  qvl::test::LogCapture log;
   std::ofstream(dir.path() + "/blocker") << "a file where the directory should be";
-  QVLRealm::setStoreDirectory(dir.path() + "/blocker");
+  qvl::ScopedEnv blocked([&](qvl::Env& env) { env.storeDirectory = dir.path() + "/blocker"; });
   EXPECT_EQ(QVLRealm::realm(), nullptr);
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].rfind("Couldn't create the QuorvelSDK Realm instance: ", 0), 0u) << lines[0];
 }

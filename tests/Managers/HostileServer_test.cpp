@@ -20,9 +20,8 @@
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLShop.h"
-#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/PinValidator.h"
-#include "quorvel/Platform/UserDefaults.h"
 #include "support/FaultServer.h"
 #include "support/TempDir.h"
 
@@ -133,29 +132,10 @@ const std::vector<Fault>& faults() {
 class HostileServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    qvl::HttpSession::setTrustAnchorsFile(qvl::test::TestCertificates::ca().certificatePath);
-    qvl::UserDefaults::setStandardPath(directory_.file("host.defaults"));
-    QVLRealm::setStoreDirectory(directory_.file("store"));
-    qvl::setLogSink([](std::string_view) {});
-    savedPins_ = QVLApiClient::publicKeyHashes();
-    QVLApiClient::setApiDomain("localhost:" + std::to_string(server_.port()));
-    QVLApiClient::setPublicKeyHashes({qvl::test::TestCertificates::leaf().pin});
     QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);
     QVLApiClient::sharedClient().setupPinning();
-    savedLimits_ = qvl::HttpSessionConfiguration::defaultLimits();
-    qvl::HttpSessionConfiguration::setDefaultLimits({kIdle, kOverall, kCap, kCap});
   }
-  void TearDown() override {
-    qvl::HttpSessionConfiguration::setDefaultLimits(savedLimits_);
-    qvl::PinValidator::shared().configure({});
-    QVLApiClient::setPublicKeyHashes(savedPins_);
-    QVLApiClient::setApiDomain("");
-    qvl::HttpSession::setTrustAnchorsFile("");
-    qvl::UserDefaults::setStandardPath("");
-    qvl::setLogSink({});
-    qvl::Store::closeThreadHandles();
-    QVLRealm::setStoreDirectory("");
-  }
+  void TearDown() override { qvl::Store::closeThreadHandles(); }
 
   // The request names its fault in the query: /v8/shops?include=<fault>.
   static void serve(FaultConnection& c) {
@@ -167,8 +147,21 @@ class HostileServerTest : public ::testing::Test {
 
   qvl::test::TempDir directory_;
   qvl::test::FaultServer server_{&HostileServerTest::serve};
-  std::vector<std::string> savedPins_;
-  qvl::HttpSessionConfiguration::Limits savedLimits_;
+  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+    env.trustAnchorsFile = qvl::test::TestCertificates::ca().certificatePath;
+    env.userDefaultsPath = directory_.file("host.defaults");
+    env.storeDirectory = directory_.file("store");
+    env.logSink = [](std::string_view) {};
+    env.apiDomain = "localhost:" + std::to_string(server_.port());
+    env.publicKeyHashes = {qvl::test::TestCertificates::leaf().pin};
+    env.pinValidator = std::make_shared<qvl::PinValidator>();
+    qvl::HttpSessionConfiguration limits;
+    limits.timeoutIntervalForRequest = kIdle;
+    limits.timeoutIntervalForResource = kOverall;
+    limits.maximumResponseBytes = kCap;
+    limits.maximumDecodedBytes = kCap;
+    env.httpSessionConfiguration = std::make_shared<const qvl::HttpSessionConfiguration>(limits);
+  }};
 };
 
 TEST_F(HostileServerTest, EveryFaultCompletesOnceInTimeWithTheRightErrorAndTheStoreIntact) {

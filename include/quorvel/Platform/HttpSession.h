@@ -43,36 +43,22 @@ struct HttpResponse {
 };
 
 struct HttpSessionConfiguration {
-  /// Defaults of the limits below for configurations made from now on. Thread-safe; hosts
-  /// may tune them at start-up, tests shorten them.
-  struct Limits {
-    std::chrono::milliseconds timeoutIntervalForRequest = std::chrono::seconds(60);
-    std::chrono::milliseconds timeoutIntervalForResource = std::chrono::minutes(5);
-    std::size_t maximumResponseBytes = std::size_t{64} << 20;
-    std::size_t maximumDecodedBytes = std::size_t{64} << 20;
-  };
-  static Limits defaultLimits();
-  static void setDefaultLimits(const Limits& limits);
-  /// The request time-out part of defaultLimits().
-  static std::chrono::milliseconds defaultTimeoutIntervalForRequest();
-  static void setDefaultTimeoutIntervalForRequest(std::chrono::milliseconds timeout);
-
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
   HttpHeaders additionalHeaders;
-  /// Idle limit (60 s by default): a task fails with CURLE_OPERATION_TIMEDOUT when no byte
-  /// of the request or the answer moves for this long. Connecting plus the TLS handshake
-  /// must finish within it too. Checked to within a few milliseconds.
-  std::chrono::milliseconds timeoutIntervalForRequest = defaultLimits().timeoutIntervalForRequest;
-  /// Upper bound for a whole task however busy (5 min by default): beyond it the task fails
-  /// with CURLE_OPERATION_TIMEDOUT.
-  std::chrono::milliseconds timeoutIntervalForResource = defaultLimits().timeoutIntervalForResource;
-  /// The most an answer may bring, headers plus body as received (64 MiB by default).
-  /// Beyond it the task fails with CURLE_FILESIZE_EXCEEDED and what came is dropped.
-  std::size_t maximumResponseBytes = defaultLimits().maximumResponseBytes;
-  /// The most a body may hold once decoded (gzip, deflate, brotli, zstd), 64 MiB by default,
-  /// so a small compressed answer cannot expand without bound. Beyond it: as above.
-  std::size_t maximumDecodedBytes = defaultLimits().maximumDecodedBytes;
+  /// Idle limit: a task fails with CURLE_OPERATION_TIMEDOUT when no byte of the request or
+  /// the answer moves for this long. Connecting plus the TLS handshake must finish within
+  /// it too. Checked to within a few milliseconds.
+  std::chrono::milliseconds timeoutIntervalForRequest = std::chrono::seconds(60);
+  /// Upper bound for a whole task however busy: beyond it the task fails with
+  /// CURLE_OPERATION_TIMEDOUT.
+  std::chrono::milliseconds timeoutIntervalForResource = std::chrono::minutes(5);
+  /// The most an answer may bring, headers plus body as received. Beyond it the task fails
+  /// with CURLE_FILESIZE_EXCEEDED and what came is dropped.
+  std::size_t maximumResponseBytes = std::size_t{64} << 20;
+  /// The most a body may hold once decoded (gzip, deflate, brotli, zstd), so that a small
+  /// compressed answer cannot expand without bound. Beyond it: as above.
+  std::size_t maximumDecodedBytes = std::size_t{64} << 20;
 };
 
 enum class TrustDisposition {
@@ -110,15 +96,35 @@ class HttpSessionDelegate {
 using DataTaskCompletion = std::function<void(
     std::string body, std::optional<HttpResponse> response, std::optional<QVLError> error)>;
 
-/// An HTTP(S) session over libcurl. One process-wide network thread, started on first use,
-/// drives every transfer, so many tasks may be in flight at once.
+class HttpSession;
+
+/// Carries requests to servers: libcurl in a real process (makeCurlTransport()), a recording
+/// double in tests. Reached through the environment (Env::transport).
+class HttpTransport {
+ public:
+  virtual ~HttpTransport() = default;
+  /// Sends one request of `session` (its headers already merged with the session's
+  /// defaults) and returns without waiting. Calls `done` exactly once, from any thread,
+  /// possibly before returning; the session moves the outcome to its callback queue.
+  virtual void send(const std::shared_ptr<HttpSession>& session, HttpRequest request,
+                    DataTaskCompletion done) = 0;
+};
+
+/// The libcurl transport. One process-wide network thread, started on first use, drives
+/// every transfer, so many tasks may be in flight at once.
 ///
 /// Connections are never reused between tasks (each task makes its own connection and full
 /// TLS handshake, no TLS session resumption), so a trust decision made for one session can
 /// never carry over to another. Redirects are not followed and cookies are not kept. Proxy
-/// environment variables are honoured as libcurl does. Besides the configured headers
-/// libcurl sends Host, "Accept: */*" (unless given) and Accept-Encoding; compressed answers
-/// reach the completion decoded.
+/// environment variables are honoured as libcurl does. Besides the given headers libcurl
+/// sends Host, "Accept: */*" (unless given) and Accept-Encoding; compressed answers reach
+/// the completion decoded. HTTPS connections trust Env::trustAnchorsFile when set, the
+/// system's CA bundle otherwise. Tasks still running when the process exits are abandoned
+/// without a completion.
+std::shared_ptr<HttpTransport> makeCurlTransport();
+
+/// An HTTP(S) session: default headers, a server-trust delegate and one serial callback
+/// queue, over the environment's transport.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   /// A new session. `delegate` may be null (default trust only); the session keeps it alive.
@@ -135,23 +141,18 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   /// The serial queue on which this session's completions run, one after another.
   const std::shared_ptr<SerialQueue>& callbackQueue() const { return callbackQueue_; }
 
-  /// Starts the request at once and returns without waiting. The completion runs exactly
-  /// once, later, on callbackQueue() (never inline on the calling thread). The session
-  /// stays alive until its completions have run, even when the caller drops it.
-  /// Thread-safe, also from completions and delegate calls. Tasks still running when the
-  /// process exits are abandoned without a completion.
-  void dataTask(HttpRequest request, DataTaskCompletion completion);
+  /// The server-trust delegate (may be null).
+  const std::shared_ptr<HttpSessionDelegate>& delegate() const { return delegate_; }
 
-  /// Process-wide PEM file of trust anchors used instead of the system's CA bundle by tasks
-  /// started afterwards; an empty path restores the system bundle. Thread-safe.
-  static void setTrustAnchorsFile(std::string pemPath);
-  static std::string trustAnchorsFile();
+  /// Hands the request to the environment's transport at once and returns without
+  /// waiting. The completion runs exactly once, later, on callbackQueue() (never inline on
+  /// the calling thread). The session stays alive until its completions have run, even
+  /// when the caller drops it. Thread-safe, also from completions and delegate calls.
+  void dataTask(HttpRequest request, DataTaskCompletion completion);
 
  private:
   HttpSession(HttpSessionConfiguration configuration,
               std::shared_ptr<HttpSessionDelegate> delegate);
-
-  friend class HttpTransfer;
 
   const HttpSessionConfiguration configuration_;
   const std::shared_ptr<HttpSessionDelegate> delegate_;

@@ -1,18 +1,14 @@
 #pragma once
 // Scalar values as the object store keeps them.
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
 
-namespace qvl {
+#include "quorvel/Platform/Date.h"
 
-/// A point in time, in microseconds since 1970 UTC. Microseconds keep every year from
-/// -290000 to 290000 representable (nanoseconds would overflow outside 1677-2262); the
-/// service's own format has whole seconds.
-using Date = std::chrono::sys_time<std::chrono::microseconds>;
+namespace qvl {
 
 /// One scalar property value. std::monostate is null ("none"). 32-bit integer properties
 /// hold std::int64_t here and are range-checked when set.
