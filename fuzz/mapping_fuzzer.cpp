@@ -18,7 +18,7 @@
 
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLApiModel.h"
-#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/Env.h"
 
 namespace {
 
@@ -42,14 +42,16 @@ const QVLModelClass& pickClass(std::string_view& input) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qvl::setLogSink([](std::string_view) {});  // rejections are logged; keep the run quiet
   // tmpfs when there is one: every input commits a write transaction.
   std::filesystem::path base = std::filesystem::exists("/dev/shm")
                                    ? std::filesystem::path("/dev/shm")
                                    : std::filesystem::temp_directory_path();
   std::string dir = (base / "quorvel-fuzz-XXXXXX").string();
   if (!mkdtemp(dir.data())) std::abort();
-  QVLRealm::setStoreDirectory(dir);
+  qvl::Env::update([&](qvl::Env& env) {
+    env.storeDirectory = dir;
+    env.logSink = [](std::string_view) {};  // rejections are logged; keep the run quiet
+  });
   store = QVLRealm::realm();
   if (!store) std::abort();
   return 0;
