@@ -28,15 +28,14 @@ std::shared_ptr<qvl::Store> openStore() {
 
 std::shared_ptr<QVLApiModel> QVLApiClient::parseJSONObjectData(const std::string& data,
                                                                const QVLModelClass& cls) {
-  auto json = nlohmann::json::parse(data, nullptr, false);
+  auto json = QVLApiModel::parseJSONData(data);
   if (!json.is_object()) json = nullptr;  // no dictionary: every key is missing
   return QVLApiModel::newObjectWithJSONDictionary(cls, json);
 }
 
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiClient::parseJSONArrayData(
     const std::string& data, const QVLModelClass& cls) {
-  auto json = nlohmann::json::parse(data, nullptr, false);
-  return QVLApiModel::newObjectsWithJSONArray(cls, json);
+  return QVLApiModel::newObjectsWithJSONArray(cls, QVLApiModel::parseJSONData(data));
 }
 
 std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLApiModel>& record,
@@ -83,6 +82,8 @@ void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLM
   std::optional<QVLError> error;
   try {
     saved = saveObjects(parseJSONArrayData(data, cls), cls);
+  } catch (const QVLMappingError& e) {
+    error = mappingError(e.what());
   } catch (const std::exception& e) {  // any failure while storing still completes once
     error = storeError(e.what());
   }
@@ -105,7 +106,7 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
         std::optional<qvl::AnyResults> saved;
         std::optional<QVLError> error;
         try {
-          auto answer = nlohmann::json::parse(body, nullptr, false);
+          auto answer = QVLApiModel::parseJSONData(body);
           auto records = QVLApiModel::newObjectsWithJSONArray(cls, answer);
           saved = self->saveObjects(records, cls);
           if (removeStale) {
@@ -125,6 +126,8 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
             auto realm = openStore();
             realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
           }
+        } catch (const QVLMappingError& e) {  // the answer nests too deep: nothing stored
+          error = mappingError(e.what());
         } catch (const std::exception& e) {  // any failure while storing still completes once
           saved.reset();
           error = storeError(e.what());

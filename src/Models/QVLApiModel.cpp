@@ -217,6 +217,47 @@ const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass& cl
 
 namespace {
 
+// True when arrays and objects in `value` nest more than `limit` levels deep. Walks with
+// an explicit stack and stops at the first path that goes too deep.
+bool nestsDeeperThan(const json& value, int limit) {
+  std::vector<std::pair<const json*, int>> pending{{&value, 1}};
+  while (!pending.empty()) {
+    auto [node, depth] = pending.back();
+    pending.pop_back();
+    if (!node->is_structured()) continue;
+    if (depth > limit) return true;
+    for (const auto& child : *node) {
+      if (child.is_structured()) pending.emplace_back(&child, depth + 1);
+    }
+  }
+  return false;
+}
+
+// Builds the document as nlohmann's own parser does, refusing to open a level beyond the
+// limit; nlohmann's parser keeps its nesting on the heap, so the input cannot recurse.
+class BoundedDomParser : public nlohmann::detail::json_sax_dom_parser<json> {
+ public:
+  BoundedDomParser(json& result, bool allowExceptions)
+      : json_sax_dom_parser(result, allowExceptions) {}
+  bool start_object(std::size_t size) { return enter() && json_sax_dom_parser::start_object(size); }
+  bool end_object() { return leave() && json_sax_dom_parser::end_object(); }
+  bool start_array(std::size_t size) { return enter() && json_sax_dom_parser::start_array(size); }
+  bool end_array() { return leave() && json_sax_dom_parser::end_array(); }
+  bool tooDeep() const { return tooDeep_; }
+
+ private:
+  bool enter() {
+    tooDeep_ = ++depth_ > kQVLMaxJSONDepth;
+    return !tooDeep_;
+  }
+  bool leave() {
+    --depth_;
+    return true;
+  }
+  int depth_ = 0;
+  bool tooDeep_ = false;
+};
+
 [[noreturn]] void reject(const QVLModelClass& cls, const std::string& key, const char* why) {
   throw QVLMappingError(cls.name() + " \"" + key + "\": " + why);
 }
@@ -268,7 +309,12 @@ qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, co
       reject(cls, key, "expected a number");
     case PropertyKind::String:
       if (v.is_string()) return v.get<std::string>();
-      if (field.holdsJson && (v.is_object() || v.is_array())) return v.dump();
+      // Text properties that keep JSON ("parameters", "limits") may arrive as structures.
+      // Printing recurses per level, so the depth is checked first, without recursion.
+      if (field.holdsJson && (v.is_object() || v.is_array())) {
+        if (nestsDeeperThan(v, kQVLMaxJSONDepth)) reject(cls, key, "JSON nested too deep");
+        return v.dump();
+      }
       reject(cls, key, "expected text");
     case PropertyKind::Date: {
       if (!v.is_string()) reject(cls, key, "expected date text");
@@ -430,6 +476,17 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     }
   }
   return out;
+}
+
+json QVLApiModel::parseJSONData(std::string_view data, bool allowExceptions) {
+  json result;
+  BoundedDomParser parser(result, allowExceptions);
+  if (json::sax_parse(data, &parser, json::input_format_t::json, true)) return result;
+  if (parser.tooDeep()) {
+    throw QVLMappingError("the JSON nests arrays and objects deeper than " +
+                          std::to_string(kQVLMaxJSONDepth) + " levels");
+  }
+  return json(json::value_t::discarded);
 }
 
 // ---- record to JSON --------------------------------------------------------------------

@@ -6,13 +6,9 @@
 
 namespace qvl {
 
-std::int64_t dateToStored(Date date) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
-}
+std::int64_t dateToStored(Date date) { return date.time_since_epoch().count(); }
 
-Date storedToDate(std::int64_t stored) {
-  return Date(std::chrono::duration_cast<Date::duration>(std::chrono::nanoseconds(stored)));
-}
+Date storedToDate(std::int64_t stored) { return Date(Date::duration(stored)); }
 
 bool StatementUse::step() {
   int rc = sqlite3_step(stmt_);

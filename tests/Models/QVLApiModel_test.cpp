@@ -5,6 +5,7 @@
 #include "Models/RecordTestSupport.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Models/QVLGuest.h"
+#include "quorvel/Models/QVLPost.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -279,6 +280,24 @@ TEST_F(MappingTest, ArrayParsingDropsOnlyTheRejectedRecordAndSaysWhy) {
   EXPECT_TRUE(QVLApiModel::newObjectsWithJSONArray(Thing::modelClass(), json::object(), store.get(),
                                                    nullptr)
                   .empty());
+}
+
+// Code that prints or copies JSON recurses once per level: hostile nesting is refused
+// before anything recurses over it, in service bytes and in documents handed to the mapping.
+TEST(DeepJsonTest, NestingBeyondTheLimitIsRejectedNotRecursedOver) {
+  auto nested = [](int depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  EXPECT_TRUE(QVLApiModel::parseJSONData(nested(kQVLMaxJSONDepth)).is_array());
+  EXPECT_THROW(QVLApiModel::parseJSONData(nested(kQVLMaxJSONDepth + 1)), QVLMappingError);
+  EXPECT_THROW(QVLApiModel::parseJSONData(R"({"parameters":)" + nested(100000) + "}"),
+               QVLMappingError);
+  EXPECT_TRUE(QVLApiModel::parseJSONData("[1,").is_discarded());
+
+  json post = {{"id", 1}};
+  post["parameters"] = json::parse(nested(kQVLMaxJSONDepth));
+  EXPECT_EQ(QVLPost::newObjectWithJSONDictionary(post, nullptr)->parametersJSON(),
+            nested(kQVLMaxJSONDepth));
+  post["parameters"] = json::parse(nested(100000));  // nlohmann's parser does not recurse
+  EXPECT_THROW(QVLPost::newObjectWithJSONDictionary(post, nullptr), QVLMappingError);
 }
 
 TEST(RecordClassTest, PropertyTypesAndRelationConstructors) {

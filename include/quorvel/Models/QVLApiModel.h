@@ -32,12 +32,19 @@ class QVLException : public std::logic_error {
 };
 
 /// Service JSON with a value of the wrong kind for a record (text under a number, null
-/// for a plain property, a scalar or null under a relation key, a non-object record).
-/// The one record is rejected; what() names the class and the key.
+/// for a plain property, a scalar or null under a relation key, a non-object record), or
+/// JSON nested deeper than kQVLMaxJSONDepth. The one record (or the whole answer, for
+/// nesting) is rejected; what() names the class and the key.
 class QVLMappingError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// How deep service JSON may nest arrays and objects (the outermost counts as 1). Code
+/// that walks JSON (printing, copying, comparing) recurses once per level, so a hostile
+/// answer nested a hundred thousand levels deep would exhaust the stack; such answers, and
+/// JSON-valued text properties nested deeper than this, are rejected instead.
+inline constexpr int kQVLMaxJSONDepth = 128;
 
 class QVLModelClass;
 
@@ -159,6 +166,11 @@ class QVLApiModel : public qvl::Object {
   static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
       const QVLModelClass& cls, const nlohmann::json& array, qvl::Store* realm,
       std::vector<QVLError>* rejected);
+
+  /// Service bytes as JSON, without recursion. Text that is not JSON gives a discarded
+  /// value (is_discarded()), or throws nlohmann::json::parse_error when allowExceptions;
+  /// arrays and objects nested deeper than kQVLMaxJSONDepth throw QVLMappingError.
+  static nlohmann::json parseJSONData(std::string_view data, bool allowExceptions = false);
 
   /// The record as a flat JSON object: mapped values under their key paths taken
   /// literally ("urls.original"), dates as service text, to-one relations as the related
