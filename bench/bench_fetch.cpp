@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "devserver/HttpsServer.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLPost.h"
@@ -29,7 +30,6 @@
 #include "support/BenchData.h"
 #include "support/TempDir.h"
 #include "support/TestCertificates.h"
-#include "support/TestHttpsServer.h"
 
 namespace {
 
@@ -145,18 +145,19 @@ int main(int argc, char** argv) {
   std::printf("posts: %d (2 periods, 3 fields, 1 thumbnail each), %.1f MiB of JSON, %d rounds\n",
               count, static_cast<double>(text->size()) / (1024.0 * 1024.0), kRounds);
 
-  qvl::test::TestHttpsServer server;
-  server.setHandler([text](const qvl::test::RecordedRequest& request, httplib::Response& response) {
-    if (request.path == "/v8/posts") {
-      response.status = 200;
-      // The test server compresses a plain "application/json" body for a client that accepts
-      // it (brotli at its highest quality: seconds for this answer); with the charset named
-      // it sends the bytes as they are, so both sides time their own work only.
-      response.set_content(*text, "application/json; charset=utf-8");
-    } else {
-      response.status = 404;
-    }
-  });
+  qvl::devserver::HttpsServer server(TestCertificates::leaf());
+  server.setHandler(
+      [text](const qvl::devserver::RecordedRequest& request, httplib::Response& response) {
+        if (request.path == "/v8/posts") {
+          response.status = 200;
+          // The test server compresses a plain "application/json" body for a client that accepts
+          // it (brotli at its highest quality: seconds for this answer); with the charset named
+          // it sends the bytes as they are, so both sides time their own work only.
+          response.set_content(*text, "application/json; charset=utf-8");
+        } else {
+          response.status = 404;
+        }
+      });
 
   qvl::test::TempDir home;
   qvl::Env::update([&](qvl::Env& env) {

@@ -23,6 +23,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "devserver/HttpsServer.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLGuest.h"
@@ -39,7 +40,6 @@
 #include "support/SilentServer.h"
 #include "support/TempDir.h"
 #include "support/TestCertificates.h"
-#include "support/TestHttpsServer.h"
 
 extern char** environ;
 
@@ -53,9 +53,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
-using qvl::test::RecordedRequest;
+using qvl::devserver::HttpsServer;
+using qvl::devserver::RecordedRequest;
 using qvl::test::TestCertificates;
-using qvl::test::TestHttpsServer;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
@@ -208,7 +208,7 @@ void answer(httplib::Response& response, int status, const std::string& body,
 }
 
 // A handler answering every request with the same status and body.
-qvl::test::TestHandler answering(int status, std::string body) {
+qvl::devserver::RequestHandler answering(int status, std::string body) {
   return [status, body](const RecordedRequest&, httplib::Response& response) {
     answer(response, status, body);
   };
@@ -307,7 +307,7 @@ class QVLApiClientTest : public ::testing::Test {
   }
 
   // The requests whose path starts with prefix (leaving out pin-failure reports and such).
-  std::vector<RecordedRequest> requestsUnder(const TestHttpsServer& server,
+  std::vector<RecordedRequest> requestsUnder(const HttpsServer& server,
                                              const std::string& prefix = "/v8/") const {
     std::vector<RecordedRequest> out;
     for (auto& request : server.requests()) {
@@ -322,7 +322,7 @@ class QVLApiClientTest : public ::testing::Test {
   }
 
   qvl::test::TempDir directory_;
-  TestHttpsServer server_;
+  HttpsServer server_{TestCertificates::leaf()};
   // Everything the client reaches, for this test only: a fresh pin validator (no report
   // sent by an earlier test is remembered), files in the test's directory, this server.
   qvl::ScopedEnv env_{[this](qvl::Env& env) {
@@ -1205,7 +1205,7 @@ TEST_F(QVLApiClientTest, RequestsSucceedOnlyWhenTheServerKeyIsPinned) {
 }
 
 TEST_F(QVLApiClientTest, UnpinnedServerGetsNoRequestAndTheFailureIsReported) {
-  TestHttpsServer impostor(TestCertificates::otherLeaf());
+  HttpsServer impostor(TestCertificates::otherLeaf());
   impostor.setHandler(answering(200, R"([{"id":99,"name":"planted"}])"));
   store<QVLShop>({makeShop(1, "kept")});
 

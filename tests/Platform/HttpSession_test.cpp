@@ -20,19 +20,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "devserver/HttpsServer.h"
 #include "support/RunDataTask.h"
 #include "support/SilentServer.h"
 #include "support/TestCertificates.h"
-#include "support/TestHttpsServer.h"
 
 namespace qvl {
 namespace {
 
 using namespace std::chrono_literals;
+using devserver::HttpsServer;
 using test::DataTaskOutcome;
 using test::runDataTask;
 using test::TestCertificates;
-using test::TestHttpsServer;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -91,7 +91,7 @@ int unusedLoopbackPort() {
 }
 
 TEST_F(HttpSessionTest, RequestsReachTheServerAsBuilt) {
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
   HttpSessionConfiguration config;
   config.additionalHeaders = {{"X-Session", "s"}, {"X-Shared", "from-session"}, {"Accept", "a/b"}};
   auto session = HttpSession::create(config);
@@ -141,7 +141,7 @@ TEST_F(HttpSessionTest, RequestsReachTheServerAsBuilt) {
 }
 
 TEST_F(HttpSessionTest, LargeBodiesAreSentWithoutWaitingForContinue) {
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
   const std::string body(3 * 1024 * 1024, 'x');
   auto outcome =
       runDataTask(HttpSession::create(),
@@ -155,8 +155,8 @@ TEST_F(HttpSessionTest, LargeBodiesAreSentWithoutWaitingForContinue) {
 }
 
 TEST_F(HttpSessionTest, EveryStatusIsAnAnswerAndRedirectsAreNotFollowed) {
-  TestHttpsServer server;
-  server.setHandler([](const test::RecordedRequest& request, httplib::Response& response) {
+  HttpsServer server(TestCertificates::leaf());
+  server.setHandler([](const devserver::RecordedRequest& request, httplib::Response& response) {
     if (request.path == "/missing") {
       response.status = 404;
       response.set_content(R"({"error":"not found"})", "application/json");
@@ -210,7 +210,7 @@ TEST_F(HttpSessionTest, EveryStatusIsAnAnswerAndRedirectsAreNotFollowed) {
 }
 
 TEST_F(HttpSessionTest, CompletionRunsOnceOnTheSessionQueueNeverOnTheCaller) {
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
   auto session = HttpSession::create();
   std::atomic<int> calls{0};
   session->dataTask({"GET", server.url() + "/once", {}, ""},
@@ -247,8 +247,8 @@ TEST_F(HttpSessionTest, CompletionRunsOnceOnTheSessionQueueNeverOnTheCaller) {
 }
 
 TEST_F(HttpSessionTest, SessionStaysAliveUntilItsCompletionsRan) {
-  TestHttpsServer server;
-  server.setHandler([](const test::RecordedRequest&, httplib::Response& response) {
+  HttpsServer server(TestCertificates::leaf());
+  server.setHandler([](const devserver::RecordedRequest&, httplib::Response& response) {
     std::this_thread::sleep_for(200ms);  // the caller has long dropped the session by now
     response.set_content("late", "text/plain");
   });
@@ -277,11 +277,11 @@ TEST_F(HttpSessionTest, SessionStaysAliveUntilItsCompletionsRan) {
 
 TEST_F(HttpSessionTest, FiftyRequestsAreInFlightAtOnce) {
   constexpr size_t kRequests = 50;
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
   // Every handler holds its answer until all requests have arrived, which happens only if
   // the client really has them all in flight together.
   std::atomic<int> sawAll{0};
-  server.setHandler([&](const test::RecordedRequest& request, httplib::Response& response) {
+  server.setHandler([&](const devserver::RecordedRequest& request, httplib::Response& response) {
     if (server.waitForRequests(kRequests, 30s)) sawAll.fetch_add(1);
     response.set_content(request.path, "text/plain");
   });
@@ -343,13 +343,13 @@ TEST_F(HttpSessionTest, UntrustedServersAreRefusedBeforeAnyRequest) {
   auto session = HttpSession::create({}, delegate);
 
   // A certificate from no trusted authority; the delegate cannot overrule that.
-  TestHttpsServer untrusted(TestCertificates::untrustedLeaf());
+  HttpsServer untrusted(TestCertificates::untrustedLeaf());
   auto outcome = runDataTask(session, {"GET", untrusted.url() + "/", {}, ""});
   expectTransportError(outcome, CURLE_PEER_FAILED_VERIFICATION);
   EXPECT_TRUE(untrusted.requests().empty());
 
   // A trusted certificate that does not name the host.
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
   auto wrongName = runDataTask(session, {"GET", server.url("other.localhost") + "/", {}, ""});
   ASSERT_TRUE(wrongName.completed);
   ASSERT_TRUE(wrongName.error);
@@ -366,7 +366,7 @@ TEST_F(HttpSessionTest, UntrustedServersAreRefusedBeforeAnyRequest) {
 }
 
 TEST_F(HttpSessionTest, DelegateSeesTheVerifiedChainAndDecides) {
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
 
   auto accepting = std::make_shared<RecordingDelegate>(TrustDisposition::UseCredential);
   auto accepted =

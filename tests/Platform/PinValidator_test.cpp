@@ -12,18 +12,18 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "devserver/HttpsServer.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "support/RunDataTask.h"
 #include "support/TestCertificates.h"
-#include "support/TestHttpsServer.h"
 
 namespace qvl {
 namespace {
 
 using namespace std::chrono_literals;
+using devserver::HttpsServer;
 using test::runDataTask;
 using test::TestCertificates;
-using test::TestHttpsServer;
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
@@ -137,7 +137,7 @@ TEST(PinValidatorTest, ANewConfigurationReplacesTheOldOne) {
   EXPECT_EQ(validator.configuration()->pinnedDomains[0].domain, "play.example");
 }
 
-std::vector<std::string> reportedHosts(const TestHttpsServer& reports) {
+std::vector<std::string> reportedHosts(const HttpsServer& reports) {
   std::vector<std::string> hosts;
   for (const auto& request : reports.requests()) {
     hosts.push_back(nlohmann::json::parse(request.body).value("hostname", ""));
@@ -162,7 +162,7 @@ class PinningTest : public ::testing::Test {
 };
 
 TEST_F(PinningTest, PinnedKeysAreAcceptedAndOtherDomainsUseDefaultTrust) {
-  TestHttpsServer server;
+  HttpsServer server(TestCertificates::leaf());
   // Not configured yet: default handling.
   auto unconfigured = get(server.url() + "/unconfigured");
   ASSERT_TRUE(unconfigured.completed);
@@ -191,8 +191,8 @@ TEST_F(PinningTest, PinnedKeysAreAcceptedAndOtherDomainsUseDefaultTrust) {
 }
 
 TEST_F(PinningTest, WrongPinRefusesTheHandshakeAndReportsTheFailureOnce) {
-  TestHttpsServer server;
-  TestHttpsServer reports;
+  HttpsServer server(TestCertificates::leaf());
+  HttpsServer reports(TestCertificates::leaf());
   const std::string reportUri = reports.url("127.0.0.1") + "/ssl-reporting";
   validator_.configure(
       {{pinnedDomain("localhost", true, {TestCertificates::otherLeaf().pin}, {reportUri})}});
@@ -245,8 +245,8 @@ TEST_F(PinningTest, WrongPinRefusesTheHandshakeAndReportsTheFailureOnce) {
 
 TEST_F(PinningTest, ReportsLeaveOutAbsentApplicationDetails) {
   ScopedEnv noDetails([](Env& env) { env.bundleInfo = nlohmann::json::object(); });
-  TestHttpsServer server;
-  TestHttpsServer reports;
+  HttpsServer server(TestCertificates::leaf());
+  HttpsServer reports(TestCertificates::leaf());
   validator_.configure({{pinnedDomain("dev.localhost", false, {TestCertificates::otherLeaf().pin},
                                       {reports.url("127.0.0.1") + "/r"})}});
   ASSERT_TRUE(get(server.url() + "/").error);

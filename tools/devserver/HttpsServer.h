@@ -1,6 +1,6 @@
 #pragma once
-// An HTTPS server on 127.0.0.1 for tests: answers every method and path through one
-// replaceable handler and records every request it receives.
+// An HTTPS server on 127.0.0.1: answers every method and path through one replaceable
+// handler and (unless told not to) records every request it receives.
 
 #include <chrono>
 #include <condition_variable>
@@ -16,9 +16,9 @@
 
 #include <httplib.h>
 
-#include "support/TestCertificates.h"
+#include "devserver/Certificates.h"
 
-namespace qvl::test {
+namespace qvl::devserver {
 
 struct RecordedRequest {
   std::string method;
@@ -36,23 +36,33 @@ struct RecordedRequest {
 };
 
 /// Called on a server thread for every request, after it was recorded.
-using TestHandler = std::function<void(const RecordedRequest&, httplib::Response&)>;
+using RequestHandler = std::function<void(const RecordedRequest&, httplib::Response&)>;
 
-class TestHttpsServer {
+struct HttpsServerOptions {
+  int port = 0;  // 0: an OS-chosen port
+  /// Keep every request for requests(); a long-running server that keeps its own log
+  /// turns this off.
+  bool recordRequests = true;
+};
+
+class HttpsServer {
  public:
-  /// Listens on 127.0.0.1 with an OS-chosen port, presenting `certificate`.
-  explicit TestHttpsServer(const TestCertificate& certificate = TestCertificates::leaf());
-  /// Stops listening and joins the server threads.
-  ~TestHttpsServer();
-  TestHttpsServer(const TestHttpsServer&) = delete;
-  TestHttpsServer& operator=(const TestHttpsServer&) = delete;
+  /// Listens on 127.0.0.1, presenting `certificate`, and returns once it accepts
+  /// connections. Throws std::runtime_error when the certificate is unusable or the port
+  /// cannot be bound.
+  explicit HttpsServer(const Certificate& certificate, HttpsServerOptions options = {});
+  /// Stops listening (new connections are refused from then on), lets the requests in
+  /// progress finish and joins the server threads.
+  ~HttpsServer();
+  HttpsServer(const HttpsServer&) = delete;
+  HttpsServer& operator=(const HttpsServer&) = delete;
 
   int port() const { return port_; }
   /// "https://<host>:<port>", e.g. https://dev.localhost:40123.
   std::string url(std::string_view host = "dev.localhost") const;
 
   /// Replaces the handler; the default answers 200 with the JSON body "{}".
-  void setHandler(TestHandler handler);
+  void setHandler(RequestHandler handler);
 
   std::vector<RecordedRequest> requests() const;
   /// Waits until at least `count` requests were recorded; false on time-out.
@@ -67,7 +77,8 @@ class TestHttpsServer {
   mutable std::mutex mutex_;
   mutable std::condition_variable recorded_;
   std::vector<RecordedRequest> requests_;
-  TestHandler handler_;
+  RequestHandler handler_;
+  bool recordRequests_ = true;
 };
 
-}  // namespace qvl::test
+}  // namespace qvl::devserver

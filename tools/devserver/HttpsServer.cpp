@@ -1,4 +1,4 @@
-#include "support/TestHttpsServer.h"
+#include "devserver/HttpsServer.h"
 
 #include <signal.h>
 #include <strings.h>
@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 // cpp-httplib is a prebuilt, uninstrumented library: ThreadSanitizer cannot see its inline
@@ -16,7 +17,7 @@ extern "C" const char* __tsan_default_suppressions() {
   return "called_from_lib:libcpp-httplib.so\n";
 }
 
-namespace qvl::test {
+namespace qvl::devserver {
 namespace {
 
 bool sameName(std::string_view a, std::string_view b) {
@@ -49,13 +50,14 @@ size_t RecordedRequest::headerCount(std::string_view name) const {
   return count;
 }
 
-TestHttpsServer::TestHttpsServer(const TestCertificate& certificate) : handler_(defaultHandler) {
-  // A client that aborts a handshake must not kill the test process through SIGPIPE.
+HttpsServer::HttpsServer(const Certificate& certificate, HttpsServerOptions options)
+    : handler_(defaultHandler), recordRequests_(options.recordRequests) {
+  // A client that aborts a handshake must not kill the process through SIGPIPE.
   ::signal(SIGPIPE, SIG_IGN);
   server_ = std::make_unique<httplib::SSLServer>(certificate.certificatePath.c_str(),
                                                  certificate.privateKeyPath.c_str());
-  if (!server_->is_valid()) throw std::runtime_error("test HTTPS server: invalid certificate");
-  // Enough workers for many requests held open at once by a test.
+  if (!server_->is_valid()) throw std::runtime_error("HTTPS server: invalid certificate");
+  // Enough workers for many requests held open at once (tests hold dozens).
   server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
   server_->set_keep_alive_timeout(1);
   auto route = [this](const httplib::Request& request, httplib::Response& response) {
@@ -67,8 +69,14 @@ TestHttpsServer::TestHttpsServer(const TestCertificate& certificate) : handler_(
   server_->Patch(".*", route);
   server_->Delete(".*", route);
   server_->Options(".*", route);
-  port_ = server_->bind_to_any_port("127.0.0.1");
-  if (port_ <= 0) throw std::runtime_error("test HTTPS server: cannot bind 127.0.0.1");
+  if (options.port == 0) {
+    port_ = server_->bind_to_any_port("127.0.0.1");
+  } else if (server_->bind_to_port("127.0.0.1", options.port)) {
+    port_ = options.port;
+  }
+  if (port_ <= 0) {
+    throw std::runtime_error("HTTPS server: cannot bind 127.0.0.1:" + std::to_string(options.port));
+  }
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() only ends a server that is already running: one destroyed before its thread got
   // there would block in accept() for ever. Wait (bounded) until it runs.
@@ -78,36 +86,36 @@ TestHttpsServer::TestHttpsServer(const TestCertificate& certificate) : handler_(
   }
   if (!server_->is_running()) {
     // Its thread holds this object and cannot be stopped: nothing sensible is left to do.
-    std::fprintf(stderr, "test HTTPS server: did not start listening\n");
+    std::fprintf(stderr, "HTTPS server: did not start listening\n");
     std::abort();
   }
 }
 
-TestHttpsServer::~TestHttpsServer() {
+HttpsServer::~HttpsServer() {
   server_->stop();
   thread_.join();
 }
 
-std::string TestHttpsServer::url(std::string_view host) const {
+std::string HttpsServer::url(std::string_view host) const {
   return "https://" + std::string(host) + ":" + std::to_string(port_);
 }
 
-void TestHttpsServer::setHandler(TestHandler handler) {
+void HttpsServer::setHandler(RequestHandler handler) {
   std::lock_guard lock(mutex_);
-  handler_ = handler ? std::move(handler) : TestHandler(defaultHandler);
+  handler_ = handler ? std::move(handler) : RequestHandler(defaultHandler);
 }
 
-std::vector<RecordedRequest> TestHttpsServer::requests() const {
+std::vector<RecordedRequest> HttpsServer::requests() const {
   std::lock_guard lock(mutex_);
   return requests_;
 }
 
-bool TestHttpsServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+bool HttpsServer::waitForRequests(size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock lock(mutex_);
   return recorded_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
 }
 
-void TestHttpsServer::handle(const httplib::Request& request, httplib::Response& response) {
+void HttpsServer::handle(const httplib::Request& request, httplib::Response& response) {
   RecordedRequest recorded;
   recorded.method = request.method;
   recorded.target = request.target;
@@ -120,14 +128,14 @@ void TestHttpsServer::handle(const httplib::Request& request, httplib::Response&
   }
   recorded.body = request.body;
 
-  TestHandler handler;
+  RequestHandler handler;
   {
     std::lock_guard lock(mutex_);
-    requests_.push_back(recorded);
+    if (recordRequests_) requests_.push_back(recorded);
     handler = handler_;
   }
   recorded_.notify_all();
   handler(recorded, response);
 }
 
-}  // namespace qvl::test
+}  // namespace qvl::devserver
