@@ -1,0 +1,36 @@
+#pragma once
+// The device's Bluetooth radio, as far as the library needs it: its state.
+
+#include <cstdint>
+#include <memory>
+
+namespace qvl {
+
+/// The platform's numbering, kept as it stands.
+enum class BluetoothState : std::int64_t {
+  Unknown = 0,
+  Resetting = 1,
+  Unsupported = 2,
+  Unauthorized = 3,
+  PoweredOff = 4,
+  PoweredOn = 5,
+};
+
+class BluetoothCentralDelegate {
+ public:
+  virtual ~BluetoothCentralDelegate() = default;
+  /// The state changed; always on the main queue.
+  virtual void bluetoothCentralDidUpdateState(BluetoothState state) = 0;
+};
+
+/// A Bluetooth central used only for its state. Backends: simulated, BlueZ.
+class BluetoothCentral {
+ public:
+  virtual ~BluetoothCentral() = default;
+  /// The current state; Unknown until the backend knows. Thread-safe.
+  virtual BluetoothState state() const = 0;
+  /// The one delegate, held weakly; events after this call go to it. Main queue.
+  virtual void setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) = 0;
+};
+
+}  // namespace qvl
