@@ -23,7 +23,7 @@
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLPost.h"
-#include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/Platform/UserDefaults.h"
 #include "support/BenchData.h"
@@ -159,12 +159,13 @@ int main(int argc, char** argv) {
   });
 
   qvl::test::TempDir home;
-  qvl::HttpSession::setTrustAnchorsFile(TestCertificates::ca().certificatePath);
-  qvl::UserDefaults::setStandardPath(home.file("host.defaults"));
-  qvl::BundleInfo::setInfoDictionary(
-      {{"CFBundleShortVersionString", "1.0"}, {"QuorvelSDK", {{"ApiKey", "bench"}}}});
-  QVLApiClient::setApiDomain("localhost:" + std::to_string(server.port()));
-  QVLApiClient::setPublicKeyHashes({TestCertificates::leaf().pin});
+  qvl::Env::update([&](qvl::Env& env) {
+    env.trustAnchorsFile = TestCertificates::ca().certificatePath;
+    env.userDefaultsPath = home.file("host.defaults");
+    env.bundleInfo = {{"CFBundleShortVersionString", "1.0"}, {"QuorvelSDK", {{"ApiKey", "bench"}}}};
+    env.apiDomain = "localhost:" + std::to_string(server.port());
+    env.publicKeyHashes = {TestCertificates::leaf().pin};
+  });
   auto& client = QVLApiClient::sharedClient();
   client.setEnvironment(QVLApiEnvironmentDev);  // sets pinning up for the loopback server
   const std::string url = client.baseURLV8() + "/posts";
@@ -177,7 +178,7 @@ int main(int argc, char** argv) {
   std::size_t stale = 0;
   for (int round = 0; round < kRounds; ++round) {
     qvl::test::TempDir directory;
-    QVLRealm::setStoreDirectory(directory.path());
+    qvl::ScopedEnv store([&](qvl::Env& env) { env.storeDirectory = directory.path(); });
     fetches.push_back(fetchOnce(size));
     removals.push_back(storeStaleRemoval(keys, size));
     qvl::Store::closeThreadHandles();

@@ -17,6 +17,7 @@
 
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLPost.h"
+#include "quorvel/Platform/Env.h"
 #include "support/BenchData.h"
 #include "support/TempDir.h"
 
@@ -67,7 +68,7 @@ int main(int argc, char** argv) {
   std::vector<double> imports, refreshes, floors;
   for (int round = 0; round < kRounds; ++round) {
     qvl::test::TempDir dir;
-    QVLRealm::setStoreDirectory(dir.path());
+    qvl::ScopedEnv store([&](qvl::Env& env) { env.storeDirectory = dir.path(); });
     imports.push_back(importOnce(text));
     refreshes.push_back(importOnce(text));
     auto realm = QVLRealm::realm();

@@ -2,22 +2,12 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
 
 #include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
 namespace {
-
-std::mutex& directoryMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-std::string& configuredDirectory() {
-  static std::string directory;
-  return directory;
-}
 
 std::string defaultDirectory() {
   if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
@@ -32,13 +22,12 @@ std::string defaultDirectory() {
 }  // namespace
 
 void QVLRealm::setStoreDirectory(std::string directory) {
-  std::lock_guard lock(directoryMutex());
-  configuredDirectory() = std::move(directory);
+  qvl::Env::update([&directory](qvl::Env& env) { env.storeDirectory = std::move(directory); });
 }
 
 std::string QVLRealm::storeDirectory() {
-  std::lock_guard lock(directoryMutex());
-  return configuredDirectory().empty() ? defaultDirectory() : configuredDirectory();
+  std::string directory = qvl::Env::current()->storeDirectory;
+  return directory.empty() ? defaultDirectory() : directory;
 }
 
 qvl::StoreConfiguration QVLRealm::configuration() {

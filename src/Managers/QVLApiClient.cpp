@@ -1,29 +1,19 @@
 #include "quorvel/Managers/QVLApiClient.h"
 
-#include <mutex>
-
+#include "Platform/Immortal.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLToken.h"
 #include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/PinValidator.h"
 
 namespace {
 
-std::mutex& configurationMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-std::string& configuredDomain() {
-  static std::string domain;
-  return domain;
-}
-
 // Default pins for the service's keys (two in use, two backups). A deployment whose
-// certificates differ sets its own with setPublicKeyHashes().
-std::vector<std::string>& configuredPins() {
-  static std::vector<std::string> pins = {
+// certificates differ sets its own (Env::publicKeyHashes).
+const std::vector<std::string>& builtInPins() {
+  static const std::vector<std::string> pins = {
       "u5QgXsm3mR2BdgFXk9Ax4e9hDAYWpNmf1pSgTyRzrSE=",
       "3kcNJzkUJ1RqMXJzFX4Zxux5WfETK+uL6Viq9lJNn4o=",
       "H0IkzshPyZztiB/2/P8UFFgrHDeeMObK6JQRt8UJrcI=",
@@ -78,9 +68,10 @@ std::string hostOf(const std::string& domain) {
 
 QVLApiClient& QVLApiClient::sharedClient() {
   // Never destroyed: sessions still running at exit may call their delegate.
-  static std::shared_ptr<QVLApiClient>* client =
-      new std::shared_ptr<QVLApiClient>(new QVLApiClient());
-  return **client;
+  struct Holder {
+    std::shared_ptr<QVLApiClient> client{new QVLApiClient()};
+  };
+  return *qvl::detail::immortal<Holder>().client;
 }
 
 void QVLApiClient::setEnvironment(QVLApiEnvironment environment) {
@@ -89,23 +80,21 @@ void QVLApiClient::setEnvironment(QVLApiEnvironment environment) {
 }
 
 void QVLApiClient::setApiDomain(std::string domain) {
-  std::lock_guard lock(configurationMutex());
-  configuredDomain() = std::move(domain);
+  qvl::Env::update([&domain](qvl::Env& env) { env.apiDomain = std::move(domain); });
 }
 
 std::string QVLApiClient::apiDomain() {
-  std::lock_guard lock(configurationMutex());
-  return configuredDomain().empty() ? kDefaultApiDomain : configuredDomain();
+  std::string domain = qvl::Env::current()->apiDomain;
+  return domain.empty() ? kDefaultApiDomain : domain;
 }
 
 std::vector<std::string> QVLApiClient::publicKeyHashes() {
-  std::lock_guard lock(configurationMutex());
-  return configuredPins();
+  std::vector<std::string> pins = qvl::Env::current()->publicKeyHashes;
+  return pins.empty() ? builtInPins() : pins;
 }
 
 void QVLApiClient::setPublicKeyHashes(std::vector<std::string> pins) {
-  std::lock_guard lock(configurationMutex());
-  configuredPins() = std::move(pins);
+  qvl::Env::update([&pins](qvl::Env& env) { env.publicKeyHashes = std::move(pins); });
 }
 
 std::string QVLApiClient::baseURL() const {
@@ -165,7 +154,7 @@ qvl::HttpHeaders QVLApiClient::headers() const {
 }
 
 std::shared_ptr<qvl::HttpSession> QVLApiClient::urlSession() {
-  qvl::HttpSessionConfiguration configuration;
+  qvl::HttpSessionConfiguration configuration = *qvl::Env::current()->httpSessionConfiguration;
   configuration.additionalHeaders = headers();
   return qvl::HttpSession::create(std::move(configuration), shared_from_this());
 }
@@ -224,7 +213,6 @@ void QVLApiClient::setupPinning() {
   qvl::PinnedDomainConfiguration domain;
   domain.domain = hostOf(apiDomain());
   domain.includeSubdomains = true;
-  domain.publicKeyAlgorithms = {"RSA2048", "RSA4096"};
   domain.reportUris = {baseURL() + "/ssl-reporting"};
   domain.publicKeyHashes = publicKeyHashes();
   qvl::PinningConfiguration configuration;

@@ -29,6 +29,6 @@ bool QVLPostPeriod::active() const {
   auto from = start();
   auto until = stop();
   if (!from || !until) return false;
-  qvl::Date now = qvl::Clock::now();
+  qvl::Date now = qvl::now();
   return *from < now && now < *until;
 }

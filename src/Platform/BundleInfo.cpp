@@ -1,30 +1,15 @@
 #include "quorvel/Platform/BundleInfo.h"
 
 #include <fstream>
-#include <mutex>
 #include <sstream>
 
+#include "quorvel/Platform/Env.h"
+
 namespace qvl {
-namespace {
-
-struct State {
-  std::mutex mutex;
-  nlohmann::json dictionary = nlohmann::json::object();
-};
-
-// Never destroyed: worker threads may still read the dictionary while the process exits.
-State& state() {
-  static State* instance = new State;
-  return *instance;
-}
-
-}  // namespace
 
 void BundleInfo::setInfoDictionary(nlohmann::json dictionary) {
   if (!dictionary.is_object()) dictionary = nlohmann::json::object();
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  s.dictionary = std::move(dictionary);
+  Env::update([&dictionary](Env& env) { env.bundleInfo = std::move(dictionary); });
 }
 
 bool BundleInfo::loadFromFile(const std::string& path, std::string* error) {
@@ -44,10 +29,6 @@ bool BundleInfo::loadFromFile(const std::string& path, std::string* error) {
   return true;
 }
 
-nlohmann::json BundleInfo::infoDictionary() {
-  State& s = state();
-  std::lock_guard lock(s.mutex);
-  return s.dictionary;
-}
+nlohmann::json BundleInfo::infoDictionary() { return Env::current()->bundleInfo; }
 
 }  // namespace qvl

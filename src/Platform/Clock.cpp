@@ -1,34 +1,120 @@
 #include "quorvel/Platform/Clock.h"
 
-#include <mutex>
+#include <condition_variable>
+#include <thread>
+#include <vector>
+
+#include "Platform/Immortal.h"
+#include "quorvel/Platform/Env.h"
 
 namespace qvl {
-
 namespace {
 
-std::mutex& overrideMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+// One thread runs every SystemClock timer of the process, in due order.
+class TimerThread {
+ public:
+  Clock::TimerId add(std::chrono::steady_clock::time_point due, std::function<void()> task) {
+    std::lock_guard lock(mutex_);
+    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+    const Clock::TimerId id = nextId_++;
+    timers_.emplace(due, std::make_pair(id, std::move(task)));
+    wake_.notify_one();
+    return id;
+  }
 
-std::optional<Date>& overrideNow() {
-  static std::optional<Date> now;
-  return now;
-}
+  void cancel(Clock::TimerId id) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(timers_, [id](const auto& entry) { return entry.second.first == id; });
+  }
+
+ private:
+  [[noreturn]] void run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      if (timers_.empty()) {
+        wake_.wait(lock);
+        continue;
+      }
+      const auto first = timers_.begin();
+      if (std::chrono::steady_clock::now() < first->first) {
+        wake_.wait_until(lock, first->first);
+        continue;
+      }
+      std::function<void()> task = std::move(first->second.second);
+      timers_.erase(first);
+      lock.unlock();
+      task();
+      task = nullptr;
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::thread thread_;  // detached in effect: the object is never destroyed
+  Clock::TimerId nextId_ = 1;
+  std::multimap<std::chrono::steady_clock::time_point,
+                std::pair<Clock::TimerId, std::function<void()>>>
+      timers_;
+};
 
 }  // namespace
 
-Date Clock::now() {
-  {
-    std::lock_guard lock(overrideMutex());
-    if (overrideNow()) return *overrideNow();
-  }
-  return std::chrono::system_clock::now();
+Date now() { return Env::current()->clock->now(); }
+
+Date SystemClock::now() { return std::chrono::system_clock::now(); }
+
+Clock::TimerId SystemClock::runAfter(std::chrono::milliseconds delay, std::function<void()> task) {
+  return detail::immortal<TimerThread>().add(std::chrono::steady_clock::now() + delay,
+                                             std::move(task));
 }
 
-void Clock::setNowForTesting(std::optional<Date> now) {
-  std::lock_guard lock(overrideMutex());
-  overrideNow() = now;
+void SystemClock::cancel(TimerId id) { detail::immortal<TimerThread>().cancel(id); }
+
+ManualClock::ManualClock(Date start) : now_(start) {}
+
+Date ManualClock::now() {
+  std::lock_guard lock(mutex_);
+  return now_;
+}
+
+Clock::TimerId ManualClock::runAfter(std::chrono::milliseconds delay, std::function<void()> task) {
+  std::lock_guard lock(mutex_);
+  const TimerId id = nextId_++;
+  timers_.emplace(now_ + std::max(delay, std::chrono::milliseconds(0)),
+                  std::make_pair(id, std::move(task)));
+  return id;
+}
+
+void ManualClock::cancel(TimerId id) {
+  std::lock_guard lock(mutex_);
+  std::erase_if(timers_, [id](const auto& entry) { return entry.second.first == id; });
+}
+
+void ManualClock::advance(std::chrono::milliseconds duration) {
+  std::unique_lock lock(mutex_);
+  if (duration.count() < 0) return;
+  const Date end = now_ + duration;
+  while (!timers_.empty() && timers_.begin()->first <= end) {
+    auto first = timers_.begin();
+    now_ = std::max(now_, first->first);
+    std::function<void()> task = std::move(first->second.second);
+    timers_.erase(first);
+    lock.unlock();
+    task();
+    lock.lock();
+  }
+  now_ = std::max(now_, end);
+}
+
+void ManualClock::set(Date now) {
+  std::lock_guard lock(mutex_);
+  now_ = now;
+}
+
+std::size_t ManualClock::pendingTimers() const {
+  std::lock_guard lock(mutex_);
+  return timers_.size();
 }
 
 }  // namespace qvl

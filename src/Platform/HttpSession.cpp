@@ -15,25 +15,12 @@
 #include <thread>
 #include <unordered_map>
 
+#include "Platform/Immortal.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
 namespace {
-
-std::atomic<long long>& defaultRequestTimeoutMs() {
-  static std::atomic<long long> value{60000};
-  return value;
-}
-
-struct TrustAnchors {
-  std::mutex mutex;
-  std::string path;
-};
-
-TrustAnchors& trustAnchors() {
-  static TrustAnchors* instance = new TrustAnchors;  // never destroyed, see NetworkLoop
-  return *instance;
-}
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -67,6 +54,8 @@ QVLError transportError(CURLcode code, std::string message) {
 }
 
 }  // namespace
+
+namespace {
 
 // One request in flight. Owned by the caller until handed to the network loop, then by the
 // loop; every libcurl call on it after that happens on the network thread.
@@ -128,7 +117,7 @@ class HttpTransfer {
     curl_easy_setopt(e, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &HttpTransfer::onSslContext);
     curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, this);
-    if (std::string anchors = HttpSession::trustAnchorsFile(); !anchors.empty()) {
+    if (std::string anchors = Env::current()->trustAnchorsFile; !anchors.empty()) {
       trustAnchorsPath_ = std::move(anchors);
       curl_easy_setopt(e, CURLOPT_CAINFO, trustAnchorsPath_.c_str());
       curl_easy_setopt(e, CURLOPT_CAPATH, static_cast<char*>(nullptr));
@@ -167,21 +156,13 @@ class HttpTransfer {
 
   void deliver(std::string body, std::optional<HttpResponse> response,
                std::optional<QVLError> error) {
-    std::shared_ptr<HttpSession> session = session_;
-    session->callbackQueue()->async([session, completion = std::move(completion_),
-                                     body = std::move(body), response = std::move(response),
-                                     error = std::move(error)]() mutable {
-      if (completion) completion(std::move(body), std::move(response), std::move(error));
-    });
+    DataTaskCompletion completion = std::move(completion_);
+    if (completion) completion(std::move(body), std::move(response), std::move(error));
   }
 
  private:
   std::optional<QVLError> buildHeaderList() {
-    HttpHeaders headers;
-    for (const auto& header : session_->configuration().additionalHeaders) {
-      if (!hasHeader(request_.headers, header.first)) headers.push_back(header);
-    }
-    headers.insert(headers.end(), request_.headers.begin(), request_.headers.end());
+    HttpHeaders headers = request_.headers;
     // libcurl would otherwise wait for "100 Continue" before sending larger bodies.
     if (!hasHeader(headers, "Expect")) headers.emplace_back("Expect", "");
 
@@ -259,7 +240,7 @@ class HttpTransfer {
     }
     if (X509_verify_cert(store) != 1) return 0;
 
-    const std::shared_ptr<HttpSessionDelegate>& delegate = self->session_->delegate_;
+    const std::shared_ptr<HttpSessionDelegate>& delegate = self->session_->delegate();
     if (!delegate) return 1;
 
     ServerTrustChallenge challenge;
@@ -303,17 +284,21 @@ class HttpTransfer {
   char errorBuffer_[CURL_ERROR_SIZE];
 };
 
-namespace {
-
 // The process-wide libcurl multi loop: one thread adds new transfers, drives all of them
 // and hands finished ones back to their sessions.
 class NetworkLoop {
  public:
+  NetworkLoop() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    thread_ = std::thread([this] { run(); });
+  }
+
   static NetworkLoop& instance() {
     // Never destroyed, so that late callers find it; the guard stops the thread at exit.
-    static NetworkLoop* loop = new NetworkLoop;
-    static ShutdownGuard guard{loop};
-    return *loop;
+    NetworkLoop& loop = detail::immortal<NetworkLoop>();
+    static ShutdownGuard guard{&loop};
+    return loop;
   }
 
   // False when the process is shutting down; the transfer is then dropped.
@@ -330,12 +315,6 @@ class NetworkLoop {
     NetworkLoop* loop;
     ~ShutdownGuard() { loop->shutdown(); }
   };
-
-  NetworkLoop() {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    multi_ = curl_multi_init();
-    thread_ = std::thread([this] { run(); });
-  }
 
   void run() {
     for (;;) {
@@ -411,22 +390,29 @@ class NetworkLoop {
   std::unordered_map<CURL*, std::unique_ptr<HttpTransfer>> active_;  // network thread only
 };
 
+class CurlTransport final : public HttpTransport {
+ public:
+  void send(const std::shared_ptr<HttpSession>& session, HttpRequest request,
+            DataTaskCompletion done) override {
+    NetworkLoop& loop = NetworkLoop::instance();  // initialises libcurl before first use
+    auto transfer = std::make_unique<HttpTransfer>(session, std::move(done));
+    if (std::optional<QVLError> error = transfer->configure(std::move(request))) {
+      transfer->deliver({}, std::nullopt, std::move(*error));
+      return;
+    }
+    loop.add(std::move(transfer));  // dropped, without a completion, only at process exit
+  }
+};
+
 }  // namespace
+
+std::shared_ptr<HttpTransport> makeCurlTransport() { return std::make_shared<CurlTransport>(); }
 
 std::optional<std::string> HttpResponse::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
     if (equalsIgnoringCase(key, name)) return value;
   }
   return std::nullopt;
-}
-
-std::chrono::milliseconds HttpSessionConfiguration::defaultTimeoutIntervalForRequest() {
-  return std::chrono::milliseconds(defaultRequestTimeoutMs().load());
-}
-
-void HttpSessionConfiguration::setDefaultTimeoutIntervalForRequest(
-    std::chrono::milliseconds timeout) {
-  defaultRequestTimeoutMs().store(timeout.count());
 }
 
 HttpSession::HttpSession(HttpSessionConfiguration configuration,
@@ -444,25 +430,25 @@ std::shared_ptr<HttpSession> HttpSession::create(HttpSessionConfiguration config
 }
 
 void HttpSession::dataTask(HttpRequest request, DataTaskCompletion completion) {
-  NetworkLoop& loop = NetworkLoop::instance();  // initialises libcurl before first use
-  auto transfer = std::make_unique<HttpTransfer>(shared_from_this(), std::move(completion));
-  if (std::optional<QVLError> error = transfer->configure(std::move(request))) {
-    transfer->deliver({}, std::nullopt, std::move(*error));
-    return;
+  HttpHeaders headers;
+  for (const auto& header : configuration_.additionalHeaders) {
+    if (!hasHeader(request.headers, header.first)) headers.push_back(header);
   }
-  loop.add(std::move(transfer));
-}
-
-void HttpSession::setTrustAnchorsFile(std::string pemPath) {
-  TrustAnchors& anchors = trustAnchors();
-  std::lock_guard lock(anchors.mutex);
-  anchors.path = std::move(pemPath);
-}
-
-std::string HttpSession::trustAnchorsFile() {
-  TrustAnchors& anchors = trustAnchors();
-  std::lock_guard lock(anchors.mutex);
-  return anchors.path;
+  headers.insert(headers.end(), std::make_move_iterator(request.headers.begin()),
+                 std::make_move_iterator(request.headers.end()));
+  request.headers = std::move(headers);
+  std::shared_ptr<HttpSession> self = shared_from_this();
+  Env::current()->transport->send(
+      self, std::move(request),
+      [self, completion = std::move(completion)](std::string body,
+                                                 std::optional<HttpResponse> response,
+                                                 std::optional<QVLError> error) mutable {
+        self->callbackQueue()->async([completion = std::move(completion), body = std::move(body),
+                                      response = std::move(response),
+                                      error = std::move(error)]() mutable {
+          if (completion) completion(std::move(body), std::move(response), std::move(error));
+        });
+      });
 }
 
 }  // namespace qvl

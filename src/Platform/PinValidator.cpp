@@ -13,6 +13,7 @@
 
 #include "Platform/Base64.h"
 #include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
@@ -87,10 +88,7 @@ std::string utcTimestamp() {
 PinValidator::PinValidator() = default;
 PinValidator::~PinValidator() = default;
 
-PinValidator& PinValidator::shared() {
-  static PinValidator* instance = new PinValidator;  // challenges may arrive during exit
-  return *instance;
-}
+PinValidator& PinValidator::shared() { return *Env::current()->pinValidator; }
 
 void PinValidator::configure(PinningConfiguration configuration) {
   auto next = std::make_shared<const PinningConfiguration>(std::move(configuration));
@@ -174,7 +172,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   const std::string body = report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 
   // Default trust only: the report must not depend on the pins that just failed.
-  HttpSessionConfiguration config;
+  HttpSessionConfiguration config = *Env::current()->httpSessionConfiguration;
   config.additionalHeaders = {{"Content-Type", "application/json"}};
   for (const auto& uri : domain.reportUris) {
     auto session = HttpSession::create(config, nullptr);

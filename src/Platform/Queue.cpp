@@ -11,35 +11,33 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/Immortal.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
 
 struct SerialQueue::State {
+  std::shared_ptr<Executor> executor;
   std::mutex mutex;
   std::deque<std::function<void()>> tasks;
-  bool scheduled = false;  // waiting in the pool's ready list or running
+  bool scheduled = false;  // a job of this queue is waiting on the executor or running
 };
 
 namespace {
 
 thread_local const SerialQueue::State* tCurrentQueue = nullptr;
 
-// Runs ready queues, one task per turn so that a busy queue cannot starve the others.
-class WorkerPool {
+// Worker threads shared by every queue of the process. Created on demand, capped in number.
+class WorkerPool final : public Executor {
  public:
-  static WorkerPool& instance() {
-    // Never destroyed: a worker may still touch the pool while the process exits. The guard
-    // stops the workers during static destruction instead.
-    static WorkerPool* pool = new WorkerPool;
-    static ShutdownGuard guard{pool};
-    return *pool;
-  }
+  WorkerPool()
+      : maxThreads_(std::max<size_t>(8, 2 * std::max(1u, std::thread::hardware_concurrency()))) {}
 
-  void schedule(std::shared_ptr<SerialQueue::State> queue) {
+  void post(std::function<void()> job) override {
     std::lock_guard lock(mutex_);
     if (stopping_) return;
-    ready_.push_back(std::move(queue));
+    ready_.push_back(std::move(job));
     if (ready_.size() > idle_ && threads_.size() < maxThreads_) {
       try {
         threads_.emplace_back([this] { work(); });
@@ -52,61 +50,8 @@ class WorkerPool {
     wake_.notify_one();
   }
 
- private:
-  struct ShutdownGuard {
-    WorkerPool* pool;
-    ~ShutdownGuard() { pool->shutdown(); }
-  };
-
-  WorkerPool()
-      : maxThreads_(std::max<size_t>(8, 2 * std::max(1u, std::thread::hardware_concurrency()))) {}
-
-  void work() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-      ++idle_;
-      wake_.wait(lock, [this] { return stopping_ || !ready_.empty(); });
-      --idle_;
-      if (stopping_) break;
-      std::shared_ptr<SerialQueue::State> queue = std::move(ready_.front());
-      ready_.pop_front();
-      lock.unlock();
-      runOne(queue);
-      lock.lock();
-    }
-    --live_;
-    exited_.notify_all();
-  }
-
-  void runOne(const std::shared_ptr<SerialQueue::State>& queue) {
-    std::function<void()> task;
-    {
-      std::lock_guard lock(queue->mutex);
-      task = std::move(queue->tasks.front());
-      queue->tasks.pop_front();
-    }
-    tCurrentQueue = queue.get();
-    try {
-      task();
-    } catch (const std::exception& e) {
-      log(std::string("QuorvelSDK: a queued task threw: ") + e.what());
-    } catch (...) {
-      log("QuorvelSDK: a queued task threw");
-    }
-    tCurrentQueue = nullptr;
-    task = nullptr;  // release what the task captured before the next one starts
-
-    bool more;
-    {
-      std::lock_guard lock(queue->mutex);
-      more = !queue->tasks.empty();
-      if (!more) queue->scheduled = false;
-    }
-    if (more) schedule(queue);
-  }
-
-  // Workers finish their current task and exit; waiting tasks are dropped. The wait is
-  // bounded so that a stuck task cannot hold the process at exit.
+  // Workers finish their current job and exit; waiting jobs are dropped. The wait is
+  // bounded so that a stuck job cannot hold the process at exit.
   void shutdown() {
     std::unique_lock lock(mutex_);
     stopping_ = true;
@@ -124,10 +69,29 @@ class WorkerPool {
     }
   }
 
+ private:
+  void work() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      ++idle_;
+      wake_.wait(lock, [this] { return stopping_ || !ready_.empty(); });
+      --idle_;
+      if (stopping_) break;
+      std::function<void()> job = std::move(ready_.front());
+      ready_.pop_front();
+      lock.unlock();
+      job();
+      job = nullptr;  // release what the job captured before the next one starts
+      lock.lock();
+    }
+    --live_;
+    exited_.notify_all();
+  }
+
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable exited_;
-  std::deque<std::shared_ptr<SerialQueue::State>> ready_;
+  std::deque<std::function<void()>> ready_;
   std::vector<std::thread> threads_;
   const size_t maxThreads_;
   size_t idle_ = 0;
@@ -135,9 +99,56 @@ class WorkerPool {
   bool stopping_ = false;
 };
 
+struct PoolHolder {
+  std::shared_ptr<WorkerPool> pool = std::make_shared<WorkerPool>();
+};
+
+struct PoolShutdown {
+  ~PoolShutdown() { detail::immortal<PoolHolder>().pool->shutdown(); }
+};
+
+// Runs the queue's first task, then hands the queue back to its executor if more are
+// waiting, so that every task is one job and a busy queue cannot starve the others.
+void runOne(const std::shared_ptr<SerialQueue::State>& queue) {
+  std::function<void()> task;
+  {
+    std::lock_guard lock(queue->mutex);
+    task = std::move(queue->tasks.front());
+    queue->tasks.pop_front();
+  }
+  tCurrentQueue = queue.get();
+  try {
+    task();
+  } catch (const std::exception& e) {
+    log(std::string("QuorvelSDK: a queued task threw: ") + e.what());
+  } catch (...) {
+    log("QuorvelSDK: a queued task threw");
+  }
+  tCurrentQueue = nullptr;
+  task = nullptr;
+
+  bool more;
+  {
+    std::lock_guard lock(queue->mutex);
+    more = !queue->tasks.empty();
+    if (!more) queue->scheduled = false;
+  }
+  if (more) queue->executor->post([queue] { runOne(queue); });
+}
+
 }  // namespace
 
-SerialQueue::SerialQueue() : state_(std::make_shared<State>()) {}
+std::shared_ptr<Executor> threadPoolExecutor() {
+  PoolHolder& holder = detail::immortal<PoolHolder>();
+  static PoolShutdown guard;
+  return holder.pool;
+}
+
+SerialQueue::SerialQueue() : SerialQueue(Env::current()->executor) {}
+
+SerialQueue::SerialQueue(std::shared_ptr<Executor> executor) : state_(std::make_shared<State>()) {
+  state_->executor = executor ? std::move(executor) : threadPoolExecutor();
+}
 
 SerialQueue::~SerialQueue() = default;
 
@@ -148,7 +159,7 @@ void SerialQueue::async(std::function<void()> task) {
     if (state_->scheduled) return;
     state_->scheduled = true;
   }
-  WorkerPool::instance().schedule(state_);
+  state_->executor->post([state = state_] { runOne(state); });
 }
 
 bool SerialQueue::isCurrent() const { return tCurrentQueue == state_.get(); }

@@ -15,6 +15,7 @@
 
 #include "Platform/Base64.h"
 #include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
@@ -123,12 +124,11 @@ UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) {}
 
 UserDefaults& UserDefaults::standard() {
   // Never destroyed: completions on worker threads may still use it while the process exits.
-  // An empty path stands for the default one, resolved on first use.
   static UserDefaults* instance = new UserDefaults(std::string());
+  std::string path = Env::current()->userDefaultsPath;
+  instance->resetPath(path.empty() ? defaultStandardPath() : std::move(path));
   return *instance;
 }
-
-void UserDefaults::setStandardPath(std::string path) { standard().resetPath(std::move(path)); }
 
 std::string UserDefaults::defaultStandardPath() {
   std::string base;
@@ -190,6 +190,8 @@ bool UserDefaults::synchronize() {
 
 void UserDefaults::resetPath(std::string path) {
   std::lock_guard lock(mutex_);
+  if (path == path_) return;
+  if (dirty_) writeLocked();  // last try for changes made under the old path
   path_ = std::move(path);
   loaded_ = false;
   dirty_ = false;

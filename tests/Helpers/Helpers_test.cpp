@@ -9,7 +9,8 @@
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Helpers/QVLURLTrimmer.h"
 #include "quorvel/Models/QVLMedia.h"
-#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/Env.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -79,12 +80,7 @@ TEST(URLTrimmerTest, TrimsAndAddsAMissingScheme) {
 
 class RealmTest : public ::testing::Test {
  protected:
-  void SetUp() override { QVLRealm::setStoreDirectory(dir.path() + "/store"); }
-  void TearDown() override {
-    qvl::Store::closeThreadHandles();
-    QVLRealm::setStoreDirectory("");
-    qvl::setLogSink({});
-  }
+  void TearDown() override { qvl::Store::closeThreadHandles(); }
 
   // Makes a store file of an older version whose media table still has "urlString".
   void makeOldFile(std::uint64_t version) {
@@ -111,6 +107,7 @@ class RealmTest : public ::testing::Test {
   }
 
   qvl::test::TempDir dir;
+  qvl::ScopedEnv env{[this](qvl::Env& env) { env.storeDirectory = dir.path() + "/store"; }};
 };
 
 TEST_F(RealmTest, OpensTheLibraryFileAtVersion19) {
@@ -144,11 +141,11 @@ TEST_F(RealmTest, Version18FileIsOpenedWithoutTheRename) {
 }
 
 TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
-  std::vector<std::string> lines;
-  qvl::setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+  qvl::test::LogCapture log;
   std::ofstream(dir.path() + "/blocker") << "a file where the directory should be";
-  QVLRealm::setStoreDirectory(dir.path() + "/blocker");
+  qvl::ScopedEnv blocked([&](qvl::Env& env) { env.storeDirectory = dir.path() + "/blocker"; });
   EXPECT_EQ(QVLRealm::realm(), nullptr);
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].rfind("Couldn't create the QuorvelSDK Realm instance: ", 0), 0u) << lines[0];
 }

@@ -39,14 +39,4 @@ TEST(UuidTest, RejectsEverythingElse) {
   }
 }
 
-TEST(ClockTest, TestTimeHoldsOnEveryThreadUntilCleared) {
-  auto fixed = std::chrono::system_clock::time_point(std::chrono::seconds(1'700'000'000));
-  qvl::Clock::setNowForTesting(fixed);
-  qvl::Date seen{};
-  std::thread([&] { seen = qvl::Clock::now(); }).join();
-  EXPECT_EQ(seen, fixed);
-  qvl::Clock::setNowForTesting(std::nullopt);
-  EXPECT_GT(qvl::Clock::now(), fixed);
-}
-
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "quorvel/Helpers/QVLDateFormatter.h"
-#include "quorvel/Platform/Log.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -112,7 +112,6 @@ class MappingTest : public ::testing::Test {
   void TearDown() override {
     store.reset();
     qvl::Store::closeThreadHandles();
-    qvl::setLogSink({});
   }
   // Parses against the store and writes the result, as the service client does.
   std::shared_ptr<Thing> merge(const json& j) {
@@ -261,8 +260,7 @@ TEST_F(MappingTest, ValuesOfTheWrongKindRejectTheRecord) {
 }
 
 TEST_F(MappingTest, ArrayParsingDropsOnlyTheRejectedRecordAndSaysWhy) {
-  std::vector<std::string> lines;
-  qvl::setLogSink([&](std::string_view line) { lines.emplace_back(line); });
+  qvl::test::LogCapture log;
   std::vector<QVLError> rejected;
   json array = {{{"id", 1}}, {{"id", 2}, {"amount", "x"}}, 7, {{"id", 3}}};
   auto records =
@@ -272,6 +270,7 @@ TEST_F(MappingTest, ArrayParsingDropsOnlyTheRejectedRecordAndSaysWhy) {
   EXPECT_EQ(records[1]->primaryKeyValue(), 3);
   ASSERT_EQ(rejected.size(), 2u);
   EXPECT_EQ(rejected[0].domain, kQVLMappingErrorDomain);
+  const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0].rfind("QuorvelSDK: Rejected Thing record: ", 0), 0u) << lines[0];
   EXPECT_TRUE(QVLApiModel::newObjectsWithJSONArray(Thing::modelClass(), json::object(), store.get(),

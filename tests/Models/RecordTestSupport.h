@@ -5,19 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <mutex>
-#include <string>
 #include <string_view>
-#include <vector>
 
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Store/Store.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 namespace records_test {
 
@@ -35,30 +32,20 @@ inline const qvl::Date kTomorrow = kNow + std::chrono::hours(24);
 /// Fixes the clock at kNow for the test's lifetime.
 class FixedClockTest : public ::testing::Test {
  protected:
-  void SetUp() override { qvl::Clock::setNowForTesting(kNow); }
-  void TearDown() override { qvl::Clock::setNowForTesting(std::nullopt); }
+  std::shared_ptr<qvl::ManualClock> clock_ = std::make_shared<qvl::ManualClock>(kNow);
+  qvl::ScopedEnv clockScope_{[this](qvl::Env& env) { env.clock = clock_; }};
 };
 
 /// A library store in a directory of its own, plus the fixed clock.
 class RecordStoreTest : public FixedClockTest {
  protected:
   void SetUp() override {
-    FixedClockTest::SetUp();
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "quorvel-records-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    directory_ = pattern;
-    QVLRealm::setStoreDirectory(directory_);
     store_ = QVLRealm::realm();
     ASSERT_NE(store_, nullptr);
   }
   void TearDown() override {
     store_.reset();
     qvl::Store::closeThreadHandles();
-    QVLRealm::setStoreDirectory("");
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-    FixedClockTest::TearDown();
   }
 
   /// Writes records (with everything they reach) and returns the stored twins.
@@ -69,31 +56,11 @@ class RecordStoreTest : public FixedClockTest {
     return stored;
   }
 
+  qvl::test::TempDir directory_;
+  qvl::ScopedEnv storeScope_{[this](qvl::Env& env) { env.storeDirectory = directory_.path(); }};
   std::shared_ptr<qvl::Store> store_;
-  std::string directory_;
 };
 
-/// Collects log lines while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    qvl::setLogSink([this](std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(line);
-    });
-  }
-  ~LogCapture() { qvl::setLogSink({}); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+using qvl::test::LogCapture;
 
 }  // namespace records_test

@@ -1,5 +1,7 @@
 #include "quorvel/Platform/HttpSession.h"
 
+#include "quorvel/Platform/Env.h"
+
 #include <arpa/inet.h>
 #include <curl/curl.h>
 #include <netinet/in.h>
@@ -37,13 +39,7 @@ using ::testing::Not;
 
 class HttpSessionTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    HttpSession::setTrustAnchorsFile(TestCertificates::ca().certificatePath);
-  }
-  void TearDown() override {
-    HttpSession::setTrustAnchorsFile("");
-    HttpSessionConfiguration::setDefaultTimeoutIntervalForRequest(60s);
-  }
+  ScopedEnv env_{[](Env& env) { env.trustAnchorsFile = TestCertificates::ca().certificatePath; }};
 
   static void expectTransportError(const DataTaskOutcome& outcome, CURLcode code) {
     ASSERT_TRUE(outcome.completed);
@@ -320,9 +316,9 @@ TEST_F(HttpSessionTest, FiftyRequestsAreInFlightAtOnce) {
 }
 
 TEST_F(HttpSessionTest, NoAnswerEndsInATransportError) {
-  HttpSessionConfiguration::setDefaultTimeoutIntervalForRequest(1s);
-  auto session = HttpSession::create();
-  EXPECT_EQ(session->configuration().timeoutIntervalForRequest, 1s);
+  HttpSessionConfiguration configuration;
+  configuration.timeoutIntervalForRequest = 1s;
+  auto session = HttpSession::create(configuration);
 
   auto refused = runDataTask(
       session, {"GET", "https://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/", {}, ""});
@@ -363,7 +359,7 @@ TEST_F(HttpSessionTest, UntrustedServersAreRefusedBeforeAnyRequest) {
   EXPECT_TRUE(delegate->challenges().empty());
 
   // Without the test anchors only the system's authorities are trusted.
-  HttpSession::setTrustAnchorsFile("");
+  ScopedEnv systemAnchors([](Env& env) { env.trustAnchorsFile.clear(); });
   auto systemTrust = runDataTask(HttpSession::create(), {"GET", server.url() + "/", {}, ""});
   expectTransportError(systemTrust, CURLE_PEER_FAILED_VERIFICATION);
   EXPECT_TRUE(server.requests().empty());

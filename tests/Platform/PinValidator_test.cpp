@@ -1,5 +1,7 @@
 #include "quorvel/Platform/PinValidator.h"
 
+#include "quorvel/Platform/Env.h"
+
 #include <curl/curl.h>
 
 #include <fstream>
@@ -43,11 +45,7 @@ class PinningDelegate : public HttpSessionDelegate {
 PinnedDomainConfiguration pinnedDomain(std::string domain, bool includeSubdomains,
                                        std::vector<std::string> pins,
                                        std::vector<std::string> reportUris = {}) {
-  return {std::move(domain),
-          includeSubdomains,
-          {"RSA2048", "RSA4096"},
-          std::move(reportUris),
-          std::move(pins)};
+  return {std::move(domain), includeSubdomains, std::move(reportUris), std::move(pins)};
 }
 
 ServerTrustChallenge challengeFor(std::string host, std::vector<std::string> chain = {
@@ -149,15 +147,11 @@ std::vector<std::string> reportedHosts(const TestHttpsServer& reports) {
 
 class PinningTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    HttpSession::setTrustAnchorsFile(TestCertificates::ca().certificatePath);
-    BundleInfo::setInfoDictionary(
-        {{"CFBundleIdentifier", "com.example.host"}, {"CFBundleShortVersionString", "1.2.3"}});
-  }
-  void TearDown() override {
-    HttpSession::setTrustAnchorsFile("");
-    BundleInfo::setInfoDictionary(nlohmann::json::object());
-  }
+  ScopedEnv env_{[](Env& env) {
+    env.trustAnchorsFile = TestCertificates::ca().certificatePath;
+    env.bundleInfo = {{"CFBundleIdentifier", "com.example.host"},
+                      {"CFBundleShortVersionString", "1.2.3"}};
+  }};
 
   test::DataTaskOutcome get(const std::string& url) {
     return runDataTask(HttpSession::create({}, delegate_), {"GET", url, {}, ""});
@@ -250,7 +244,7 @@ TEST_F(PinningTest, WrongPinRefusesTheHandshakeAndReportsTheFailureOnce) {
 }
 
 TEST_F(PinningTest, ReportsLeaveOutAbsentApplicationDetails) {
-  BundleInfo::setInfoDictionary(nlohmann::json::object());
+  ScopedEnv noDetails([](Env& env) { env.bundleInfo = nlohmann::json::object(); });
   TestHttpsServer server;
   TestHttpsServer reports;
   validator_.configure({{pinnedDomain("dev.localhost", false, {TestCertificates::otherLeaf().pin},

@@ -16,7 +16,9 @@
 #include <nlohmann/json.hpp>
 
 #include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 
 namespace qvl {
@@ -35,29 +37,17 @@ void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
 
-// Collects log lines for the life of the object.
-class LogCapture {
- public:
-  LogCapture() {
-    setLogSink([this](std::string_view line) {
-      std::lock_guard lock(mutex_);
-      lines_.emplace_back(line);
-    });
-  }
-  ~LogCapture() { setLogSink(nullptr); }
-  std::string text() const {
-    std::lock_guard lock(mutex_);
-    std::string all;
-    for (const auto& line : lines_) all += line + "\n";
-    return all;
-  }
+using test::LogCapture;
 
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
+// Joins the captured lines, for substring checks.
+std::string text(const LogCapture& logs) {
+  std::string all;
+  for (const auto& line : logs.lines()) all += line + "\n";
+  return all;
+}
 
 TEST(BundleInfoTest, LoadsDictionaryAndKeepsItWhenLaterFilesAreBad) {
+  ScopedEnv restore([](Env&) {});  // the shortcuts install environments: put it back after
   test::TempDir dir;
   writeFile(dir.file("info.json"),
             R"({"CFBundleIdentifier":"com.example.host","QuorvelSDK":{"ApiKey":"k"}})");
@@ -152,7 +142,7 @@ TEST_F(UserDefaultsTest, WriteFailuresAreReportedAndRetriedBySynchronize) {
   defaults.setData("k", "v");
   EXPECT_EQ(defaults.data("k"), "v");  // kept in memory
   EXPECT_FALSE(defaults.synchronize());
-  EXPECT_THAT(logs.text(), HasSubstr("cannot write user defaults"));
+  EXPECT_THAT(text(logs), HasSubstr("cannot write user defaults"));
 
   // Once the obstacle is gone, synchronize writes the pending change.
   std::filesystem::remove(dir_.file("blocker"));
@@ -166,7 +156,7 @@ TEST_F(UserDefaultsTest, DamagedFileReadsAsEmptyAndIsReplacedByTheNextChange) {
   writeFile(path_, "{not json");
   UserDefaults defaults(path_);
   EXPECT_FALSE(defaults.data("k").has_value());
-  EXPECT_THAT(logs.text(), HasSubstr("damaged"));
+  EXPECT_THAT(text(logs), HasSubstr("damaged"));
   defaults.setData("k", "v");
   EXPECT_EQ(UserDefaults(path_).data("k"), "v");
 
@@ -199,31 +189,31 @@ TEST_F(UserDefaultsTest, ConcurrentWritersLoseNoValue) {
   }
 }
 
-TEST_F(UserDefaultsTest, StandardDefaultsFollowTheChosenPath) {
-  UserDefaults::setStandardPath(path_);
-  EXPECT_EQ(UserDefaults::standard().path(), path_);
-  UserDefaults::standard().setData("QVLPushManagerEndpointIdKey", "42");
-  EXPECT_TRUE(UserDefaults::standard().synchronize());
-  EXPECT_EQ(UserDefaults(path_).data("QVLPushManagerEndpointIdKey"), "42");
-
-  // Switching files reads the other file's values, not the ones held in memory.
-  const std::string other = dir_.file("other.defaults");
-  UserDefaults::setStandardPath(other);
+TEST_F(UserDefaultsTest, StandardDefaultsFollowTheEnvironmentsPath) {
+  {
+    ScopedEnv env([&](Env& env) { env.userDefaultsPath = path_; });
+    EXPECT_EQ(UserDefaults::standard().path(), path_);
+    UserDefaults::standard().setData("QVLPushManagerEndpointIdKey", "42");
+    EXPECT_TRUE(UserDefaults::standard().synchronize());
+    EXPECT_EQ(UserDefaults(path_).data("QVLPushManagerEndpointIdKey"), "42");
+  }
+  // Another file's values, not the ones held in memory; then back to the first file.
+  ScopedEnv other([&](Env& env) { env.userDefaultsPath = dir_.file("other.defaults"); });
   EXPECT_FALSE(UserDefaults::standard().data("QVLPushManagerEndpointIdKey").has_value());
-  UserDefaults::setStandardPath(path_);
+  ScopedEnv back([&](Env& env) { env.userDefaultsPath = path_; });
   EXPECT_EQ(UserDefaults::standard().data("QVLPushManagerEndpointIdKey"), "42");
-  UserDefaults::setStandardPath("");
 }
 
 TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
   const char* savedXdg = std::getenv("XDG_CONFIG_HOME");
   const std::string restoreXdg = savedXdg ? savedXdg : "";
-  const nlohmann::json savedInfo = BundleInfo::infoDictionary();
 
   ::setenv("XDG_CONFIG_HOME", "/xdg/config", 1);
-  BundleInfo::setInfoDictionary({{"CFBundleIdentifier", "com.example/app"}});
-  EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/com.example_app.defaults");
-  BundleInfo::setInfoDictionary(nlohmann::json::object());
+  {
+    ScopedEnv app([](Env& env) { env.bundleInfo = {{"CFBundleIdentifier", "com.example/app"}}; });
+    EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/com.example_app.defaults");
+  }
+  ScopedEnv noId([](Env& env) { env.bundleInfo = nlohmann::json::object(); });
   EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/default.defaults");
 
   // A relative XDG_CONFIG_HOME is ignored, as the XDG rules require.
@@ -238,7 +228,6 @@ TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
   } else {
     ::unsetenv("XDG_CONFIG_HOME");
   }
-  BundleInfo::setInfoDictionary(savedInfo);
 }
 
 }  // namespace

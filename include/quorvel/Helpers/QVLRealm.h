@@ -25,9 +25,9 @@ class QVLRealm {
   /// "urlOriginal", when the file has it).
   static qvl::StoreConfiguration configuration();
 
-  /// Where the store file lives. Default: $XDG_DATA_HOME/quorvel, else
-  /// $HOME/.local/share/quorvel (created owner-only on first open). Set it before the
-  /// first use of the library; thread-safe.
+  /// Where the store file lives: the environment's storeDirectory, by default
+  /// $XDG_DATA_HOME/quorvel, else $HOME/.local/share/quorvel (created owner-only on first
+  /// open). The setter is a shortcut that installs a changed environment; thread-safe.
   static void setStoreDirectory(std::string directory);
   static std::string storeDirectory();
 

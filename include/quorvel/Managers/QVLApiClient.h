@@ -44,7 +44,8 @@ enum QVLApiEnvironment : std::int32_t {
 /// out and logged; the others are stored. The library never throws for network or service
 /// failures; asking a record class for a declaration it lacks raises QVLException.
 ///
-/// Configuration (bundle information, token, API domain, pins) is read afresh per request.
+/// Configuration (bundle information, token, API domain, pins: see qvl::Env) is read afresh
+/// per request.
 class QVLApiClient : public qvl::HttpSessionDelegate,
                      public std::enable_shared_from_this<QVLApiClient> {
  public:
@@ -69,14 +70,14 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
 
   /// The service's API domain, shared by every environment host and the pinned domain.
   static constexpr const char* kDefaultApiDomain = "quorvel.io";
-  /// Replaces the API domain (an optional ":port" is kept in URLs and left out of the
-  /// pinned domain); tests point it at a loopback server such as "localhost:8443". An
-  /// empty text restores the default. Thread-safe; takes effect on the next request and
-  /// the next pinning set-up.
+  /// The API domain of the environment in force (Env::apiDomain), default
+  /// kDefaultApiDomain. The setter is a shortcut that installs a changed environment; it
+  /// takes effect on the next request and the next pinning set-up.
   static void setApiDomain(std::string domain);
   static std::string apiDomain();
-  /// The service certificates' SubjectPublicKeyInfo pins (base64 SHA-256), four by
-  /// default. Replacing them takes effect at the next pinning set-up. Thread-safe.
+  /// The service certificates' SubjectPublicKeyInfo pins (base64 SHA-256) of the
+  /// environment in force (Env::publicKeyHashes), four built-in ones by default. The setter
+  /// is a shortcut onto the environment; pins take effect at the next pinning set-up.
   static std::vector<std::string> publicKeyHashes();
   static void setPublicKeyHashes(std::vector<std::string> pins);
 
@@ -115,8 +116,8 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
   /// The calling thread's store handle (QVLRealm::realm()); nullptr when it cannot be opened.
   std::shared_ptr<qvl::Store> realm() const;
 
-  /// Configures the process's pin validator for the API domain and its subdomains: RSA 2048
-  /// and 4096 keys, publicKeyHashes(), failures reported to baseURL() + "/ssl-reporting".
+  /// Configures the environment's pin validator for the API domain and its subdomains:
+  /// publicKeyHashes(), failures reported to baseURL() + "/ssl-reporting".
   void setupPinning();
   /// Server trust of every session: the pin validator decides for pinned hosts; other
   /// hosts, and every host before pinning is set up, get default handling.

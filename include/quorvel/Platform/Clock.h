@@ -1,19 +1,73 @@
 #pragma once
-// The library's source of "now".
+// The library's source of "now" and of delayed work.
 
-#include <optional>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
 
-#include "quorvel/Store/Value.h"
+#include "quorvel/Platform/Date.h"
 
 namespace qvl {
 
-/// Every time-dependent rule of the library (validity windows, view times) asks this
-/// clock. Thread-safe.
-struct Clock {
-  /// The system time, or the fixed time set for testing.
-  static Date now();
-  /// Fixes now() at a time (nullopt returns to the system clock). For tests.
-  static void setNowForTesting(std::optional<Date> now);
+/// Every time-dependent rule of the library (validity windows, view times, background-task
+/// allowances, the simulated world) asks the clock of the environment in force.
+/// Implementations are thread-safe.
+class Clock {
+ public:
+  using TimerId = std::uint64_t;
+
+  virtual ~Clock() = default;
+
+  virtual Date now() = 0;
+
+  /// Runs `task` once, when `delay` has passed on this clock, and returns an id for
+  /// cancel(). Where it runs depends on the clock (SystemClock: its timer thread;
+  /// ManualClock: inside advance()), so a task should only hand work to a queue.
+  virtual TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) = 0;
+
+  /// Drops a task that has not started; an unknown or finished id is ignored.
+  virtual void cancel(TimerId id) = 0;
+};
+
+/// The environment's clock: Env::current().clock->now().
+Date now();
+
+/// Wall-clock time; timers run on one timer thread of the process, started on first use.
+class SystemClock final : public Clock {
+ public:
+  Date now() override;
+  TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
+  void cancel(TimerId id) override;
+};
+
+/// A clock that moves only when told to: tests, and simulations that run faster than real
+/// time. Timers run on the thread that calls advance(), in due order (ties in the order they
+/// were added), each seeing now() equal to its due time.
+class ManualClock final : public Clock {
+ public:
+  /// Starts at `start` (default 2026-01-01T00:00:00Z).
+  explicit ManualClock(Date start = Date{std::chrono::seconds(1767225600)});
+
+  Date now() override;
+  TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
+  void cancel(TimerId id) override;
+
+  /// Moves time forward by `duration`, running every timer that falls due on the way
+  /// (including timers those timers add). Negative durations are ignored.
+  void advance(std::chrono::milliseconds duration);
+  /// Sets the time without running timers (moving backwards included).
+  void set(Date now);
+  /// Timers not yet run.
+  std::size_t pendingTimers() const;
+
+ private:
+  mutable std::mutex mutex_;
+  Date now_;
+  TimerId nextId_ = 1;
+  std::multimap<Date, std::pair<TimerId, std::function<void()>>> timers_;
 };
 
 }  // namespace qvl

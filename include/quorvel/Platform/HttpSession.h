@@ -42,18 +42,13 @@ struct HttpResponse {
 };
 
 struct HttpSessionConfiguration {
-  /// Default for `timeoutIntervalForRequest` of configurations made from now on (60 s
-  /// unless changed). Thread-safe; tests shorten it.
-  static std::chrono::milliseconds defaultTimeoutIntervalForRequest();
-  static void setDefaultTimeoutIntervalForRequest(std::chrono::milliseconds timeout);
-
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
   HttpHeaders additionalHeaders;
   /// Idle limit: a request fails with CURLE_OPERATION_TIMEDOUT when no byte moves for this
   /// long. It also bounds connecting plus the TLS handshake. Whole seconds for the idle part
   /// (rounded up, at least one).
-  std::chrono::milliseconds timeoutIntervalForRequest = defaultTimeoutIntervalForRequest();
+  std::chrono::milliseconds timeoutIntervalForRequest = std::chrono::seconds(60);
   /// Upper bound for a whole request, however busy.
   std::chrono::milliseconds timeoutIntervalForResource = std::chrono::hours(24 * 7);
 };
@@ -93,15 +88,35 @@ class HttpSessionDelegate {
 using DataTaskCompletion = std::function<void(
     std::string body, std::optional<HttpResponse> response, std::optional<QVLError> error)>;
 
-/// An HTTP(S) session over libcurl. One process-wide network thread, started on first use,
-/// drives every transfer, so many tasks may be in flight at once.
+class HttpSession;
+
+/// Carries requests to servers: libcurl in a real process (makeCurlTransport()), a recording
+/// double in tests. Reached through the environment (Env::transport).
+class HttpTransport {
+ public:
+  virtual ~HttpTransport() = default;
+  /// Sends one request of `session` (its headers already merged with the session's
+  /// defaults) and returns without waiting. Calls `done` exactly once, from any thread,
+  /// possibly before returning; the session moves the outcome to its callback queue.
+  virtual void send(const std::shared_ptr<HttpSession>& session, HttpRequest request,
+                    DataTaskCompletion done) = 0;
+};
+
+/// The libcurl transport. One process-wide network thread, started on first use, drives
+/// every transfer, so many tasks may be in flight at once.
 ///
 /// Connections are never reused between tasks (each task makes its own connection and full
 /// TLS handshake, no TLS session resumption), so a trust decision made for one session can
 /// never carry over to another. Redirects are not followed and cookies are not kept. Proxy
-/// environment variables are honoured as libcurl does. Besides the configured headers
-/// libcurl sends Host, "Accept: */*" (unless given) and Accept-Encoding; compressed answers
-/// reach the completion decoded.
+/// environment variables are honoured as libcurl does. Besides the given headers libcurl
+/// sends Host, "Accept: */*" (unless given) and Accept-Encoding; compressed answers reach
+/// the completion decoded. HTTPS connections trust Env::trustAnchorsFile when set, the
+/// system's CA bundle otherwise. Tasks still running when the process exits are abandoned
+/// without a completion.
+std::shared_ptr<HttpTransport> makeCurlTransport();
+
+/// An HTTP(S) session: default headers, a server-trust delegate and one serial callback
+/// queue, over the environment's transport.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   /// A new session. `delegate` may be null (default trust only); the session keeps it alive.
@@ -118,23 +133,18 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   /// The serial queue on which this session's completions run, one after another.
   const std::shared_ptr<SerialQueue>& callbackQueue() const { return callbackQueue_; }
 
-  /// Starts the request at once and returns without waiting. The completion runs exactly
-  /// once, later, on callbackQueue() (never inline on the calling thread). The session
-  /// stays alive until its completions have run, even when the caller drops it.
-  /// Thread-safe, also from completions and delegate calls. Tasks still running when the
-  /// process exits are abandoned without a completion.
-  void dataTask(HttpRequest request, DataTaskCompletion completion);
+  /// The server-trust delegate (may be null).
+  const std::shared_ptr<HttpSessionDelegate>& delegate() const { return delegate_; }
 
-  /// Process-wide PEM file of trust anchors used instead of the system's CA bundle by tasks
-  /// started afterwards; an empty path restores the system bundle. Thread-safe.
-  static void setTrustAnchorsFile(std::string pemPath);
-  static std::string trustAnchorsFile();
+  /// Hands the request to the environment's transport at once and returns without
+  /// waiting. The completion runs exactly once, later, on callbackQueue() (never inline on
+  /// the calling thread). The session stays alive until its completions have run, even
+  /// when the caller drops it. Thread-safe, also from completions and delegate calls.
+  void dataTask(HttpRequest request, DataTaskCompletion completion);
 
  private:
   HttpSession(HttpSessionConfiguration configuration,
               std::shared_ptr<HttpSessionDelegate> delegate);
-
-  friend class HttpTransfer;
 
   const HttpSessionConfiguration configuration_;
   const std::shared_ptr<HttpSessionDelegate> delegate_;

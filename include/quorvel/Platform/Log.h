@@ -10,11 +10,8 @@ namespace qvl {
 /// a sink must be thread-safe and must not call back into the library.
 using LogSink = std::function<void(std::string_view line)>;
 
-/// Writes one line to the current sink (standard error by default). Thread-safe.
+/// Writes one line to the environment's sink (Env::logSink; standard error when it has
+/// none). Thread-safe.
 void log(std::string_view line);
-
-/// Replaces the sink; an empty function restores standard error. Thread-safe; a line
-/// being written while the sink changes goes to either the old or the new sink.
-void setLogSink(LogSink sink);
 
 }  // namespace qvl

@@ -17,9 +17,6 @@ namespace qvl {
 struct PinnedDomainConfiguration {
   std::string domain;  // e.g. "quorvel.example"; compared case-insensitively
   bool includeSubdomains = false;
-  /// "RSA2048", "RSA4096". Kept for completeness: a pin hashes the whole
-  /// SubjectPublicKeyInfo, which already names the key's algorithm, so it is not consulted.
-  std::vector<std::string> publicKeyAlgorithms;
   std::vector<std::string> reportUris;       // pin failures are POSTed here
   std::vector<std::string> publicKeyHashes;  // base64 SHA-256 of DER SubjectPublicKeyInfo
 };
@@ -32,13 +29,13 @@ struct PinningConfiguration {
 /// chain without a pinned key is rejected. Every operation is thread-safe.
 class PinValidator {
  public:
-  /// An unconfigured validator. The library uses `shared()`; tests may make their own.
+  /// An unconfigured validator.
   PinValidator();
   ~PinValidator();
   PinValidator(const PinValidator&) = delete;
   PinValidator& operator=(const PinValidator&) = delete;
 
-  /// The process's validator, created on first use and never destroyed.
+  /// The validator of the environment in force (Env::pinValidator).
   static PinValidator& shared();
 
   /// Replaces any previous configuration; challenges from now on use the new one.

@@ -1,22 +1,25 @@
 #pragma once
-// Serial executors over one shared pool of worker threads.
+// Serial queues over an executor.
 
 #include <functional>
 #include <memory>
 
+#include "quorvel/Platform/Executor.h"
+
 namespace qvl {
 
-/// A serial queue: its tasks run one at a time, in the order they were added, on one of the
-/// library's worker threads (not necessarily the same thread each time). Tasks of different
+/// A serial queue: its tasks run one at a time, in the order they were added, on the
+/// threads of an executor (not necessarily the same thread each time). Tasks of different
 /// queues may run at the same time. Queues are cheap; the library makes one per request.
 ///
-/// The workers are shared by every queue, created on demand and capped in number, so a task
+/// Each task is one job of the executor, so a busy queue cannot starve the others. A task
 /// must not block waiting for tasks of other queues. A task that throws is logged and the
-/// queue goes on with its next task. When the process exits, tasks still waiting are
-/// dropped and the exit does not wait long for a task that is running.
+/// queue goes on with its next task.
 class SerialQueue {
  public:
+  /// A queue on the executor of the environment in force.
   SerialQueue();
+  explicit SerialQueue(std::shared_ptr<Executor> executor);
   ~SerialQueue();
 
   SerialQueue(const SerialQueue&) = delete;
@@ -29,7 +32,7 @@ class SerialQueue {
   /// True exactly when called from inside a task of this queue.
   bool isCurrent() const;
 
-  struct State;  // shared with the worker pool; defined in the implementation
+  struct State;  // shared with the jobs on the executor; defined in the implementation
 
  private:
   std::shared_ptr<State> state_;

@@ -30,14 +30,11 @@ class UserDefaults {
   UserDefaults(const UserDefaults&) = delete;
   UserDefaults& operator=(const UserDefaults&) = delete;
 
-  /// The application's defaults. The file is `setStandardPath`'s path if one was set,
-  /// otherwise `defaultStandardPath()` evaluated on first use (set the bundle information
-  /// before then). The instance lives for the whole process.
+  /// The application's defaults: one instance for the whole process, over the file of the
+  /// environment in force (Env::userDefaultsPath, or defaultStandardPath() when that is
+  /// empty). When the environment names another file, the instance moves to it (writing
+  /// pending changes to the old one first) and reads the new one on next use.
   static UserDefaults& standard();
-
-  /// Points `standard()` at another file (hosts and tests choose it); an empty path
-  /// restores the default. The values are read again from the new file on next use.
-  static void setStandardPath(std::string path);
 
   /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/<application id>.defaults, the application
   /// id being the bundle information's "CFBundleIdentifier" or "default" ('/' becomes '_').

@@ -1,16 +1,14 @@
 #pragma once
 // Scalar values as the object store keeps them.
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
 
-namespace qvl {
+#include "quorvel/Platform/Date.h"
 
-/// A point in time. Stored with nanosecond precision; the service's own format has seconds.
-using Date = std::chrono::system_clock::time_point;
+namespace qvl {
 
 /// One scalar property value. std::monostate is null ("none"). 32-bit integer properties
 /// hold std::int64_t here and are range-checked when set.

@@ -1,0 +1,111 @@
+#pragma once
+// Every platform facility the library reaches, in one place.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "quorvel/Platform/Log.h"
+
+namespace qvl {
+
+class Application;
+class BluetoothCentral;
+class Clock;
+class Executor;
+class HttpTransport;
+class LocationService;
+class MainQueue;
+class NotificationCenter;
+class PinValidator;
+struct HttpSessionConfiguration;
+
+/// The library's environment: what the platform supplies and what the host configures.
+///
+/// There is one process-wide environment in force. A host configures it once at start-up,
+/// before its first use of the library:
+///
+///     qvl::Env env = *qvl::Env::current();   // the standard facilities
+///     env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", "..."}}}};
+///     env.storeDirectory = "/var/lib/myapp/quorvel";
+///     qvl::Env::install(std::move(env));
+///
+/// A test replaces what it needs for one scope with ScopedEnv. The library's singletons
+/// keep nothing from it: they read the environment in force each time they reach the
+/// platform (an observer registered with a notification centre stays with that centre).
+///
+/// A member left empty (null pointer, empty text) means the standard choice noted beside
+/// it, resolved when used.
+struct Env {
+  /// "now" and delayed work. Standard: SystemClock.
+  std::shared_ptr<Clock> clock;
+  /// Runs the serial queues of requests. Standard: threadPoolExecutor().
+  std::shared_ptr<Executor> executor;
+  /// The host's main thread. Standard: one process-wide MainQueue the host runs.
+  std::shared_ptr<MainQueue> mainQueue;
+  /// Sends HTTP requests. Standard: libcurl (makeCurlTransport()).
+  std::shared_ptr<HttpTransport> transport;
+  /// Template of every HTTP session the library makes (time-outs, limits); the client adds
+  /// its headers. Standard: HttpSessionConfiguration's defaults.
+  std::shared_ptr<const HttpSessionConfiguration> httpSessionConfiguration;
+  /// Broadcast notifications. Standard: one process-wide centre.
+  std::shared_ptr<NotificationCenter> notificationCenter;
+  /// Lifecycle, background tasks, icon badge. Standard: one process-wide Application.
+  std::shared_ptr<Application> application;
+  /// Decides server-trust challenges of pinned hosts. Standard: one process-wide validator.
+  std::shared_ptr<PinValidator> pinValidator;
+  /// Region monitoring and ranging. Standard: chosen by the proximity backend.
+  std::shared_ptr<LocationService> locationService;
+  /// The Bluetooth radio's state. Standard: chosen by the proximity backend.
+  std::shared_ptr<BluetoothCentral> bluetoothCentral;
+  /// Where log lines go, one line per call, from any thread. Empty: standard error.
+  LogSink logSink;
+  /// The store file's directory. Empty: $XDG_DATA_HOME/quorvel or ~/.local/share/quorvel.
+  std::string storeDirectory;
+  /// The user-defaults file. Empty: UserDefaults::defaultStandardPath().
+  std::string userDefaultsPath;
+  /// The host application's information dictionary (identity, version, the "QuorvelSDK"
+  /// settings). A value that is not an object reads as empty.
+  nlohmann::json bundleInfo = nlohmann::json::object();
+  /// The service's API domain; an optional ":port" is kept in URLs and left out of the
+  /// pinned domain. Empty: "quorvel.io".
+  std::string apiDomain;
+  /// SubjectPublicKeyInfo pins (base64 SHA-256) of the service's certificates. Empty: the
+  /// four built-in pins.
+  std::vector<std::string> publicKeyHashes;
+  /// PEM file of trust anchors for every HTTPS connection instead of the system's CA
+  /// bundle. Empty: the system's.
+  std::string trustAnchorsFile;
+
+  /// The environment in force, with every empty pointer member filled with its standard
+  /// facility. Thread-safe; a snapshot: later installs do not change it.
+  static std::shared_ptr<const Env> current();
+
+  /// Makes `env` the process's environment. Thread-safe; work already running keeps the
+  /// snapshot it took. Null pointers are filled with the standard facilities.
+  static void install(Env env);
+
+  /// Applies `change` to a copy of the environment in force and installs the result, as
+  /// one step with respect to other install/update calls.
+  static void update(const std::function<void(Env&)>& change);
+};
+
+/// Installs a changed copy of the environment in force for its own lifetime, then puts the
+/// previous one back. For tests: they swap what they need without calling setters. Scopes
+/// nest; they are process-wide, not per thread.
+class ScopedEnv {
+ public:
+  explicit ScopedEnv(const std::function<void(Env&)>& change);
+  explicit ScopedEnv(Env env);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::shared_ptr<const Env> previous_;
+};
+
+}  // namespace qvl

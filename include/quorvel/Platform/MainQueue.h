@@ -1,0 +1,73 @@
+#pragma once
+// The host application's main thread, as a queue.
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace qvl {
+
+/// The queue of the host's main thread. The proximity subsystem, every delegate call and
+/// the icon badge run here. Exactly one thread runs its tasks, and always the same one: the
+/// first thread that runs any of them becomes the queue's thread for the queue's lifetime,
+/// so "the main thread's store handle" is stable. Tasks run in the order they were added.
+///
+/// Two ways to drive it:
+/// - the host calls run() on its main thread (it returns after stop()), or calls
+///   runUntilIdle() from its own loop whenever it likes;
+/// - the host passes a `HostPost` hook: every async() then hands the hook one closure
+///   ("drain") that the host's loop must call soon on the main thread (a glib idle source,
+///   asio::post, a Qt queued call). The drain runs every task queued by then.
+/// Tests run it on their own thread with runUntilIdle().
+///
+/// Running tasks from a second thread throws std::logic_error. A task that throws is logged
+/// and the queue goes on.
+class MainQueue : public std::enable_shared_from_this<MainQueue> {
+ public:
+  using HostPost = std::function<void(std::function<void()> drain)>;
+
+  /// A queue driven by run() or runUntilIdle().
+  MainQueue() = default;
+  /// A queue driven by the host's loop through `post`. The hook is called on the thread
+  /// that calls async(), without any lock of the queue held. When the queue is owned by a
+  /// shared_ptr (as in the environment) a drain that runs after the queue is gone does
+  /// nothing.
+  explicit MainQueue(HostPost post);
+
+  MainQueue(const MainQueue&) = delete;
+  MainQueue& operator=(const MainQueue&) = delete;
+
+  /// Adds a task and returns at once, never running it inline, even on the main thread.
+  /// Thread-safe.
+  void async(std::function<void()> task);
+
+  /// True on the queue's thread (once it has one), inside or outside a task.
+  bool isCurrent() const;
+
+  /// Runs tasks on the calling thread as they come, until stop(). A stop() made before
+  /// run() makes it return at once (and is then used up).
+  void run();
+  /// Makes run() return after the task it is running. Thread-safe.
+  void stop();
+
+  /// Runs, on the calling thread, every task queued and every task those tasks add, then
+  /// returns how many ran. Never waits for tasks from other threads.
+  std::size_t runUntilIdle();
+
+ private:
+  void bindToCurrentThread();
+
+  const HostPost hostPost_;
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::function<void()>> tasks_;
+  std::optional<std::thread::id> thread_;
+  bool stopRequested_ = false;
+};
+
+}  // namespace qvl

@@ -1,0 +1,115 @@
+#pragma once
+// Broadcast notifications by name.
+
+#include <any>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace qvl {
+
+/// One broadcast. The object and user information are type-erased so the system's objects
+/// travel as they stand (a number, a pointer to the posting manager, a dictionary).
+struct Notification {
+  std::string name;
+  std::any object;
+  std::any userInfo;
+  /// Identity of the object, matched by sender filters: the pointer when the object is a
+  /// raw or shared pointer, null otherwise.
+  const void* sender = nullptr;
+};
+
+class NotificationCenter;
+
+/// Keeps one observer registered; destroying or resetting it removes the observer.
+/// Move-only. A token may outlive its centre (removal then does nothing).
+class ObserverToken {
+ public:
+  ObserverToken() = default;
+  ObserverToken(ObserverToken&& other) noexcept;
+  ObserverToken& operator=(ObserverToken&& other) noexcept;
+  ObserverToken(const ObserverToken&) = delete;
+  ObserverToken& operator=(const ObserverToken&) = delete;
+  ~ObserverToken();
+
+  /// Removes the observer now. After it returns the observer is not called again by any
+  /// delivery that reaches it later, including a delivery already in progress on this
+  /// thread; a call running on another thread may still finish.
+  void reset();
+  bool active() const { return id_ != 0; }
+  /// Gives up the token's ownership: the observer stays registered for the centre's life.
+  void release() { id_ = 0; }
+
+ private:
+  friend class NotificationCenter;
+  ObserverToken(std::weak_ptr<NotificationCenter> center, std::uint64_t id)
+      : center_(std::move(center)), id_(id) {}
+  std::weak_ptr<NotificationCenter> center_;
+  std::uint64_t id_ = 0;
+};
+
+/// Observers by name, each with an optional sender filter.
+///
+/// post() runs the matching observers synchronously on the posting thread, in registration
+/// order, over a snapshot taken when the post begins: an observer may add or remove
+/// observers (itself included) while it runs; observers added during a delivery are not
+/// called by it, observers removed during it are not called after their removal. Every
+/// operation is thread-safe. An observer that throws is logged and the delivery goes on.
+class NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
+ public:
+  using Observer = std::function<void(const Notification&)>;
+
+  /// The centre of the environment in force (Env::current().notificationCenter).
+  static NotificationCenter& defaultCenter();
+
+  /// Registers `observer` for notifications named `name` (every name when empty) whose
+  /// sender is `sender` (any sender when null). The centre must be owned by a shared_ptr.
+  [[nodiscard]] ObserverToken addObserver(std::string name, const void* sender, Observer observer);
+
+  void post(Notification notification);
+
+  /// Posts `name` with `object` (its identity as sender when it is a pointer).
+  template <class Object = std::nullptr_t>
+  void post(std::string name, Object object = nullptr, std::any userInfo = {}) {
+    Notification notification{std::move(name), {}, std::move(userInfo), identityOf(object)};
+    if constexpr (!std::is_same_v<Object, std::nullptr_t>) notification.object = std::move(object);
+    post(std::move(notification));
+  }
+
+ private:
+  friend class ObserverToken;
+  struct Entry {
+    std::uint64_t id;
+    std::string name;
+    const void* sender;
+    std::shared_ptr<const Observer> observer;
+  };
+
+  template <class T>
+  static const void* identityOf(const T& object) {
+    if constexpr (std::is_pointer_v<T>) {
+      return static_cast<const void*>(object);
+    } else if constexpr (requires {
+                           object.get();
+                           typename T::element_type;
+                         }) {
+      return static_cast<const void*>(object.get());
+    } else {
+      return nullptr;
+    }
+  }
+
+  void remove(std::uint64_t id);
+  bool isRegistered(std::uint64_t id) const;
+  std::vector<Entry>::const_iterator find(std::uint64_t id) const;
+
+  mutable std::mutex mutex_;
+  std::uint64_t nextId_ = 1;
+  std::vector<Entry> entries_;
+};
+
+}  // namespace qvl

@@ -1,0 +1,113 @@
+#include "quorvel/Platform/Application.h"
+
+#include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/Platform/NotificationCenter.h"
+
+namespace qvl {
+
+Application& Application::shared() { return *Env::current()->application; }
+
+void Application::post(const char* name) { Env::current()->notificationCenter->post(name, this); }
+
+void Application::didBecomeActive() { post(kDidBecomeActiveNotification); }
+
+void Application::didEnterBackground() { post(kDidEnterBackgroundNotification); }
+
+Application::BackgroundTaskId Application::beginBackgroundTask(
+    std::string name, std::function<void()> expirationHandler) {
+  const std::shared_ptr<const Env> env = Env::current();
+  std::unique_lock lock(mutex_);
+  const BackgroundTaskId id = nextTaskId_++;
+  const std::chrono::milliseconds allowance = allowance_;
+  running_[id] = Task{std::move(name), env->clock, 0};
+  lock.unlock();
+  // The timer only hands the expiry to the main queue, where the handler must run.
+  const Clock::TimerId timer =
+      env->clock->runAfter(allowance, [self = weak_from_this(), id, mainQueue = env->mainQueue,
+                                       handler = std::move(expirationHandler)]() mutable {
+        mainQueue->async([self, id, handler = std::move(handler)] {
+          if (auto application = self.lock()) application->expire(id, handler);
+        });
+      });
+  lock.lock();
+  if (auto it = running_.find(id); it != running_.end()) {
+    it->second.timer = timer;
+  } else {
+    lock.unlock();
+    env->clock->cancel(timer);  // ended before its timer was known
+  }
+  return id;
+}
+
+void Application::expire(BackgroundTaskId id, const std::function<void()>& handler) {
+  {
+    std::lock_guard lock(mutex_);
+    if (running_.erase(id) == 0) return;  // ended meanwhile
+  }
+  tasksChanged_.notify_all();
+  if (handler) handler();
+}
+
+void Application::endBackgroundTask(BackgroundTaskId id) {
+  Task task;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = running_.find(id);
+    if (it == running_.end()) return;
+    task = std::move(it->second);
+    running_.erase(it);
+  }
+  tasksChanged_.notify_all();
+  if (task.timer != 0) task.clock->cancel(task.timer);
+}
+
+std::vector<std::string> Application::runningBackgroundTasks() const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& [id, task] : running_) names.push_back(task.name);
+  return names;
+}
+
+std::chrono::milliseconds Application::backgroundTaskAllowance() const {
+  std::lock_guard lock(mutex_);
+  return allowance_;
+}
+
+void Application::setBackgroundTaskAllowance(std::chrono::milliseconds allowance) {
+  std::lock_guard lock(mutex_);
+  allowance_ = allowance;
+}
+
+bool Application::waitForBackgroundTasks(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return tasksChanged_.wait_for(lock, timeout, [this] { return running_.empty(); });
+}
+
+int Application::applicationIconBadgeNumber() const {
+  std::lock_guard lock(mutex_);
+  return badgeNumber_;
+}
+
+void Application::setApplicationIconBadgeNumber(int number) {
+  if (!Env::current()->mainQueue->isCurrent()) {
+    log("QuorvelSDK: the icon badge can only be set on the main queue");
+    return;
+  }
+  std::function<void(int)> hook;
+  {
+    std::lock_guard lock(mutex_);
+    badgeNumber_ = number;
+    hook = badgeHook_;
+  }
+  if (hook) hook(number);
+}
+
+void Application::setBadgeHook(std::function<void(int)> hook) {
+  std::lock_guard lock(mutex_);
+  badgeHook_ = std::move(hook);
+}
+
+}  // namespace qvl

@@ -1,0 +1,93 @@
+#include "quorvel/Platform/Env.h"
+
+#include <mutex>
+
+#include "Platform/Immortal.h"
+#include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/Platform/NotificationCenter.h"
+#include "quorvel/Platform/PinValidator.h"
+
+namespace qvl {
+namespace {
+
+// The process's standard facilities, made once: an environment that leaves a member empty
+// shares these with every other such environment.
+struct Standard {
+  std::shared_ptr<Clock> clock = std::make_shared<SystemClock>();
+  std::shared_ptr<MainQueue> mainQueue = std::make_shared<MainQueue>();
+  std::shared_ptr<const HttpSessionConfiguration> httpSessionConfiguration =
+      std::make_shared<const HttpSessionConfiguration>();
+  std::shared_ptr<NotificationCenter> notificationCenter = std::make_shared<NotificationCenter>();
+  std::shared_ptr<Application> application = std::make_shared<Application>();
+  std::shared_ptr<PinValidator> pinValidator = std::make_shared<PinValidator>();
+  std::once_flag transportOnce;
+  std::shared_ptr<HttpTransport> transport;
+};
+
+struct Current {
+  std::mutex mutex;
+  std::shared_ptr<const Env> env;
+};
+
+std::shared_ptr<const Env> completed(Env env) {
+  Standard& standard = detail::immortal<Standard>();
+  if (!env.clock) env.clock = standard.clock;
+  if (!env.executor) env.executor = threadPoolExecutor();
+  if (!env.mainQueue) env.mainQueue = standard.mainQueue;
+  if (!env.transport) {
+    std::call_once(standard.transportOnce,
+                   [&standard] { standard.transport = makeCurlTransport(); });
+    env.transport = standard.transport;
+  }
+  if (!env.httpSessionConfiguration) {
+    env.httpSessionConfiguration = standard.httpSessionConfiguration;
+  }
+  if (!env.notificationCenter) env.notificationCenter = standard.notificationCenter;
+  if (!env.application) env.application = standard.application;
+  if (!env.pinValidator) env.pinValidator = standard.pinValidator;
+  if (!env.bundleInfo.is_object()) env.bundleInfo = nlohmann::json::object();
+  return std::make_shared<const Env>(std::move(env));
+}
+
+}  // namespace
+
+std::shared_ptr<const Env> Env::current() {
+  Current& current = detail::immortal<Current>();
+  std::lock_guard lock(current.mutex);
+  if (!current.env) current.env = completed(Env{});
+  return current.env;
+}
+
+void Env::install(Env env) {
+  std::shared_ptr<const Env> next = completed(std::move(env));
+  std::shared_ptr<const Env> previous;  // released outside the lock
+  Current& current = detail::immortal<Current>();
+  std::lock_guard lock(current.mutex);
+  previous = std::move(current.env);
+  current.env = std::move(next);
+}
+
+void Env::update(const std::function<void(Env&)>& change) {
+  Current& current = detail::immortal<Current>();
+  std::shared_ptr<const Env> previous;
+  std::lock_guard lock(current.mutex);
+  Env env = current.env ? *current.env : Env{};
+  change(env);
+  previous = std::move(current.env);
+  current.env = completed(std::move(env));
+}
+
+ScopedEnv::ScopedEnv(const std::function<void(Env&)>& change) : previous_(Env::current()) {
+  Env env = *previous_;
+  change(env);
+  Env::install(std::move(env));
+}
+
+ScopedEnv::ScopedEnv(Env env) : previous_(Env::current()) { Env::install(std::move(env)); }
+
+ScopedEnv::~ScopedEnv() { Env::install(*previous_); }
+
+}  // namespace qvl

@@ -1,0 +1,302 @@
+// The application runtime: main queue, notification centre, application, environment.
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/Platform/NotificationCenter.h"
+#include "support/ManualExecutor.h"
+#include "support/RecordingTransport.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+TEST(MainQueueTest, RunsTasksInOrderAlwaysOnTheFirstThreadThatRanThem) {
+  auto queue = std::make_shared<qvl::MainQueue>();
+  std::vector<int> order;
+  std::vector<std::thread::id> threads;
+  // Tasks added from several threads, and by a task itself.
+  for (int i = 0; i < 3; ++i) {
+    std::thread([&, i] {
+      queue->async([&, i] {
+        order.push_back(i);
+        threads.push_back(std::this_thread::get_id());
+      });
+    }).join();
+  }
+  queue->async([&] { queue->async([&] { order.push_back(3); }); });
+
+  std::thread::id runnerId;
+  std::thread runner([&] {
+    runnerId = std::this_thread::get_id();
+    EXPECT_FALSE(queue->isCurrent());
+    queue->runUntilIdle();
+    EXPECT_TRUE(queue->isCurrent());
+  });
+  runner.join();
+  EXPECT_THAT(order, ElementsAre(0, 1, 2, 3));
+  EXPECT_THAT(threads, ElementsAre(runnerId, runnerId, runnerId));
+  EXPECT_FALSE(queue->isCurrent());
+  // Another thread may never run its tasks.
+  queue->async([] {});
+  EXPECT_THROW(queue->runUntilIdle(), std::logic_error);
+}
+
+TEST(MainQueueTest, RunReturnsAfterStopAndNeverRunsATaskInline) {
+  auto queue = std::make_shared<qvl::MainQueue>();
+  std::atomic<int> ran{0};
+  std::thread main([&] { queue->run(); });
+  bool inline_ = true;
+  queue->async([&] {
+    queue->async([&] { ++ran; });
+    inline_ = ran.load() == 1;
+    ++ran;
+    queue->async([&] { queue->stop(); });
+  });
+  main.join();
+  EXPECT_EQ(ran.load(), 2);
+  EXPECT_FALSE(inline_);
+}
+
+// A host with a loop of its own: the hook posts drains into it, and the loop runs them.
+TEST(MainQueueTest, HostLoopRunsTasksThroughTheHook) {
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<std::function<void()>> hostLoop;
+  auto queue = std::make_shared<qvl::MainQueue>([&](std::function<void()> drain) {
+    std::lock_guard lock(mutex);
+    hostLoop.push_back(std::move(drain));
+    wake.notify_one();
+  });
+  std::promise<std::thread::id> ranOn;
+  std::atomic<bool> quit{false};
+  std::thread host([&] {
+    while (!quit) {
+      std::unique_lock lock(mutex);
+      wake.wait_for(lock, 10ms, [&] { return !hostLoop.empty(); });
+      while (!hostLoop.empty()) {
+        auto item = std::move(hostLoop.front());
+        hostLoop.pop_front();
+        lock.unlock();
+        item();
+        lock.lock();
+      }
+    }
+  });
+  queue->async([&] {
+    EXPECT_TRUE(queue->isCurrent());
+    ranOn.set_value(std::this_thread::get_id());
+  });
+  auto future = ranOn.get_future();
+  ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
+  EXPECT_EQ(future.get(), host.get_id());
+  quit = true;
+  host.join();
+}
+
+TEST(ManualClockTest, AdvanceRunsDueTimersInOrderEachAtItsOwnTime) {
+  qvl::ManualClock clock;
+  const qvl::Date start = clock.now();
+  std::vector<std::pair<int, std::chrono::milliseconds>> ran;
+  auto record = [&](int n) {
+    return [&, n] {
+      ran.emplace_back(n,
+                       std::chrono::duration_cast<std::chrono::milliseconds>(clock.now() - start));
+    };
+  };
+  clock.runAfter(2s, record(2));
+  clock.runAfter(1s, [&] {
+    record(1)();
+    clock.runAfter(500ms, record(3));  // added by a timer, due within the same advance
+  });
+  const auto cancelled = clock.runAfter(1500ms, record(9));
+  clock.runAfter(5s, record(5));
+  clock.cancel(cancelled);
+  clock.advance(2s);
+  EXPECT_THAT(ran, ElementsAre(std::pair{1, 1000ms}, std::pair{3, 1500ms}, std::pair{2, 2000ms}));
+  EXPECT_EQ(clock.now() - start, 2s);
+  EXPECT_EQ(clock.pendingTimers(), 1u);
+}
+
+class NotificationCenterTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<qvl::NotificationCenter> center = std::make_shared<qvl::NotificationCenter>();
+  std::vector<std::string> calls;
+};
+
+TEST_F(NotificationCenterTest, DeliversInRegistrationOrderMatchingNameAndSender) {
+  int sender = 0;
+  int other = 0;
+  auto a = center->addObserver("N", nullptr, [&](const auto&) { calls.push_back("any"); });
+  auto b = center->addObserver("N", &sender, [&](const auto&) { calls.push_back("sender"); });
+  auto c =
+      center->addObserver("", nullptr, [&](const auto& n) { calls.push_back("all:" + n.name); });
+  center->post("N", &sender);
+  center->post("N", &other);
+  center->post("M", std::int64_t{4});
+  EXPECT_THAT(calls, ElementsAre("any", "sender", "all:N", "any", "all:N", "all:M"));
+}
+
+TEST_F(NotificationCenterTest, ObjectsTravelAsTheyStand) {
+  std::int64_t received = -1;
+  auto token = center->addObserver("N", nullptr, [&](const qvl::Notification& n) {
+    received = std::any_cast<std::int64_t>(n.object);
+  });
+  center->post("N", std::int64_t{5});
+  EXPECT_EQ(received, 5);
+}
+
+TEST_F(NotificationCenterTest, RemovalDuringDeliveryAndTokenLifetime) {
+  qvl::ObserverToken second;
+  auto first = center->addObserver("N", nullptr, [&](const auto&) {
+    calls.push_back("first");
+    second.reset();  // removed before its turn: not called by this delivery
+    (void)center->addObserver("N", nullptr, [&](const auto&) { calls.push_back("late"); });
+  });
+  second = center->addObserver("N", nullptr, [&](const auto&) { calls.push_back("second"); });
+  center->post("N");
+  EXPECT_THAT(calls, ElementsAre("first"));  // the one added during delivery was not called
+
+  calls.clear();
+  first = qvl::ObserverToken();  // moving a new value in removes the old observer
+  center->post("N");
+  EXPECT_THAT(calls, IsEmpty());
+  {
+    auto scoped = center->addObserver("N", nullptr, [&](const auto&) { calls.push_back("x"); });
+    center->post("N");
+  }
+  center->post("N");
+  EXPECT_THAT(calls, ElementsAre("x"));
+}
+
+// The application's timers and main queue come from the environment: a manual clock and a
+// main queue the test drives.
+class ApplicationTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<qvl::ManualClock> clock = std::make_shared<qvl::ManualClock>();
+  std::shared_ptr<qvl::MainQueue> mainQueue = std::make_shared<qvl::MainQueue>();
+  std::shared_ptr<qvl::Application> app = std::make_shared<qvl::Application>();
+  qvl::ScopedEnv env{[this](qvl::Env& env) {
+    env.clock = clock;
+    env.mainQueue = mainQueue;
+    env.application = app;
+    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
+  }};
+};
+
+TEST_F(ApplicationTest, LifecycleEventsPostTheirNotifications) {
+  std::vector<std::string> names;
+  auto token = qvl::NotificationCenter::defaultCenter().addObserver(
+      "", app.get(), [&](const qvl::Notification& n) { names.push_back(n.name); });
+  app->didBecomeActive();
+  app->didEnterBackground();
+  EXPECT_THAT(names, ElementsAre("UIApplicationDidBecomeActiveNotification",
+                                 "UIApplicationDidEnterBackgroundNotification"));
+}
+
+TEST_F(ApplicationTest, BackgroundTaskExpiresOnTheMainQueueAfterItsAllowance) {
+  std::vector<std::thread::id> expiredOn;
+  const auto expiring =
+      app->beginBackgroundTask("Sync", [&] { expiredOn.push_back(std::this_thread::get_id()); });
+  const auto ended = app->beginBackgroundTask("Other", [&] { ADD_FAILURE() << "ended task"; });
+  app->endBackgroundTask(ended);
+  EXPECT_NE(expiring, qvl::Application::kInvalidBackgroundTask);
+
+  // The test thread is the main thread here.
+  clock->advance(29s);
+  mainQueue->runUntilIdle();
+  EXPECT_THAT(app->runningBackgroundTasks(), ElementsAre("Sync"));
+  clock->advance(1s);
+  EXPECT_THAT(expiredOn, IsEmpty());  // handed to the main queue, not run by the timer
+  EXPECT_EQ(mainQueue->runUntilIdle(), 1u);
+  EXPECT_THAT(expiredOn, ElementsAre(std::this_thread::get_id()));
+  EXPECT_THAT(app->runningBackgroundTasks(), IsEmpty());
+  EXPECT_TRUE(app->waitForBackgroundTasks(0ms));
+}
+
+TEST_F(ApplicationTest, WaitForBackgroundTasksIsBoundedAndWakesWhenTheyEnd) {
+  const auto id = app->beginBackgroundTask("SyncInbox", {});
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(app->waitForBackgroundTasks(50ms));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
+
+  std::thread ender([&] {
+    std::this_thread::sleep_for(20ms);
+    app->endBackgroundTask(id);
+  });
+  EXPECT_TRUE(app->waitForBackgroundTasks(10s));
+  ender.join();
+}
+
+TEST_F(ApplicationTest, BadgeIsSetOnlyOnTheMainQueue) {
+  std::vector<int> shown;  // written on the main thread only
+  app->setBadgeHook([&](int number) { shown.push_back(number); });
+  std::thread main([&] { mainQueue->run(); });
+  std::promise<void> bound;
+  mainQueue->async([&] { bound.set_value(); });
+  bound.get_future().wait();
+
+  app->setApplicationIconBadgeNumber(3);  // from the test thread: refused
+  EXPECT_EQ(app->applicationIconBadgeNumber(), 0);
+  mainQueue->async([&] {
+    app->setApplicationIconBadgeNumber(4);
+    mainQueue->stop();
+  });
+  main.join();
+  EXPECT_EQ(app->applicationIconBadgeNumber(), 4);
+  EXPECT_THAT(shown, ElementsAre(4));
+}
+
+TEST(EnvTest, AScopeSwapsClockTransportAndStoreDirectoryAndRestoresThem) {
+  const auto before = qvl::Env::current();
+  qvl::test::TempDir directory;
+  auto clock = std::make_shared<qvl::ManualClock>();
+  auto transport = std::make_shared<qvl::test::RecordingTransport>();
+  auto executor = std::make_shared<qvl::test::ManualExecutor>();
+  {
+    qvl::ScopedEnv env([&](qvl::Env& env) {
+      env.clock = clock;
+      env.transport = transport;
+      env.executor = executor;
+      env.storeDirectory = directory.path();
+    });
+    EXPECT_EQ(qvl::now(), clock->now());
+    EXPECT_EQ(QVLRealm::storeDirectory(), directory.path());
+
+    std::optional<long> status;
+    auto session = qvl::HttpSession::create({{{"X-Default", "1"}}});
+    session->dataTask({"GET", "https://example.invalid/x", {{"X-Own", "2"}}, ""},
+                      [&](std::string, std::optional<qvl::HttpResponse> response, auto) {
+                        status = response ? response->statusCode : -1;
+                      });
+    EXPECT_FALSE(status);  // the completion waits for its queue's executor
+    executor->runUntilIdle();
+    EXPECT_EQ(status, 200);
+    ASSERT_EQ(transport->requests().size(), 1u);
+    EXPECT_THAT(transport->requests()[0].headers,
+                ElementsAre(std::pair<std::string, std::string>{"X-Default", "1"},
+                            std::pair<std::string, std::string>{"X-Own", "2"}));
+  }
+  const auto after = qvl::Env::current();
+  EXPECT_EQ(after->clock, before->clock);
+  EXPECT_EQ(after->transport, before->transport);
+  EXPECT_EQ(after->storeDirectory, before->storeDirectory);
+}
+
+}  // namespace
