@@ -106,7 +106,11 @@ class SimulatedWorldTest : public ::testing::Test {
 };
 
 TEST_F(SimulatedWorldTest, RangesOnceASecondNearestFirstOnTheMainQueueOnceAuthorized) {
-  play(R"({"at": 0, "beacon": {"id": "far", "uuid": ")" + kUuid.toString() +
+  // "a" (1.1, 5 m) has a weaker measured power: it is heard below "far" (1.3, 12 m) but is
+  // nearer.
+  play(R"({"at": 0, "beacon": {"id": "a", "measuredPower": -70}},
+          {"at": 0, "beacon": {"id": "far", "uuid": ")" +
+       kUuid.toString() +
        R"(", "major": 1, "minor": 3, "x": 12, "y": 0}},
           {"at": 0, "beacon": {"id": "near", "uuid": ")" +
        kUuid.toString() + R"(", "major": 1, "minor": 2, "x": 0.3, "y": 0}},
@@ -133,7 +137,7 @@ TEST_F(SimulatedWorldTest, ReportsRegionCrossingsAsTheSignalsAndPositionsSay) {
   struct Case {
     const char* name;
     std::string steps;
-    Region region;
+    std::vector<Region> regions;
     int seconds;
     Log expected;
   };
@@ -141,37 +145,49 @@ TEST_F(SimulatedWorldTest, ReportsRegionCrossingsAsTheSignalsAndPositionsSay) {
   const Case cases[] = {
       {"entry on the first sighting, exit after the exit period",
        R"({"at": 0, "beacon": {"id": "a", "rssi": -70}}, {"at": 5, "beacon": {"id": "a", "rssi": null}})",
-       BeaconRegion::withMajorMinor(kUuid, 1, 1, "a"),
+       {BeaconRegion::withMajorMinor(kUuid, 1, 1, "a")},
        30,
        {"@1 enter a", "@14 exit a"}},
+      {"one sighting enters every region holding the beacon",
+       "",
+       {BeaconRegion::withMajorMinor(kUuid, 1, 2, "1.2"), BeaconRegion::withMajor(kUuid, 1, "1"),
+        BeaconRegion::withUuid(kUuid, uuidRegion)},
+       1,
+       {"@1 enter 1", "@1 enter uuid"}},
       {"a beacon flickering at the edge does not flap",
        R"({"at": 0, "beacon": {"id": "a", "rssi": -93}}, {"at": 2, "beacon": {"id": "a", "rssi": null}},
           {"at": 3, "beacon": {"id": "a", "rssi": -99}}, {"at": 4, "beacon": {"id": "a", "rssi": null}},
           {"at": 12, "beacon": {"id": "a", "rssi": -98}}, {"at": 13, "beacon": {"id": "a", "rssi": null}},
           {"at": 30, "beacon": {"id": "a", "rssi": -98}}, {"at": 31, "beacon": {"id": "a", "rssi": null}})",
-       BeaconRegion::withUuid(kUuid, uuidRegion),
+       {BeaconRegion::withUuid(kUuid, uuidRegion)},
        40,
        {"@1 enter uuid", "@22 exit uuid"}},
       {"beyond the sensitivity nothing is heard",
        R"({"at": 0, "beacon": {"id": "a", "x": 200, "y": 0}})",
-       BeaconRegion::withUuid(kUuid, uuidRegion),
+       {BeaconRegion::withUuid(kUuid, uuidRegion)},
        5,
        {}},
       {"Bluetooth off: exit after the exit period, entry when it is back",
        R"({"at": 5, "bluetooth": "poweredOff"}, {"at": 20, "bluetooth": "poweredOn"})",
-       BeaconRegion::withUuid(kUuid, uuidRegion),
+       {BeaconRegion::withUuid(kUuid, uuidRegion)},
        25,
        {"@1 enter uuid", "@5 bluetooth 4", "@14 exit uuid", "@20 bluetooth 5", "@20 enter uuid"}},
       {"a walk across a geofence: one entry, one exit",
        R"({"at": 0, "device": {"latitude": 0, "longitude": 0, "accuracy": 8}},
           {"at": 0, "walk": {"latitude": 0, "longitude": 0.001, "seconds": 80}})",
-       fence,
+       {fence},
        100,
        {"@37 enter fence", "@66 exit fence"}},
       {"a region the device is already in is entered",
        R"({"at": 0, "device": {"latitude": 0, "longitude": 0.0005}})",
-       fence,
+       {fence},
        10,
+       {"@6 enter fence"}},
+      {"a coarse fix just outside is within its own uncertainty: no exit",
+       R"({"at": 0, "device": {"latitude": 0, "longitude": 0.0005}},
+          {"at": 10, "device": {"latitude": 0, "longitude": 0.00113, "accuracy": 80}})",
+       {fence},
+       30,
        {"@6 enter fence"}},
   };
   for (const Case& c : cases) {
@@ -179,7 +195,7 @@ TEST_F(SimulatedWorldTest, ReportsRegionCrossingsAsTheSignalsAndPositionsSay) {
     recorder = std::make_shared<Recorder>(clock);
     world = makeWorld();
     for (const Region& region : world->monitoredRegions()) world->stopMonitoring(region);
-    world->startMonitoring(c.region);
+    for (const Region& region : c.regions) world->startMonitoring(region);
     world->requestAlwaysAuthorization();
     play(c.steps);
     queue->runUntilIdle();
