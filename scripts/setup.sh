@@ -3,7 +3,7 @@
 # when everything is present; needs root (or sudo) only when something is missing.
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcurl4-openssl-dev libssl-dev
-  nlohmann-json3-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev)
+  nlohmann-json3-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -13,6 +13,7 @@ case "$mode" in
   tsan) dir=build-tsan; extra=(-DQVL_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug -DQVL_BUILD_BENCH=OFF) ;;
   *) echo "usage: $0 [release|asan|tsan]" >&2; exit 2 ;;
 esac
-cmake -S . -B "$dir" -G Ninja "${extra[@]}" >/dev/null
+# CI sets QVL_WERROR=ON: every warning fails the build.
+cmake -S . -B "$dir" -G Ninja "${extra[@]}" -DQVL_WERROR="${QVL_WERROR:-OFF}" >/dev/null
 cmake --build "$dir" -j "$(nproc)"
 ctest --test-dir "$dir" --output-on-failure -j "$(nproc)"

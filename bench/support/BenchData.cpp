@@ -23,18 +23,25 @@ nlohmann::json postsJson(int count) {
                          {"updated_at", "2019-12-02T10:00:00+0100"}});
     }
     json fields = json::array();
-    fields.push_back({{"id", i * 10}, {"postFieldType_id", 1}, {"order", 0},
+    fields.push_back({{"id", i * 10},
+                      {"postFieldType_id", 1},
+                      {"order", 0},
                       {"content", "Plain text of post " + n},
                       {"created_at", "2019-12-01T10:00:00+0100"},
                       {"updated_at", "2019-12-02T10:00:00+0100"}});
-    fields.push_back({{"id", i * 10 + 1}, {"postFieldType_id", 6}, {"order", 1},
+    fields.push_back({{"id", i * 10 + 1},
+                      {"postFieldType_id", 6},
+                      {"order", 1},
                       {"content", R"({"text":"Coupon","price":"10","redeemable":true})"},
                       {"created_at", "2019-12-01T10:00:00+0100"},
                       {"updated_at", "2019-12-02T10:00:00+0100"}});
-    fields.push_back({{"id", i * 10 + 2}, {"postFieldType_id", 7}, {"order", 2},
-                      {"content", R"({"text":"Open","url":"https://quorvel.example/p/)" + n + "\"}"},
-                      {"created_at", "2019-12-01T10:00:00+0100"},
-                      {"updated_at", "2019-12-02T10:00:00+0100"}});
+    fields.push_back(
+        {{"id", i * 10 + 2},
+         {"postFieldType_id", 7},
+         {"order", 2},
+         {"content", R"({"text":"Open","url":"https://quorvel.example/p/)" + n + "\"}"},
+         {"created_at", "2019-12-01T10:00:00+0100"},
+         {"updated_at", "2019-12-02T10:00:00+0100"}});
     posts.push_back(
         {{"id", i},
          {"name", "Post " + n},

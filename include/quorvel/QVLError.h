@@ -11,7 +11,8 @@
 /// status, user information = the parsed answer body) or, with code 0, a request lacked
 /// an argument. "QVLTransportErrorDomain": no answer came (code = libcurl's code,
 /// user information {"message": text}). "QVLMappingErrorDomain": a record of the answer
-/// had a value of the wrong kind (user information {"errorMessage": text}).
+/// had a value of the wrong kind, or the answer nested JSON deeper than kQVLMaxJSONDepth
+/// (user information {"errorMessage": text}).
 /// "QVLStoreErrorDomain": the answer came but the library's store could not be opened or
 /// written (user information {"errorMessage": text}); nothing was stored.
 struct QVLError {

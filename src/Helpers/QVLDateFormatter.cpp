@@ -63,11 +63,13 @@ std::string QVLDateFormatter::stringFrom(qvl::Date date) const {
   auto dayPoint = floor<days>(secs);
   year_month_day day{dayPoint};
   hh_mm_ss<seconds> time{secs - dayPoint};
+  const int y = static_cast<int>(day.year());
   char buffer[48];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02ld:%02ld:%02ld+0000",
-                static_cast<int>(day.year()), static_cast<unsigned>(day.month()),
-                static_cast<unsigned>(day.day()), static_cast<long>(time.hours().count()),
-                static_cast<long>(time.minutes().count()),
+  std::snprintf(buffer, sizeof buffer,
+                y >= 0 && y <= 9999 ? "%04d-%02u-%02uT%02ld:%02ld:%02ld+0000"
+                                    : "%+05d-%02u-%02uT%02ld:%02ld:%02ld+0000",
+                y, static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()),
+                static_cast<long>(time.hours().count()), static_cast<long>(time.minutes().count()),
                 static_cast<long>(time.seconds().count()));
   return buffer;
 }

@@ -202,8 +202,11 @@ bool QVLApiClient::successfulResponse(const qvl::HttpResponse& response) {
 QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
                                          const std::string& data) {
   QVLError error{kQVLApiClientErrorDomain, response.statusCode, std::nullopt};
-  auto body = nlohmann::json::parse(data, nullptr, false);
-  if (body.is_object() || body.is_array()) error.userInfo = std::move(body);
+  try {
+    auto body = QVLApiModel::parseJSONData(data);
+    if (body.is_object() || body.is_array()) error.userInfo = std::move(body);
+  } catch (const QVLMappingError&) {  // nested too deep: no user information
+  }
   return error;
 }
 

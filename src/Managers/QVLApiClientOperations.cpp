@@ -22,55 +22,44 @@ std::shared_ptr<qvl::Store> openStore() {
   return realm;
 }
 
-std::vector<std::optional<std::int64_t>> keysOf(
-    const std::vector<std::shared_ptr<QVLApiModel>>& records) {
-  std::vector<std::optional<std::int64_t>> keys;
-  keys.reserve(records.size());
-  for (const auto& record : records) keys.push_back(record->primaryKeyValue());
-  return keys;
-}
-
 }  // namespace
 
 // ---- parsing and saving --------------------------------------------------------------------
 
 std::shared_ptr<QVLApiModel> QVLApiClient::parseJSONObjectData(const std::string& data,
                                                                const QVLModelClass& cls) {
-  auto json = nlohmann::json::parse(data, nullptr, false);
+  auto json = QVLApiModel::parseJSONData(data);
   if (!json.is_object()) json = nullptr;  // no dictionary: every key is missing
   return QVLApiModel::newObjectWithJSONDictionary(cls, json);
 }
 
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiClient::parseJSONArrayData(
     const std::string& data, const QVLModelClass& cls) {
-  auto json = nlohmann::json::parse(data, nullptr, false);
-  return QVLApiModel::newObjectsWithJSONArray(cls, json);
+  return QVLApiModel::newObjectsWithJSONArray(cls, QVLApiModel::parseJSONData(data));
 }
 
 std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLApiModel>& record,
                                                       const QVLModelClass& cls) {
   auto realm = openStore();
-  realm->write([&] { realm->addOrUpdate(record); });
-  if (cls.primaryKeyIndex() < 0) return nullptr;
-  return std::static_pointer_cast<QVLApiModel>(realm->object(cls, record->primaryKeyValue()));
+  std::shared_ptr<qvl::Object> saved;
+  realm->write([&] { saved = realm->addOrUpdate(record); });
+  if (cls.primaryKeyIndex() >= 0) saved = realm->object(cls, record->primaryKeyValue());
+  return std::static_pointer_cast<QVLApiModel>(saved);
 }
 
 qvl::AnyResults QVLApiClient::saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
                                           const QVLModelClass& cls) {
   auto realm = openStore();
+  if (records.empty()) {  // results that stay empty
+    if (cls.primaryKeyIndex() < 0) return {};
+    return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), {}));
+  }
+  qvl::AnyResults saved;
   realm->write([&] {
-    realm->addOrUpdateAll(
+    saved = realm->addOrUpdateAll(
         std::vector<std::shared_ptr<qvl::Object>>(records.begin(), records.end()));
   });
-  std::vector<qvl::Value> keys;
-  keys.reserve(records.size());
-  for (const auto& key : keysOf(records)) {
-    if (key)
-      keys.emplace_back(*key);
-    else
-      keys.emplace_back();
-  }
-  return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), std::move(keys)));
+  return saved;
 }
 
 void QVLApiClient::parseAndSaveJSONObjectData(const std::string& data, const QVLModelClass& cls,
@@ -93,6 +82,8 @@ void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLM
   std::optional<QVLError> error;
   try {
     saved = saveObjects(parseJSONArrayData(data, cls), cls);
+  } catch (const QVLMappingError& e) {
+    error = mappingError(e.what());
   } catch (const std::exception& e) {  // any failure while storing still completes once
     error = storeError(e.what());
   }
@@ -115,7 +106,7 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
         std::optional<qvl::AnyResults> saved;
         std::optional<QVLError> error;
         try {
-          auto answer = nlohmann::json::parse(body, nullptr, false);
+          auto answer = QVLApiModel::parseJSONData(body);
           auto records = QVLApiModel::newObjectsWithJSONArray(cls, answer);
           saved = self->saveObjects(records, cls);
           if (removeStale) {
@@ -135,6 +126,8 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
             auto realm = openStore();
             realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
           }
+        } catch (const QVLMappingError& e) {  // the answer nests too deep: nothing stored
+          error = mappingError(e.what());
         } catch (const std::exception& e) {  // any failure while storing still completes once
           saved.reset();
           error = storeError(e.what());

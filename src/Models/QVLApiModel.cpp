@@ -1,8 +1,10 @@
 #include "quorvel/Models/QVLApiModel.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
+#include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Log.h"
@@ -70,6 +72,12 @@ QVLModelClass::Declaration& QVLModelClass::Declaration::property(int index,
   return *this;
 }
 
+QVLModelClass::Declaration& QVLModelClass::Declaration::jsonText(int index,
+                                                                 std::string propertyName) {
+  jsonTextProperties.push_back(propertyName);
+  return property(index, std::move(propertyName), PropertyKind::String);
+}
+
 QVLModelClass::Declaration& QVLModelClass::Declaration::link(int index, std::string propertyName,
                                                              qvl::ObjectClassRef target) {
   checkIndex(*this, index, propertyName);
@@ -101,7 +109,9 @@ QVLModelClass::QVLModelClass(Declaration d)
       mapping_(std::move(d.mapping)),
       relationships_(std::move(d.mappingRelationships)),
       protected_(std::move(d.protectedProperties)),
-      ignored_(std::move(d.ignoredProperties)) {}
+      jsonText_(std::move(d.jsonTextProperties)) {}
+
+QVLModelClass::~QVLModelClass() = default;
 
 const std::string& QVLModelClass::apiResourcePlural() const {
   if (!plural_) {
@@ -152,15 +162,20 @@ std::optional<std::string> QVLModelClass::propertyTypeFromPropertyString(
   }
 }
 
-const QVLModelClass::Compiled& QVLModelClass::compiled() const {
-  std::call_once(compileOnce_, [this] {
-    auto fail = [this](const std::string& what) { throw std::logic_error(name() + ": " + what); };
-    for (const auto& [key, propertyName] : mapping()) {
-      int index = propertyIndex(propertyName);
-      if (index < 0 || !property(index).isScalar()) {
+const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass& cls) {
+  std::call_once(cls.planOnce_, [&cls] {
+    auto fail = [&cls](const std::string& what) {
+      throw std::logic_error(cls.name() + ": " + what);
+    };
+    auto plan = std::make_unique<MappingPlan>();
+    for (const auto& [key, propertyName] : cls.mapping()) {
+      int index = cls.propertyIndex(propertyName);
+      if (index < 0 || !cls.property(index).isScalar()) {
         fail("mapping names '" + propertyName + "', which is not a stored value");
       }
-      Compiled::Field field{{}, key, index};
+      bool holdsJson = std::find(cls.jsonText_.begin(), cls.jsonText_.end(), propertyName) !=
+                       cls.jsonText_.end();
+      MappingPlan::Field field{{}, key, index, holdsJson};
       size_t start = 0;
       while (true) {
         size_t dot = key.find('.', start);
@@ -168,45 +183,90 @@ const QVLModelClass::Compiled& QVLModelClass::compiled() const {
         if (dot == std::string::npos) break;
         start = dot + 1;
       }
-      compiled_.fields.push_back(std::move(field));
+      plan->fields.push_back(std::move(field));
     }
-    if (relationships_) {
-      for (const auto& m : *relationships_) {
+    if (cls.relationships_) {
+      for (const auto& m : *cls.relationships_) {
         if (m.relationType() != QVLRelationTypeToOne && m.relationType() != QVLRelationTypeToMany) {
           continue;
         }
-        int index = propertyIndex(m.classProperty());
+        int index = cls.propertyIndex(m.classProperty());
         PropertyKind want =
             m.relationType() == QVLRelationTypeToOne ? PropertyKind::Link : PropertyKind::List;
-        if (index < 0 || property(index).kind != want) {
+        if (index < 0 || cls.property(index).kind != want) {
           fail("relation '" + m.jsonKey() + "' names '" + m.classProperty() +
                "', which is not a matching relation property");
         }
-        compiled_.relations.push_back(
+        plan->relations.push_back(
             {m.relationType(), m.jsonKey(), m.toOneRelationKey(), index, &m.objectClass()});
       }
     }
-    if (protected_) {
-      for (const auto& propertyName : *protected_) {
-        int index = propertyIndex(propertyName);
+    if (cls.protected_) {
+      for (const auto& propertyName : *cls.protected_) {
+        int index = cls.propertyIndex(propertyName);
         if (index < 0) fail("protected property '" + propertyName + "' does not exist");
-        compiled_.protectedIndexes.push_back(index);
+        plan->protectedIndexes.push_back(index);
       }
     }
+    cls.plan_ = std::move(plan);
   });
-  return compiled_;
+  return *cls.plan_;
 }
 
 // ---- JSON to record --------------------------------------------------------------------
 
 namespace {
 
+// True when arrays and objects in `value` nest more than `limit` levels deep. Walks with
+// an explicit stack and stops at the first path that goes too deep.
+bool nestsDeeperThan(const json& value, int limit) {
+  std::vector<std::pair<const json*, int>> pending{{&value, 1}};
+  while (!pending.empty()) {
+    auto [node, depth] = pending.back();
+    pending.pop_back();
+    if (!node->is_structured()) continue;
+    if (depth > limit) return true;
+    for (const auto& child : *node) {
+      if (child.is_structured()) pending.emplace_back(&child, depth + 1);
+    }
+  }
+  return false;
+}
+
+// Builds the document as nlohmann's own parser does, refusing to open a level beyond the
+// limit; nlohmann's parser keeps its nesting on the heap, so the input cannot recurse.
+class BoundedDomParser : public nlohmann::detail::json_sax_dom_parser<json> {
+ public:
+  BoundedDomParser(json& result, bool allowExceptions)
+      : json_sax_dom_parser(result, allowExceptions) {}
+  bool start_object(std::size_t size) { return enter() && json_sax_dom_parser::start_object(size); }
+  bool end_object() { return leave() && json_sax_dom_parser::end_object(); }
+  bool start_array(std::size_t size) { return enter() && json_sax_dom_parser::start_array(size); }
+  bool end_array() { return leave() && json_sax_dom_parser::end_array(); }
+  bool tooDeep() const { return tooDeep_; }
+
+ private:
+  bool enter() {
+    tooDeep_ = ++depth_ > kQVLMaxJSONDepth;
+    return !tooDeep_;
+  }
+  bool leave() {
+    --depth_;
+    return true;
+  }
+  int depth_ = 0;
+  bool tooDeep_ = false;
+};
+
 [[noreturn]] void reject(const QVLModelClass& cls, const std::string& key, const char* why) {
   throw QVLMappingError(cls.name() + " \"" + key + "\": " + why);
 }
 
-qvl::Value convert(const QVLModelClass& cls, const qvl::Property& p, const std::string& key,
-                   const json& v) {
+using qvl::detail::MappingPlan;
+
+qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, const json& v) {
+  const qvl::Property& p = cls.property(field.property);
+  const std::string& key = field.key;
   if (v.is_null()) {
     if (!p.optional) reject(cls, key, "null for a value that cannot be absent");
     return {};
@@ -250,7 +310,11 @@ qvl::Value convert(const QVLModelClass& cls, const qvl::Property& p, const std::
     case PropertyKind::String:
       if (v.is_string()) return v.get<std::string>();
       // Text properties that keep JSON ("parameters", "limits") may arrive as structures.
-      if (v.is_object() || v.is_array()) return v.dump();
+      // Printing recurses per level, so the depth is checked first, without recursion.
+      if (field.holdsJson && (v.is_object() || v.is_array())) {
+        if (nestsDeeperThan(v, kQVLMaxJSONDepth)) reject(cls, key, "JSON nested too deep");
+        return v.dump();
+      }
       reject(cls, key, "expected text");
     case PropertyKind::Date: {
       if (!v.is_string()) reject(cls, key, "expected date text");
@@ -264,8 +328,7 @@ qvl::Value convert(const QVLModelClass& cls, const qvl::Property& p, const std::
 
 // Follows a dotted key path; nullptr when a member is missing. A null on the way yields
 // that null; any other non-object on the way is input of the wrong kind.
-const json* follow(const QVLModelClass& cls, const json& root,
-                   const QVLModelClass::Compiled::Field& field) {
+const json* follow(const QVLModelClass& cls, const json& root, const MappingPlan::Field& field) {
   const json* current = &root;
   for (const auto& component : field.path) {
     if (current->is_null() && current != &root) return current;
@@ -277,40 +340,61 @@ const json* follow(const QVLModelClass& cls, const json& root,
   return current;
 }
 
+// The stores a parse merges against: the handle given for the record and its to-one
+// relations, the calling thread's default store for the elements of nested lists (opened
+// when first needed).
+class MergeStores {
+ public:
+  explicit MergeStores(std::shared_ptr<qvl::Store> defaultStore)
+      : default_(std::move(defaultStore)), opened_(true) {}
+  MergeStores() = default;
+  qvl::Store* defaultStore() {
+    if (!opened_) {
+      default_ = QVLRealm::realm();
+      opened_ = true;
+    }
+    return default_.get();
+  }
+
+ private:
+  std::shared_ptr<qvl::Store> default_;
+  bool opened_ = false;
+};
+
 std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& dictionary,
-                                   qvl::Store* realm);
+                                   qvl::Store* realm, MergeStores& stores);
 
 std::vector<std::shared_ptr<qvl::Object>> parseList(const QVLModelClass& cls, const json& array,
-                                                    qvl::Store* realm) {
+                                                    MergeStores& stores) {
   std::vector<std::shared_ptr<qvl::Object>> out;
   out.reserve(array.size());
   for (const auto& element : array) {
     if (!element.is_object()) {
       throw QVLMappingError(cls.name() + ": an array element is not an object");
     }
-    out.push_back(parse(cls, element, realm));
+    out.push_back(parse(cls, element, stores.defaultStore(), stores));
   }
   return out;
 }
 
 std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& dictionary,
-                                   qvl::Store* realm) {
-  const auto& compiled = cls.compiled();
+                                   qvl::Store* realm, MergeStores& stores) {
+  const auto& plan = qvl::detail::mappingPlan(cls);
   static const json kEmpty = json::object();
   const json& J = dictionary.is_null() ? kEmpty : dictionary;
   if (!J.is_object()) throw QVLMappingError(cls.name() + ": the record is not a JSON object");
 
   auto record = std::static_pointer_cast<QVLApiModel>(cls.makeObject());
   std::vector<int> missing;
-  for (const auto& field : compiled.fields) {
+  for (const auto& field : plan.fields) {
     const json* v = follow(cls, J, field);
     if (!v) {
       missing.push_back(field.property);
       continue;
     }
-    record->setValue(field.property, convert(cls, cls.property(field.property), field.key, *v));
+    record->setValue(field.property, convert(cls, field, *v));
   }
-  for (const auto& relation : compiled.relations) {
+  for (const auto& relation : plan.relations) {
     auto it = J.find(relation.jsonKey);
     if (it == J.end()) {
       missing.push_back(relation.property);
@@ -318,23 +402,26 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& diction
     }
     if (relation.type == QVLRelationTypeToOne) {
       if (!it->is_object()) reject(cls, relation.jsonKey, "a to-one relation must be an object");
-      record->setLink(relation.property, parse(*relation.target, *it, realm));
+      record->setLink(relation.property, parse(*relation.target, *it, realm, stores));
     } else {
       if (!it->is_array()) reject(cls, relation.jsonKey, "a to-many relation must be an array");
       if (!it->empty()) {
-        record->list(relation.property).assign(parseList(*relation.target, *it, realm));
+        record->list(relation.property).assign(parseList(*relation.target, *it, stores));
       }
     }
   }
 
-  if (realm && (!missing.empty() || !compiled.protectedIndexes.empty())) {
-    auto key = record->primaryKeyValue();
-    if (key) {
-      if (auto twin = realm->object(cls, key)) {
-        for (int index : missing) record->copyProperty(*twin, index);
-        for (int index : compiled.protectedIndexes) record->copyProperty(*twin, index);
-      }
-    }
+  auto key = record->primaryKeyValue();
+  if (!key) return record;  // no stored twin to merge with
+  std::shared_ptr<qvl::Object> twin;
+  if (realm && realm->hasClass(cls)) twin = realm->object(cls, key);
+  for (int index : missing) {
+    if (twin) record->copyProperty(*twin, index);
+    record->keepStoredValue(index);
+  }
+  for (int index : plan.protectedIndexes) {
+    if (twin) record->copyProperty(*twin, index);
+    record->keepStoredValue(index);
   }
   return record;
 }
@@ -350,19 +437,20 @@ const QVLModelClass& QVLApiModel::modelClass() {
 std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary,
                                                                       qvl::Store* realm) {
-  return parse(cls, dictionary, realm);
+  MergeStores stores;
+  return parse(cls, dictionary, realm, stores);
 }
 
 std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary) {
-  cls.compiled();  // a class without a mapping raises before the store is opened
-  auto realm = QVLRealm::realm();
-  return parse(cls, dictionary, realm.get());
+  qvl::detail::mappingPlan(cls);  // a class without a mapping raises before the store opens
+  MergeStores stores(QVLRealm::realm());
+  return parse(cls, dictionary, stores.defaultStore(), stores);
 }
 
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     const QVLModelClass& cls, const json& array, std::vector<QVLError>* rejected) {
-  cls.compiled();
+  qvl::detail::mappingPlan(cls);
   auto realm = QVLRealm::realm();
   return newObjectsWithJSONArray(cls, array, realm.get(), rejected);
 }
@@ -373,12 +461,13 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
   std::vector<std::shared_ptr<QVLApiModel>> out;
   if (!array.is_array()) return out;
   out.reserve(array.size());
+  MergeStores stores;
   for (const auto& element : array) {
     try {
       if (!element.is_object()) {
         throw QVLMappingError(cls.name() + ": an array element is not an object");
       }
-      out.push_back(parse(cls, element, realm));
+      out.push_back(parse(cls, element, realm, stores));
     } catch (const QVLMappingError& e) {
       qvl::log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
       if (rejected) {
@@ -389,13 +478,24 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
   return out;
 }
 
+json QVLApiModel::parseJSONData(std::string_view data, bool allowExceptions) {
+  json result;
+  BoundedDomParser parser(result, allowExceptions);
+  if (json::sax_parse(data, &parser, json::input_format_t::json, true)) return result;
+  if (parser.tooDeep()) {
+    throw QVLMappingError("the JSON nests arrays and objects deeper than " +
+                          std::to_string(kQVLMaxJSONDepth) + " levels");
+  }
+  return json(json::value_t::discarded);
+}
+
 // ---- record to JSON --------------------------------------------------------------------
 
 nlohmann::json QVLApiModel::toDictionary() const {
   const QVLModelClass& cls = apiModelClass();
-  const auto& compiled = cls.compiled();
+  const auto& plan = qvl::detail::mappingPlan(cls);
   json out = json::object();
-  for (const auto& field : compiled.fields) {
+  for (const auto& field : plan.fields) {
     qvl::Value v = value(field.property);
     if (auto* i = std::get_if<std::int64_t>(&v))
       out[field.key] = *i;
@@ -408,7 +508,7 @@ nlohmann::json QVLApiModel::toDictionary() const {
     else if (auto* t = std::get_if<qvl::Date>(&v))
       out[field.key] = QVLDateFormatter::formattedStringFromDate(*t);
   }
-  for (const auto& relation : compiled.relations) {
+  for (const auto& relation : plan.relations) {
     if (relation.type != QVLRelationTypeToOne || !relation.toOneRelationKey) continue;
     auto target = link(relation.property);
     if (!target) continue;

@@ -40,7 +40,6 @@ const QVLModelClass& QVLBeacon::modelClass() {
     d.mappingRelationships = {{
         QVLRelationshipMapping::newToManyRelationWithKey("posts", &QVLPost::modelClass),
     }};
-    d.ignoredProperties = {"_uuid"};
     return QVLModelClass(std::move(d));
   }();
   return cls;

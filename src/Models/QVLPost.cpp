@@ -16,7 +16,7 @@ const QVLModelClass& QVLPost::modelClass() {
         .list(kPostFields, "postFields", &qvlObjectClassOf<QVLPostField>)
         .link(kThumbnail, "thumbnail", &qvlObjectClassOf<QVLMedia>)
         .property(kCollectible, "collectible", PropertyKind::Bool)
-        .property(kParametersJSON, "parametersJSON", PropertyKind::String)
+        .jsonText(kParametersJSON, "parametersJSON")
         .linkingObjects(kBeacons, "beacons", &qvlObjectClassOf<QVLBeacon>, "posts")
         .linkingObjects(kAudiences, "audiences", &qvlObjectClassOf<QVLAudience>, "posts")
         .property(kCreatedAt, "createdAt", PropertyKind::Date)

@@ -16,7 +16,7 @@ const QVLModelClass& QVLPrize::modelClass() {
         .property(kUserCanRedeem, "userCanRedeem", PropertyKind::Bool)
         .property(kErrorMessage, "errorMessage", PropertyKind::String)
         .property(kInfoMessage, "infoMessage", PropertyKind::String)
-        .property(kLimits, "limits", PropertyKind::String)
+        .jsonText(kLimits, "limits")
         .property(kExclusiveLeft, "exclusiveLeft", PropertyKind::Int)
         .property(kExclusiveNextRedemption, "exclusiveNextRedemption", PropertyKind::Date)
         .property(kCreatedAt, "createdAt", PropertyKind::Date)

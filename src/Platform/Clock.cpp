@@ -62,7 +62,9 @@ class TimerThread {
 
 Date now() { return Env::current()->clock->now(); }
 
-Date SystemClock::now() { return std::chrono::system_clock::now(); }
+Date SystemClock::now() {
+  return std::chrono::floor<Date::duration>(std::chrono::system_clock::now());
+}
 
 Clock::TimerId SystemClock::runAfter(std::chrono::milliseconds delay, std::function<void()> task) {
   return detail::immortal<TimerThread>().add(std::chrono::steady_clock::now() + delay,

@@ -9,7 +9,9 @@
 #include <strings.h>
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <thread>
@@ -47,6 +49,8 @@ std::string trim(std::string_view text) {
   const size_t end = text.find_last_not_of(" \t\r\n");
   return std::string(text.substr(begin, end - begin + 1));
 }
+
+using SteadyClock = std::chrono::steady_clock;
 
 QVLError transportError(CURLcode code, std::string message) {
   return QVLError{kQVLTransportErrorDomain, static_cast<long long>(code),
@@ -89,10 +93,12 @@ class HttpTransfer {
     parseHostAndPort();
 
     const HttpSessionConfiguration& config = session_->configuration();
-    const long long idleMs = std::max<long long>(1, config.timeoutIntervalForRequest.count());
-    const long idleSeconds = static_cast<long>((idleMs + 999) / 1000);
+    idleLimit_ = std::max(std::chrono::milliseconds(1), config.timeoutIntervalForRequest);
+    const long long idleMs = idleLimit_.count();
     const long long resourceMs =
         std::clamp<long long>(config.timeoutIntervalForResource.count(), 1, 0x7fffffff);
+    maximumResponseBytes_ = config.maximumResponseBytes;
+    maximumDecodedBytes_ = config.maximumDecodedBytes;
 
     CURL* e = easy_;
     curl_easy_setopt(e, CURLOPT_URL, request_.url.c_str());
@@ -106,10 +112,17 @@ class HttpTransfer {
     curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &HttpTransfer::onHeader);
     curl_easy_setopt(e, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(e, CURLOPT_HTTPHEADER, headerList_);
-    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(idleMs, resourceMs)));
-    curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, idleSeconds);
+    // The network loop measures idleness (failIdleTransfers); libcurl enforces the overall
+    // limit, and rejects an answer whose declared length is over the cap before it arrives.
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::min({idleMs, resourceMs, 0x7fffffffLL})));
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceMs));
+    curl_easy_setopt(
+        e, CURLOPT_MAXFILESIZE_LARGE,
+        static_cast<curl_off_t>(std::min<std::size_t>(maximumResponseBytes_, INT64_MAX)));
+    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &HttpTransfer::onProgress);
+    curl_easy_setopt(e, CURLOPT_XFERINFODATA, this);
     // Each task gets a fresh connection and a full handshake, so a connection or TLS session
     // accepted under one session's trust decision is never used by another session.
     curl_easy_setopt(e, CURLOPT_FORBID_REUSE, 1L);
@@ -139,6 +152,10 @@ class HttpTransfer {
 
   // Hands the outcome of a finished transfer to the session's callback queue.
   void complete(CURLcode result) {
+    if (failure_) {  // a limit of ours stopped the transfer; libcurl's code says less
+      deliver({}, std::nullopt, std::move(failure_));
+      return;
+    }
     if (result != CURLE_OK) {
       std::string message = trim(errorBuffer_);
       if (message.empty()) message = curl_easy_strerror(result);
@@ -152,6 +169,17 @@ class HttpTransfer {
     response.url = effectiveUrl ? effectiveUrl : request_.url;
     response.headers = std::move(responseHeaders_);
     deliver(std::move(body_), std::move(response), std::nullopt);
+  }
+
+  // Starts the idle clock; called when the network loop takes the transfer up.
+  void started(SteadyClock::time_point now) { lastActivity_ = now; }
+  // How long until the idle limit is reached (zero or less: reached).
+  SteadyClock::duration idleTimeLeft(SteadyClock::time_point now) const {
+    return lastActivity_ + idleLimit_ - now;
+  }
+  void failIdle() {
+    failure_ = transportError(CURLE_OPERATION_TIMEDOUT,
+                              "no byte moved for " + std::to_string(idleLimit_.count()) + " ms");
   }
 
   void deliver(std::string body, std::optional<HttpResponse> response,
@@ -205,14 +233,47 @@ class HttpTransfer {
     curl_url_cleanup(url);
   }
 
+  void failOverLimit(const char* what, std::size_t limit) {
+    failure_ = transportError(CURLE_FILESIZE_EXCEEDED,
+                              std::string(what) + " exceeds " + std::to_string(limit) + " bytes");
+  }
+
+  // Called by libcurl at least once a second and whenever bytes move. Request and answer
+  // bytes count as activity; TLS handshake bytes do not (the connect limit covers them).
+  static int onProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t,
+                        curl_off_t uploaded) {
+    auto* self = static_cast<HttpTransfer*>(user);
+    if (downloaded != self->downloaded_ || uploaded != self->uploaded_) {
+      self->downloaded_ = downloaded;
+      self->uploaded_ = uploaded;
+      self->lastActivity_ = SteadyClock::now();
+    }
+    if (static_cast<std::size_t>(downloaded) + self->headerBytes_ > self->maximumResponseBytes_) {
+      self->failOverLimit("the answer", self->maximumResponseBytes_);
+      return 1;
+    }
+    return 0;
+  }
+
   static size_t onBody(char* data, size_t size, size_t count, void* user) {
     auto* self = static_cast<HttpTransfer*>(user);
+    self->lastActivity_ = SteadyClock::now();
+    if (size * count > self->maximumDecodedBytes_ - self->body_.size()) {
+      self->failOverLimit("the decoded answer", self->maximumDecodedBytes_);
+      return 0;  // stops the transfer
+    }
     self->body_.append(data, size * count);
     return size * count;
   }
 
   static size_t onHeader(char* data, size_t size, size_t count, void* user) {
     auto* self = static_cast<HttpTransfer*>(user);
+    self->lastActivity_ = SteadyClock::now();
+    self->headerBytes_ += size * count;
+    if (self->headerBytes_ > self->maximumResponseBytes_) {
+      self->failOverLimit("the answer", self->maximumResponseBytes_);
+      return 0;
+    }
     const std::string_view line(data, size * count);
     if (line.rfind("HTTP/", 0) == 0) {
       self->responseHeaders_.clear();  // a new (possibly final after 1xx) response begins
@@ -282,6 +343,15 @@ class HttpTransfer {
   std::string body_;
   HttpHeaders responseHeaders_;
   char errorBuffer_[CURL_ERROR_SIZE];
+  // Limits, and what the transfer used of them; touched on the network thread only.
+  std::chrono::milliseconds idleLimit_{1};
+  std::size_t maximumResponseBytes_ = 0;
+  std::size_t maximumDecodedBytes_ = 0;
+  SteadyClock::time_point lastActivity_;
+  curl_off_t downloaded_ = 0;
+  curl_off_t uploaded_ = 0;
+  std::size_t headerBytes_ = 0;
+  std::optional<QVLError> failure_;
 };
 
 // The process-wide libcurl multi loop: one thread adds new transfers, drives all of them
@@ -331,6 +401,7 @@ class NetworkLoop {
           transfer->complete(CURLE_FAILED_INIT);
           continue;
         }
+        transfer->started(SteadyClock::now());
         active_.emplace(easy, std::move(transfer));
       }
 
@@ -348,7 +419,7 @@ class NetworkLoop {
         curl_multi_remove_handle(multi_, easy);
         transfer->complete(result);
       }
-      curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+      curl_multi_poll(multi_, nullptr, 0, failIdleTransfers(), nullptr);
     }
 
     // Shutting down: abandon what is left.
@@ -363,6 +434,27 @@ class NetworkLoop {
       exited_ = true;
     }
     exitedSignal_.notify_all();
+  }
+
+  // Ends the transfers in which no byte moved for their idle limit; returns how long the
+  // loop may wait (milliseconds) before the next one could reach its limit.
+  int failIdleTransfers() {
+    const SteadyClock::time_point now = SteadyClock::now();
+    auto wait = std::chrono::milliseconds(1000);
+    for (auto it = active_.begin(); it != active_.end();) {
+      const auto left = it->second->idleTimeLeft(now);
+      if (left > SteadyClock::duration::zero()) {
+        wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(left));
+        ++it;
+        continue;
+      }
+      std::unique_ptr<HttpTransfer> transfer = std::move(it->second);
+      curl_multi_remove_handle(multi_, it->first);
+      it = active_.erase(it);
+      transfer->failIdle();
+      transfer->complete(CURLE_OPERATION_TIMEDOUT);
+    }
+    return static_cast<int>(wait.count());
   }
 
   // The wait is bounded so that a stuck delegate cannot hold the process at exit.

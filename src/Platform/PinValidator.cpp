@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <ctime>
+#include <map>
+#include <mutex>
 
 #include <nlohmann/json.hpp>
 
@@ -85,34 +88,40 @@ std::string utcTimestamp() {
 
 }  // namespace
 
-PinValidator::PinValidator() = default;
+struct PinValidator::State {
+  std::mutex mutex;
+  std::shared_ptr<const PinningConfiguration> configuration;
+  std::map<std::string, std::chrono::steady_clock::time_point> sentReports;
+};
+
+PinValidator::PinValidator() : state_(std::make_unique<State>()) {}
 PinValidator::~PinValidator() = default;
 
 PinValidator& PinValidator::shared() { return *Env::current()->pinValidator; }
 
 void PinValidator::configure(PinningConfiguration configuration) {
   auto next = std::make_shared<const PinningConfiguration>(std::move(configuration));
-  std::lock_guard lock(mutex_);
-  configuration_ = std::move(next);
+  std::lock_guard lock(state_->mutex);
+  state_->configuration = std::move(next);
 }
 
 bool PinValidator::isConfigured() const {
-  std::lock_guard lock(mutex_);
-  return configuration_ != nullptr;
+  std::lock_guard lock(state_->mutex);
+  return state_->configuration != nullptr;
 }
 
 std::optional<PinningConfiguration> PinValidator::configuration() const {
-  std::lock_guard lock(mutex_);
-  if (!configuration_) return std::nullopt;
-  return *configuration_;
+  std::lock_guard lock(state_->mutex);
+  if (!state_->configuration) return std::nullopt;
+  return *state_->configuration;
 }
 
 bool PinValidator::handleChallenge(const ServerTrustChallenge& challenge,
                                    TrustDisposition* disposition) {
   std::shared_ptr<const PinningConfiguration> configuration;
   {
-    std::lock_guard lock(mutex_);
-    configuration = configuration_;
+    std::lock_guard lock(state_->mutex);
+    configuration = state_->configuration;
   }
   if (!configuration) return false;
   const PinnedDomainConfiguration* domain = findDomain(*configuration, challenge.host);
@@ -141,11 +150,11 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   std::string key = normalizedHost(challenge.host) + "\n" + std::to_string(challenge.port);
   for (const auto& pin : chainPins) key += "\n" + pin;
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(state_->mutex);
     const auto now = std::chrono::steady_clock::now();
-    std::erase_if(sentReports_,
+    std::erase_if(state_->sentReports,
                   [&](const auto& entry) { return now - entry.second >= kReportInterval; });
-    if (!sentReports_.emplace(std::move(key), now).second) return;
+    if (!state_->sentReports.emplace(std::move(key), now).second) return;
   }
 
   nlohmann::json report = nlohmann::json::object();
@@ -207,8 +216,8 @@ std::string PinValidator::publicKeyHash(const std::string& certificateDer) {
 }
 
 void PinValidator::resetReportCacheForTesting() {
-  std::lock_guard lock(mutex_);
-  sentReports_.clear();
+  std::lock_guard lock(state_->mutex);
+  state_->sentReports.clear();
 }
 
 }  // namespace qvl

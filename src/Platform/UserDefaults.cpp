@@ -2,18 +2,23 @@
 
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "Platform/Base64.h"
+#include "Platform/Immortal.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -67,6 +72,44 @@ bool writeAll(int fd, const std::string& text) {
   return true;
 }
 
+// Temporary files of a save are "<file name>.tmp-" plus mkostemp's six letters or digits.
+constexpr std::string_view kTemporarySuffix = ".tmp-";
+constexpr size_t kTemporaryRandomLength = 6;
+
+bool isTemporaryFileOf(const std::string& name, const std::string& fileName) {
+  if (name.size() != fileName.size() + kTemporarySuffix.size() + kTemporaryRandomLength ||
+      name.compare(0, fileName.size(), fileName) != 0 ||
+      name.compare(fileName.size(), kTemporarySuffix.size(), kTemporarySuffix) != 0) {
+    return false;
+  }
+  return std::all_of(name.end() - kTemporaryRandomLength, name.end(),
+                     [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
+// Removes what a save that crashed before its rename left beside `path`: our own temporary
+// files only (regular, owned by this user, in that directory). A save in progress holds a
+// lock on its temporary file, so it is left alone.
+void removeStaleTemporaryFiles(const std::string& path) {
+  const std::filesystem::path target(path);
+  std::filesystem::path dir = target.parent_path();
+  if (dir.empty()) dir = ".";
+  const std::string fileName = target.filename().string();
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(dir, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string name = it->path().filename().string();
+    if (!isTemporaryFileOf(name, fileName)) continue;
+    const int fd = ::open(it->path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) continue;
+    struct stat info {};
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
+        ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+      ::unlink(it->path().c_str());
+    }
+    ::close(fd);
+  }
+}
+
 // Replaces the file at `path` with `text` so that readers never see a partial file.
 bool replaceFile(const std::string& path, const std::string& text, std::string* error) {
   const std::filesystem::path target(path);
@@ -74,12 +117,13 @@ bool replaceFile(const std::string& path, const std::string& text, std::string* 
   if (dir.empty()) dir = ".";
   if (!makeDirectories(dir, error)) return false;
 
-  std::string temp = path + ".tmp-XXXXXX";
+  std::string temp = path + std::string(kTemporarySuffix) + "XXXXXX";
   const int fd = ::mkostemp(temp.data(), O_CLOEXEC);  // created with mode 0600
   if (fd < 0) {
     *error = "cannot create a file in " + dir.string() + ": " + errnoText(errno);
     return false;
   }
+  ::flock(fd, LOCK_EX);  // marks the file as in use until it is closed
   auto fail = [&](const std::string& what) {
     *error = what + " " + temp + ": " + errnoText(errno);
     ::close(fd);
@@ -124,10 +168,13 @@ UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) {}
 
 UserDefaults& UserDefaults::standard() {
   // Never destroyed: completions on worker threads may still use it while the process exits.
-  static UserDefaults* instance = new UserDefaults(std::string());
+  struct Standard {
+    UserDefaults defaults{std::string()};
+  };
+  UserDefaults& instance = detail::immortal<Standard>().defaults;
   std::string path = Env::current()->userDefaultsPath;
-  instance->resetPath(path.empty() ? defaultStandardPath() : std::move(path));
-  return *instance;
+  instance.resetPath(path.empty() ? defaultStandardPath() : std::move(path));
+  return instance;
 }
 
 std::string UserDefaults::defaultStandardPath() {
@@ -202,6 +249,7 @@ void UserDefaults::loadLocked() {
   if (loaded_) return;
   loaded_ = true;
   if (path_.empty()) path_ = defaultStandardPath();
+  removeStaleTemporaryFiles(path_);
 
   const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {

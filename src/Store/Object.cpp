@@ -155,7 +155,9 @@ void Object::setValue(int index, Value value) {
     use.step();
     ++impl.changeCounter;
   }
-  slots_[static_cast<size_t>(index)].value = std::move(value);
+  Slot& slot = slots_[static_cast<size_t>(index)];
+  slot.value = std::move(value);
+  slot.keepStored = false;
 }
 
 std::shared_ptr<Object> Object::link(int index) const {
@@ -200,6 +202,25 @@ void Object::setLink(int index, std::shared_ptr<Object> target) {
     return;
   }
   slot.link = std::move(target);
+  slot.keepStored = false;
+}
+
+void Object::keepStoredValue(int index) {
+  const Property& p = checkedProperty(index);
+  if (store_) throw std::logic_error(class_->name() + "." + p.name + ": the record is stored");
+  if (p.kind == PropertyKind::LinkingObjects) return;
+  slots_[static_cast<size_t>(index)].keepStored = true;
+}
+
+bool Object::keepsStoredValue(int index) const {
+  checkedProperty(index);
+  return slots_[static_cast<size_t>(index)].keepStored;
+}
+
+std::vector<std::shared_ptr<Object>>& Object::changedList(int index) {
+  Slot& slot = slots_[static_cast<size_t>(index)];
+  slot.keepStored = false;
+  return slot.list;
 }
 
 AnyList Object::list(int index) { return AnyList(shared_from_this(), index); }

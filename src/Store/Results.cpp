@@ -115,6 +115,11 @@ void AnyResults::refreshRows() const {
       order = "l.position";
       break;
     }
+    case Scope::Kind::Rows:
+      sql += info.table + " t";
+      where.push_back("t._rowid IN (SELECT value FROM json_each(?))");
+      bindings.emplace_back(scope_.rows);
+      break;
     case Scope::Kind::Inverse: {
       const ClassInfo& origin = impl.info(*scope_.otherClass);
       const auto& list = origin.lists[static_cast<size_t>(origin.listOfProperty[scope_.listIndex])];
@@ -124,7 +129,7 @@ void AnyResults::refreshRows() const {
       break;
     }
   }
-  for (const auto& clause : predicate_.clauses()) {
+  for (const auto& clause : predicate_.clauses_) {
     std::string column = "t." + quoteIdentifier(clause.key);
     switch (clause.op) {
       case Predicate::Op::NotNull:
@@ -233,7 +238,7 @@ const ObjectClass& AnyList::objectClass() const {
 
 namespace {
 
-const ClassInfo::ListInfo& listInfo(Store::Impl& impl, const Object& owner, int index) {
+const ClassInfo::ListInfo& listInfo(detail::StoreImpl& impl, const Object& owner, int index) {
   const ClassInfo& info = impl.info(owner.objectClass());
   return info.lists[static_cast<size_t>(info.listOfProperty[static_cast<size_t>(index)])];
 }
@@ -303,7 +308,7 @@ void checkElement(const AnyList& list, const std::shared_ptr<Object>& element) {
 void AnyList::append(const std::shared_ptr<Object>& element) {
   checkElement(*this, element);
   if (!owner_->isManaged()) {
-    owner_->slots_[static_cast<size_t>(index_)].list.push_back(element);
+    owner_->changedList(index_).push_back(element);
     return;
   }
   Store& store = *owner_->store();
@@ -329,7 +334,7 @@ void AnyList::insert(std::size_t index, const std::shared_ptr<Object>& element) 
   checkElement(*this, element);
   if (index > size()) throw std::out_of_range("list insert past the end");
   if (!owner_->isManaged()) {
-    auto& list = owner_->slots_[static_cast<size_t>(index_)].list;
+    auto& list = owner_->changedList(index_);
     list.insert(list.begin() + static_cast<std::ptrdiff_t>(index), element);
     return;
   }
@@ -344,7 +349,7 @@ void AnyList::insert(std::size_t index, const std::shared_ptr<Object>& element) 
 
 void AnyList::remove(std::size_t index) {
   if (!owner_->isManaged()) {
-    auto& list = owner_->slots_[static_cast<size_t>(index_)].list;
+    auto& list = owner_->changedList(index_);
     if (index >= list.size()) throw std::out_of_range("list remove past the end");
     list.erase(list.begin() + static_cast<std::ptrdiff_t>(index));
     return;
@@ -363,7 +368,7 @@ void AnyList::removeAll() { assign({}); }
 void AnyList::assign(const std::vector<std::shared_ptr<Object>>& elements) {
   for (const auto& element : elements) checkElement(*this, element);
   if (!owner_->isManaged()) {
-    owner_->slots_[static_cast<size_t>(index_)].list = elements;
+    owner_->changedList(index_) = elements;
     return;
   }
   Store& store = *owner_->store();

@@ -9,11 +9,28 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "quorvel/Store/Store.h"
 
 namespace qvl {
+
+// ---- owned SQLite handles -----------------------------------------------------------
+
+struct ConnectionCloser {
+  void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+struct StatementFinalizer {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
+using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+
+/// Prepares sql on db; throws StoreError with the engine's message when it does not.
+Statement prepare(sqlite3* db, const std::string& sql, unsigned flags = 0);
+/// Runs sql (one or more statements without results); throws StoreError.
+void execute(sqlite3* db, const std::string& sql);
 
 /// A prepared statement, reset and unbound when the use ends so that no read
 /// transaction stays open between calls.
@@ -66,15 +83,35 @@ struct ClassInfo {
 };
 
 std::string quoteIdentifier(const std::string& name);
+std::string join(const std::vector<std::string>& parts, const char* separator);
 std::int64_t dateToStored(Date date);
 Date storedToDate(std::int64_t stored);
 
-struct Store::Impl {
-  sqlite3* db = nullptr;
-  std::unordered_map<const void*, sqlite3_stmt*> statements;
+// ---- schema (StoreSchema.cpp) --------------------------------------------------------
+
+bool tableExists(sqlite3* db, const std::string& name);
+std::unordered_set<std::string> columnsOf(sqlite3* db, const std::string& table);
+/// Creates what the classes need and the file lacks: tables, columns, key indexes, list
+/// tables.
+void ensureSchema(sqlite3* db, const std::vector<const ClassInfo*>& infos);
+/// In one transaction: checks the file's version, runs the configuration's migration for an
+/// older file, ensures the schema and records the version. Throws StoreError.
+void upgradeFile(sqlite3* db, const StoreConfiguration& configuration,
+                 const std::vector<const ClassInfo*>& infos);
+
+namespace detail {
+
+struct StoreImpl {
+  Connection db;  // first member: closed after every statement is finalised
+  std::unordered_map<const void*, Statement> statements;
+  // Statements of results queries, keyed by their text.
+  std::unordered_map<std::string, Statement> queries;
+  // Statements that keep some columns, keyed by kind, table and kept columns.
+  std::unordered_map<std::string, sqlite3_stmt*> keepingStatements;
   // Classes of this file by descriptor and by name.
   std::unordered_map<const ObjectClass*, const ClassInfo*> classes;
   std::unordered_map<std::string, const ClassInfo*> classesByName;
+  std::vector<const ObjectClass*> classList;  // as configured, to recognise the same schema
   // For each class name: the lists and link columns of other classes that point at it.
   struct Incoming {
     std::vector<const ClassInfo::ListInfo*> lists;
@@ -84,12 +121,12 @@ struct Store::Impl {
   std::uint64_t changeCounter = 1;
   int lastDataVersion = -1;
 
-  ~Impl();
   /// The statement for sql, prepared once per handle. `sql` must outlive the handle
   /// (class SQL lives for the process; query SQL is interned by the caller).
   sqlite3_stmt* statement(const std::string& sql);
-  void exec(const char* sql);
-  [[noreturn]] void fail(const std::string& what) const;
+  /// The statement for sql, prepared once per handle and cached by its text.
+  sqlite3_stmt* queryStatement(const std::string& sql);
+  void exec(const char* sql) { execute(db.get(), sql); }
 
   const ClassInfo& info(const ObjectClass& objectClass) const;
   std::shared_ptr<Object> load(Store& store, const ClassInfo& info, std::int64_t row);
@@ -99,19 +136,25 @@ struct Store::Impl {
                  const std::vector<std::int64_t>& rows);
   void bindValue(StatementUse& use, int position, const Property& property, const Value& value);
   std::int64_t rowForKey(const ClassInfo& info, std::optional<std::int64_t> key);
+  /// UPDATE of a row's columns except those marked '1' in keptColumns (one character per
+  /// column); nullptr when no column is left to write.
+  sqlite3_stmt* updateStatement(const ClassInfo& info, const std::string& keptColumns);
+  /// INSERT of every column that, for a stored key, updates only the columns not marked
+  /// '1' in keptColumns; returns the row id.
+  sqlite3_stmt* upsertStatement(const ClassInfo& info, const std::string& keptColumns);
+  /// The rows (a JSON array) of a class selected by one of its key queries
+  /// (rowsForKeysIn, rowsNotForKeysIn) with keys bound as a JSON array.
+  std::string rowsSelectedBy(const std::string& query, const std::vector<std::int64_t>& keys);
   /// Deletes rows (a JSON array of row ids) of a class and every reference to them.
   void deleteRows(const ClassInfo& info, const std::string& rowsJson);
-
-  /// Statements of results queries, keyed by their text.
-  sqlite3_stmt* queryStatement(const std::string& sql);
-  std::unordered_map<std::string, sqlite3_stmt*> queries;
-  std::vector<const ObjectClass*> classList;  // as configured, to recognise the same schema
 };
+
+}  // namespace detail
 
 /// Lets records and lists reach the handle's internals.
 class StoreAccess {
  public:
-  static Store::Impl& impl(Store& store) { return *store.impl_; }
+  static detail::StoreImpl& impl(Store& store) { return *store.impl_; }
   static std::int64_t row(const Object& object) { return object.row_; }
   static Object::Slot& slot(Object& object, int index) {
     return object.slots_[static_cast<size_t>(index)];
@@ -121,6 +164,9 @@ class StoreAccess {
     object.row_ = row;
   }
   static std::int64_t upsertGraph(Store& store, const std::shared_ptr<Object>& object);
+  static Migration migration(sqlite3* db, std::uint64_t oldVersion) {
+    return Migration(db, oldVersion);
+  }
 };
 
 }  // namespace qvl

@@ -9,6 +9,8 @@
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Helpers/QVLURLTrimmer.h"
 #include "quorvel/Models/QVLMedia.h"
+#include "quorvel/Models/QVLPostPeriod.h"
+#include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -37,9 +39,8 @@ TEST(DateFormatterTest, ParsesZonesIntoUtcAndPrintsUtc) {
   EXPECT_EQ(
       QVLDateFormatter::formattedStringFromDate(utc(1969, 12, 31, 23, 59, 59) + milliseconds(500)),
       "1969-12-31T23:59:59+0000");
-  auto formatter = QVLDateFormatter::dateFormatter();
-  EXPECT_STREQ(formatter.pattern(), "yyyy-MM-dd'T'HH:mm:ssZZZ");
-  EXPECT_EQ(formatter.stringFrom(utc(2017, 3, 5, 14, 7, 9)), "2017-03-05T14:07:09+0000");
+  EXPECT_EQ(QVLDateFormatter::dateFormatter().stringFrom(utc(2017, 3, 5, 14, 7, 9)),
+            "2017-03-05T14:07:09+0000");
 }
 
 TEST(DateFormatterTest, RejectsTextOutsideThePattern) {
@@ -120,6 +121,41 @@ TEST_F(RealmTest, OpensTheLibraryFileAtVersion19) {
   EXPECT_EQ(info.st_mode & 0777, 0700u);
   // The same thread gets the same handle back.
   EXPECT_EQ(QVLRealm::realm(), realm);
+}
+
+// Every four-digit year, including those a nanosecond clock cannot hold (before 1677-09-21
+// and after 2262-04-11), survives the text, the store and the validity rules unchanged.
+TEST_F(RealmTest, FourDigitYearsRoundTripThroughTextAndStore) {
+  const struct {
+    const char* text;
+    qvl::Date date;
+  } cases[] = {
+      {"0000-01-01T00:00:00+0000", utc(0, 1, 1, 0, 0, 0)},
+      {"0001-01-01T00:00:00+0000", utc(1, 1, 1, 0, 0, 0)},
+      {"1677-09-21T00:12:43+0000", utc(1677, 9, 21, 0, 12, 43)},
+      {"2262-04-11T23:47:17+0000", utc(2262, 4, 11, 23, 47, 17)},
+      {"9999-12-31T23:59:59+0000", utc(9999, 12, 31, 23, 59, 59)},
+  };
+  const qvl::Date now = utc(2024, 3, 5, 12, 0, 0);
+  qvl::ScopedEnv clock([&](qvl::Env& env) { env.clock = std::make_shared<qvl::ManualClock>(now); });
+  std::int64_t id = 0;
+  for (const auto& c : cases) {
+    EXPECT_EQ(QVLDateFormatter::dateFromString(c.text), c.date) << c.text;
+    EXPECT_EQ(QVLDateFormatter::formattedStringFromDate(c.date), c.text);
+    auto period = QVLPostPeriod::newObjectWithJSONDictionary(
+        {{"id", ++id}, {"start", "2000-01-01T00:00:00+0000"}, {"stop", c.text}}, nullptr);
+    auto realm = QVLRealm::realm();
+    realm->write([&] { realm->addOrUpdate(period); });
+    qvl::Store::closeThreadHandles();
+    auto stored = QVLRealm::realm()->object<QVLPostPeriod>(id);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->stop(), c.date) << c.text;
+    EXPECT_EQ(stored->toDictionary()["stop"], c.text);
+    EXPECT_EQ(stored->active(), c.date > now) << c.text;
+  }
+  // Outside four digits the year is signed.
+  EXPECT_EQ(QVLDateFormatter::formattedStringFromDate(utc(0, 1, 1, 0, 0, 0) - seconds(1)),
+            "-0001-12-31T23:59:59+0000");
 }
 
 TEST_F(RealmTest, Version17FileMovesUrlStringToUrlOriginal) {

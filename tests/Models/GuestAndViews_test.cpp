@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Models/RecordTestSupport.h"
+#include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLBeaconView.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Models/QVLPostView.h"
@@ -134,6 +135,27 @@ TEST_F(ViewStoreTest, ViewsAreStoredWithoutAPrimaryKey) {
   EXPECT_EQ(views[1]->toDictionary(),
             (json{{"beacon_id", 315}, {"enter", "2024-03-05T12:00:00+0000"}}));
   EXPECT_THROW(store_->object<QVLPostView>(1), std::logic_error);
+}
+
+TEST_F(ViewStoreTest, SavingViewsWithoutAKeyReturnsEveryRecordSaved) {
+  std::optional<qvl::AnyResults> saved;
+  std::optional<QVLError> error;
+  auto save = [&](const std::string& body) {
+    QVLApiClient::sharedClient().parseAndSaveJSONArrayData(body, QVLPostView::modelClass(),
+                                                           [&](auto results, auto e) {
+                                                             saved = std::move(results);
+                                                             error = std::move(e);
+                                                           });
+  };
+  save(R"([{"post_id": 1}, {"post_id": 1}])");
+  EXPECT_EQ(error, std::nullopt);
+  ASSERT_TRUE(saved.has_value());
+  auto first = *saved;
+  save(R"([{"post_id": 2}])");
+  EXPECT_EQ(first.size(), 2u);  // only the records that call saved, both of them
+  ASSERT_EQ(saved->size(), 1u);
+  EXPECT_EQ(std::static_pointer_cast<QVLPostView>(saved->at(0))->postId(), 2);
+  EXPECT_EQ(store_->objects<QVLPostView>().size(), 3u);
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "Models/RecordTestSupport.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
+#include "quorvel/Models/QVLGuest.h"
+#include "quorvel/Models/QVLPost.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -239,17 +242,18 @@ TEST_F(MappingTest, MissingDeclarationsRaiseNamedExceptions) {
 
 TEST_F(MappingTest, ValuesOfTheWrongKindRejectTheRecord) {
   const std::vector<json> bad = {
-      {{"id", 1}, {"amount", "five"}},        // text under a number
-      {{"id", 1}, {"flag", nullptr}},         // null for a plain property
-      {{"id", 1}, {"name", 5}},               // number under text
-      {{"id", 1}, {"cover", 10}},             // scalar under a to-one relation
-      {{"id", 1}, {"cover", nullptr}},        // null under a to-one relation
-      {{"id", 1}, {"pieces", {{"id", 2}}}},   // object under a to-many relation
-      {{"id", 1}, {"pieces", {1, 2}}},        // scalars in a to-many array
-      {{"id", 1}, {"content", "flat text"}},  // a key path through a scalar
-      {{"id", 1}, {"when", 12}},              // a number under a date
-      {{"id", "1"}},                          // text primary key
-      json::array(),                          // not an object at all
+      {{"id", 1}, {"amount", "five"}},            // text under a number
+      {{"id", 1}, {"flag", nullptr}},             // null for a plain property
+      {{"id", 1}, {"name", 5}},                   // number under text
+      {{"id", 1}, {"name", json::array({"a"})}},  // a structure under text that keeps none
+      {{"id", 1}, {"cover", 10}},                 // scalar under a to-one relation
+      {{"id", 1}, {"cover", nullptr}},            // null under a to-one relation
+      {{"id", 1}, {"pieces", {{"id", 2}}}},       // object under a to-many relation
+      {{"id", 1}, {"pieces", {1, 2}}},            // scalars in a to-many array
+      {{"id", 1}, {"content", "flat text"}},      // a key path through a scalar
+      {{"id", 1}, {"when", 12}},                  // a number under a date
+      {{"id", "1"}},                              // text primary key
+      json::array(),                              // not an object at all
   };
   for (const auto& j : bad) {
     EXPECT_THROW(Thing::newObjectWithJSONDictionary(j, store.get()), QVLMappingError) << j.dump();
@@ -278,27 +282,60 @@ TEST_F(MappingTest, ArrayParsingDropsOnlyTheRejectedRecordAndSaysWhy) {
                   .empty());
 }
 
+// Code that prints or copies JSON recurses once per level: hostile nesting is refused
+// before anything recurses over it, in service bytes and in documents handed to the mapping.
+TEST(DeepJsonTest, NestingBeyondTheLimitIsRejectedNotRecursedOver) {
+  auto nested = [](int depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+  EXPECT_TRUE(QVLApiModel::parseJSONData(nested(kQVLMaxJSONDepth)).is_array());
+  EXPECT_THROW(QVLApiModel::parseJSONData(nested(kQVLMaxJSONDepth + 1)), QVLMappingError);
+  EXPECT_THROW(QVLApiModel::parseJSONData(R"({"parameters":)" + nested(100000) + "}"),
+               QVLMappingError);
+  EXPECT_TRUE(QVLApiModel::parseJSONData("[1,").is_discarded());
+
+  json post = {{"id", 1}};
+  post["parameters"] = json::parse(nested(kQVLMaxJSONDepth));
+  EXPECT_EQ(QVLPost::newObjectWithJSONDictionary(post, nullptr)->parametersJSON(),
+            nested(kQVLMaxJSONDepth));
+  post["parameters"] = json::parse(nested(100000));  // nlohmann's parser does not recurse
+  EXPECT_THROW(QVLPost::newObjectWithJSONDictionary(post, nullptr), QVLMappingError);
+}
+
 TEST(RecordClassTest, PropertyTypesAndRelationConstructors) {
-  const auto& cls = Thing::modelClass();
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("when"), "NSDate");
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("name"), "NSString");
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("amount"), "NSNumber<RLMInt>");
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("parts"), "RLMArray<Part>");
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("cover"), "Part");
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("flag"), std::nullopt);
-  EXPECT_EQ(cls.propertyTypeFromPropertyString("unknown"), std::nullopt);
+  const std::pair<const char*, std::optional<std::string>> types[] = {
+      {"when", "NSDate"},          {"name", "NSString"}, {"amount", "NSNumber<RLMInt>"},
+      {"parts", "RLMArray<Part>"}, {"cover", "Part"},    {"flag", std::nullopt},
+      {"unknown", std::nullopt}};
+  for (const auto& [name, type] : types) {
+    EXPECT_EQ(Thing::modelClass().propertyTypeFromPropertyString(name), type) << name;
+  }
 
   auto many = QVLRelationshipMapping::newToManyRelationWithKey("posts", &Part::modelClass);
   EXPECT_EQ(many.relationType(), QVLRelationTypeToMany);
-  EXPECT_EQ(many.jsonKey(), "posts");
   EXPECT_EQ(many.classProperty(), "posts");
   EXPECT_EQ(many.toOneRelationKey(), std::nullopt);
   auto one = QVLRelationshipMapping::newToOneRelationWithJsonKey("thumb", "thumbnail",
                                                                  "thumbnail_id", &Part::modelClass);
   EXPECT_EQ(one.relationType(), QVLRelationTypeToOne);
+  EXPECT_EQ(one.jsonKey(), "thumb");
   EXPECT_EQ(one.classProperty(), "thumbnail");
   EXPECT_EQ(one.toOneRelationKey(), "thumbnail_id");
-  EXPECT_EQ(&one.objectClass(), &Part::modelClass());
+}
+
+class DefaultStoreMergeTest : public records_test::RecordStoreTest {};
+
+TEST_F(DefaultStoreMergeTest, NestedListElementsMergeWithTheDefaultStoreNotTheHandleGiven) {
+  store(QVLGuest::newObjectWithJSONDictionary(
+      {{"id", 1}, {"actions", {{{"id", 10}, {"pretty_name", "Visit"}, {"value", 5}}}}},
+      store_.get()));
+  qvl::StoreConfiguration otherFile = QVLRealm::configuration();
+  otherFile.path = directory_ + "/other.realm";
+  auto other = qvl::Store::open(otherFile);
+
+  auto parsed = QVLGuest::newObjectWithJSONDictionary(
+      {{"id", 1}, {"actions", {{{"id", 10}, {"value", 6}}}}}, other.get());
+  ASSERT_EQ(parsed->actions().size(), 1u);
+  EXPECT_EQ(parsed->actions()[0]->name(), "Visit");
+  EXPECT_EQ(parsed->actions()[0]->value(), 6);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "quorvel/Platform/UserDefaults.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -133,6 +135,29 @@ TEST_F(UserDefaultsTest, FileIsOwnerOnlyAndReplacedAtomically) {
     ++entries;
   }
   EXPECT_EQ(entries, 1u);
+}
+
+// A crash between creating the temporary file and renaming it leaves the temporary file
+// (holding part of the old values); the next opening removes ours and nothing else.
+TEST_F(UserDefaultsTest, TemporaryFilesOfACrashedSaveAreRemovedOnNextOpen) {
+  UserDefaults(path_).setData("QVLAuthJWTToken", "secret");
+  const std::string stale = path_ + ".tmp-Ab3dE9";
+  const std::string saving = path_ + ".tmp-Zz0000";
+  const std::vector<std::string> kept = {path_ + ".tmp-short", path_ + ".tmp-Ab3dE9x",
+                                         dir_.file("nested/config/other.defaults.tmp-Ab3dE9")};
+  for (const auto& file : kept) writeFile(file, "{}");
+  writeFile(stale, R"({"QVLAuthJWTToken":"c2Vj)");
+  writeFile(saving, "{}");
+  const int savingFd = ::open(saving.c_str(), O_RDONLY);  // a save still in progress
+  ASSERT_GE(savingFd, 0);
+  ASSERT_EQ(::flock(savingFd, LOCK_EX), 0);
+
+  UserDefaults next(path_);
+  EXPECT_EQ(next.data("QVLAuthJWTToken"), "secret");
+  EXPECT_FALSE(std::filesystem::exists(stale));
+  EXPECT_TRUE(std::filesystem::exists(saving));
+  for (const auto& file : kept) EXPECT_TRUE(std::filesystem::exists(file)) << file;
+  ::close(savingFd);
 }
 
 TEST_F(UserDefaultsTest, WriteFailuresAreReportedAndRetriedBySynchronize) {

@@ -72,9 +72,13 @@ std::shared_ptr<Object> owner(std::int64_t id, const std::string& name) {
   return o;
 }
 
-std::string labelOf(const std::shared_ptr<Object>& o) {
-  return std::get<std::string>(o->value(kLabel));
+std::string text(const std::shared_ptr<Object>& o, int index) {
+  return std::get<std::string>(o->value(index));
 }
+std::int64_t integer(const std::shared_ptr<Object>& o, int index) {
+  return std::get<std::int64_t>(o->value(index));
+}
+std::string labelOf(const std::shared_ptr<Object>& o) { return text(o, kLabel); }
 
 class StoreTest : public ::testing::Test {
  protected:
@@ -105,7 +109,7 @@ TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey)
   auto stored = store->object(ownerClass(), 1);
   ASSERT_TRUE(stored);
   EXPECT_TRUE(stored->isManaged());
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 7);
+  EXPECT_EQ(integer(stored, kCount), 7);
   EXPECT_TRUE(std::get<bool>(stored->value(kFlag)));
   EXPECT_DOUBLE_EQ(std::get<double>(stored->value(kScore)), 2.5);
   EXPECT_EQ(std::get<qvl::Date>(stored->value(kWhen)), qvl::Date(std::chrono::seconds(1700000000)));
@@ -123,14 +127,42 @@ TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey)
   second->list(kItems).assign({item(12, "b2")});
   store->write([&] { store->addOrUpdate(second); });
   stored = store->object(ownerClass(), 1);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "second");
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 0);
+  EXPECT_EQ(text(stored, kName), "second");
+  EXPECT_EQ(integer(stored, kCount), 0);
   EXPECT_TRUE(qvl::isNull(stored->value(kScore)));
   EXPECT_EQ(stored->link(kChild), nullptr);
   ASSERT_EQ(stored->list(kItems).size(), 1u);
   EXPECT_EQ(labelOf(stored->list(kItems).at(0)), "b2");
   EXPECT_EQ(store->objects(ownerClass()).size(), 1u);
   EXPECT_EQ(store->objects(itemClass()).size(), 3u);  // items are not owned by the list
+}
+
+TEST_F(StoreTest, AnUpdateLeavesPropertiesMarkedKeptAsStored) {
+  auto store = open();
+  auto first = owner(1, "stored");
+  first->setLink(kChild, item(10, "child"));
+  first->list(kItems).assign({item(11, "a")});
+  store->write([&] { store->addOrUpdate(first); });
+
+  auto update = owner(1, "updated");  // count 0, no child, an empty list: all kept
+  for (int kept : {kCount, kChild, kItems}) update->keepStoredValue(kept);
+  store->write([&] { store->object(ownerClass(), 1)->setValue(kCount, std::int64_t{7}); });
+  store->write([&] { store->addOrUpdate(update); });
+  auto stored = store->object(ownerClass(), 1);
+  EXPECT_EQ(text(stored, kName), "updated");
+  EXPECT_EQ(integer(stored, kCount), 7);
+  EXPECT_EQ(labelOf(stored->link(kChild)), "child");
+  EXPECT_EQ(stored->list(kItems).size(), 1u);
+
+  // A record not stored yet is written whole; changing a kept property clears its mark.
+  auto fresh = owner(2, "fresh");
+  fresh->list(kItems).assign({item(12, "b")});
+  fresh->keepStoredValue(kItems);
+  fresh->keepStoredValue(kCount);
+  fresh->setValue(kCount, std::int64_t{3});
+  EXPECT_FALSE(fresh->keepsStoredValue(kCount));
+  store->write([&] { store->addOrUpdate(fresh); });
+  EXPECT_EQ(store->object(ownerClass(), 2)->list(kItems).size(), 1u);
 }
 
 TEST_F(StoreTest, RecordsWithoutKeyAndNullKeysAreInsertedOrMatchedOnce) {
@@ -153,7 +185,7 @@ TEST_F(StoreTest, RecordsWithoutKeyAndNullKeysAreInsertedOrMatchedOnce) {
   EXPECT_EQ(store->objects(ownerClass()).size(), 2u);
   auto unkeyed = store->object(ownerClass(), std::nullopt);
   ASSERT_TRUE(unkeyed);
-  EXPECT_EQ(std::get<std::string>(unkeyed->value(kName)), "no key 2");
+  EXPECT_EQ(text(unkeyed, kName), "no key 2");
   EXPECT_THROW(store->object(noteClass(), 1), std::logic_error);
 }
 
@@ -169,8 +201,8 @@ TEST_F(StoreTest, CyclicUnmanagedGraphIsWritten) {
   auto storedX = store->object(itemClass(), 2);
   auto owners = storedX->linkingObjects(kOwners).snapshot();
   ASSERT_EQ(owners.size(), 2u);  // each owner once, though b lists x twice
-  EXPECT_EQ(std::get<std::string>(owners[0]->value(kName)), "a");
-  EXPECT_EQ(std::get<std::string>(owners[1]->value(kName)), "b");
+  EXPECT_EQ(text(owners[0], kName), "a");
+  EXPECT_EQ(text(owners[1], kName), "b");
 }
 
 TEST_F(StoreTest, DeletingARecordRemovesItFromListsAndClearsLinks) {
@@ -247,7 +279,7 @@ TEST_F(StoreTest, ManagedRecordsWriteThroughInsideTransactionsOnly) {
     stored->setLink(kChild, item(7, "g"));
   });
   auto again = store->object(ownerClass(), 1);
-  EXPECT_EQ(std::get<std::string>(again->value(kName)), "renamed");
+  EXPECT_EQ(text(again, kName), "renamed");
   auto items = again->list(kItems).elements();
   ASSERT_EQ(items.size(), 2u);
   EXPECT_EQ(labelOf(items[0]), "f");
@@ -287,7 +319,7 @@ TEST_F(StoreTest, DataSurvivesCloseAndReopen) {
   auto store = open();
   auto stored = store->object(ownerClass(), 1);
   ASSERT_TRUE(stored);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "kept");
+  EXPECT_EQ(text(stored, kName), "kept");
   EXPECT_EQ(labelOf(stored->list(kItems).at(0)), "listed");
 }
 
@@ -372,8 +404,8 @@ TEST_F(StoreTest, MigrationRenamesKeepingValuesAndNewColumnsAreAdded) {
   EXPECT_EQ(seen, std::vector<std::uint64_t>{1});
   auto stored = store->object(ownerClass(), 1);
   ASSERT_TRUE(stored);
-  EXPECT_EQ(std::get<std::string>(stored->value(kName)), "old title");
-  EXPECT_EQ(std::get<std::int64_t>(stored->value(kCount)), 4);
+  EXPECT_EQ(text(stored, kName), "old title");
+  EXPECT_EQ(integer(stored, kCount), 4);
   EXPECT_FALSE(std::get<bool>(stored->value(kFlag)));  // added column reads as default
   store->write([&] { store->addOrUpdate(owner(2, "new")); });
   EXPECT_EQ(store->objects(ownerClass()).size(), 2u);

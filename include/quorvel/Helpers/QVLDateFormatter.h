@@ -12,16 +12,15 @@
 ///
 /// Parsing accepts exactly that pattern with the zone written as +HHMM, +HH:MM, +HH or
 /// Z (what the service and ISO 8601 writers emit); anything else (no zone, fractions of
-/// a second, out-of-range fields, trailing text) gives nullopt. Printing always uses UTC
-/// and whole seconds (a fraction is dropped toward the past).
+/// a second, out-of-range fields, trailing text) gives nullopt. Every year from 0000 to
+/// 9999 parses and prints back exactly. Printing always uses UTC and whole seconds (a
+/// fraction is dropped toward the past); a date whose UTC year lies outside 0000-9999
+/// prints its year with a sign ("-0001", "+10000"), which does not parse back.
 class QVLDateFormatter {
  public:
-  /// A new formatter; it carries the fixed settings and converts like the class methods.
+  /// A new formatter; it converts like the class methods.
   static QVLDateFormatter dateFormatter() { return QVLDateFormatter(); }
 
-  const char* pattern() const { return "yyyy-MM-dd'T'HH:mm:ssZZZ"; }
-  const char* timeZone() const { return "UTC"; }
-  const char* locale() const { return "en_US_POSIX"; }
   std::optional<qvl::Date> dateFrom(std::string_view text) const;
   std::string stringFrom(qvl::Date date) const;
 

@@ -10,7 +10,8 @@
 class QVLPostFieldHelper {
  public:
   /// The JSON object in text (standard JSON, no comments or other extensions). On a parse
-  /// error, or when the text holds a value other than an object, logs
-  /// "Couldn't parse QVLPostField to JSON: <error>" through qvl::log and returns nullopt.
+  /// error, on nesting deeper than kQVLMaxJSONDepth, or when the text holds a value other than an
+  /// object, logs "Couldn't parse QVLPostField to JSON: <error>" through qvl::log and returns
+  /// nullopt.
   static std::optional<nlohmann::json> parseStringToJSON(std::string_view text);
 };

@@ -39,10 +39,11 @@ enum QVLApiEnvironment : std::int32_t {
 /// 200-299 an error of "QVLApiClientErrorDomain" whose code is the status and whose user
 /// information is the answer parsed as JSON (absent when it is not a JSON object or
 /// array); "QVLMappingErrorDomain" when a single-record answer has a value of the wrong
-/// kind; "QVLStoreErrorDomain" when the answer came but the store could not be opened or
-/// written (then nothing is stored). In a list answer a record of the wrong kind is left
-/// out and logged; the others are stored. The library never throws for network or service
-/// failures; asking a record class for a declaration it lacks raises QVLException.
+/// kind, or when any answer nests JSON deeper than kQVLMaxJSONDepth (nothing is stored);
+/// "QVLStoreErrorDomain" when the answer came but the store could not be opened or written (then
+/// nothing is stored). In a list answer a record of the wrong kind is left out and logged; the
+/// others are stored. The library never throws for network or service failures; asking a record
+/// class for a declaration it lacks raises QVLException.
 ///
 /// Configuration (bundle information, token, API domain, pins: see qvl::Env) is read afresh
 /// per request.
@@ -112,6 +113,8 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
   qvl::HttpRequest apiPostRequest(const std::string& resource, const nlohmann::json& object) const;
   /// 200 <= status < 300.
   static bool successfulResponse(const qvl::HttpResponse& response);
+  /// "QVLApiClientErrorDomain", code = status, user information = the body when it is a
+  /// JSON object or array nested at most kQVLMaxJSONDepth deep.
   static QVLError errorWithResponse(const qvl::HttpResponse& response, const std::string& data);
   /// The calling thread's store handle (QVLRealm::realm()); nullptr when it cannot be opened.
   std::shared_ptr<qvl::Store> realm() const;
@@ -170,19 +173,21 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
   // ---- parsing and saving (synchronous, on the calling thread) ----------------------------
 
   /// The bytes as one unmanaged record (an empty record when they are not a JSON object).
-  /// Throws QVLMappingError for a value of the wrong kind.
+  /// Throws QVLMappingError for a value of the wrong kind or JSON nested too deep.
   static std::shared_ptr<QVLApiModel> parseJSONObjectData(const std::string& data,
                                                           const QVLModelClass& cls);
   /// The bytes as unmanaged records (empty when they are not a JSON array); records of the
-  /// wrong kind are left out and logged.
+  /// wrong kind are left out and logged. Throws QVLMappingError for JSON nested too deep.
   static std::vector<std::shared_ptr<QVLApiModel>> parseJSONArrayData(const std::string& data,
                                                                       const QVLModelClass& cls);
   /// Create-or-update in one write transaction, then the stored record looked up afresh by
-  /// key. Throws qvl::StoreError when the store cannot be opened or written.
+  /// key (a record of a class without a key: the one just stored). Throws qvl::StoreError
+  /// when the store cannot be opened or written.
   std::shared_ptr<QVLApiModel> saveObject(const std::shared_ptr<QVLApiModel>& record,
                                           const QVLModelClass& cls);
-  /// Create-or-update of every record in one write transaction; the live results of "key
-  /// IN the records' keys". Throws qvl::StoreError like saveObject.
+  /// Create-or-update of every record in one write transaction; live results, in store
+  /// order, of exactly the records saved (those without a key included). Throws
+  /// qvl::StoreError like saveObject.
   qvl::AnyResults saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
                               const QVLModelClass& cls);
   /// Parse, save, and call back before returning, on the calling thread. The error is a

@@ -32,12 +32,27 @@ class QVLException : public std::logic_error {
 };
 
 /// Service JSON with a value of the wrong kind for a record (text under a number, null
-/// for a plain property, a scalar or null under a relation key, a non-object record).
-/// The one record is rejected; what() names the class and the key.
+/// for a plain property, a scalar or null under a relation key, a non-object record), or
+/// JSON nested deeper than kQVLMaxJSONDepth. The one record (or the whole answer, for
+/// nesting) is rejected; what() names the class and the key.
 class QVLMappingError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+/// How deep service JSON may nest arrays and objects (the outermost counts as 1). Code
+/// that walks JSON (printing, copying, comparing) recurses once per level, so a hostile
+/// answer nested a hundred thousand levels deep would exhaust the stack; such answers, and
+/// JSON-valued text properties nested deeper than this, are rejected instead.
+inline constexpr int kQVLMaxJSONDepth = 128;
+
+class QVLModelClass;
+
+namespace qvl::detail {
+struct MappingPlan;
+/// The class's mapping resolved to property indexes; built on first use, thread-safe.
+const MappingPlan& mappingPlan(const QVLModelClass& cls);
+}  // namespace qvl::detail
 
 /// A record class: its store shape plus the service-facing declarations. Made once per
 /// record type (a function-local static) and immutable afterwards, so safe on any thread.
@@ -59,11 +74,14 @@ class QVLModelClass : public qvl::ObjectClass {
     std::optional<std::vector<std::pair<std::string, std::string>>> mapping;
     std::optional<std::vector<QVLRelationshipMapping>> mappingRelationships;
     std::optional<std::vector<std::string>> protectedProperties;
-    /// Transient members of the C++ type, never stored (documentation for the store).
-    std::vector<std::string> ignoredProperties;
+    /// Text properties that keep service JSON: they also accept a JSON object or array,
+    /// stored as its compact text. Every other text property rejects one.
+    std::vector<std::string> jsonTextProperties;
 
     Declaration& property(int index, std::string propertyName, qvl::PropertyKind kind,
                           bool optional = false);
+    /// A text property declared in jsonTextProperties too.
+    Declaration& jsonText(int index, std::string propertyName);
     Declaration& link(int index, std::string propertyName, qvl::ObjectClassRef target);
     Declaration& list(int index, std::string propertyName, qvl::ObjectClassRef target);
     Declaration& linkingObjects(int index, std::string propertyName, qvl::ObjectClassRef origin,
@@ -71,6 +89,7 @@ class QVLModelClass : public qvl::ObjectClass {
   };
 
   explicit QVLModelClass(Declaration declaration);
+  ~QVLModelClass() override;
 
   /// Throw QVLException when the class did not declare them.
   const std::string& apiResourcePlural() const;
@@ -81,41 +100,22 @@ class QVLModelClass : public qvl::ObjectClass {
     return relationships_;
   }
   const std::optional<std::vector<std::string>>& protectedProperties() const { return protected_; }
-  const std::vector<std::string>& ignoredProperties() const { return ignored_; }
 
   /// The property's class name as the original runtime declared it ("NSDate",
   /// "NSString", "NSNumber<RLMInt>", "RLMArray<QVLPost>", ...), or nullopt for plain
   /// integers, doubles and booleans and for unknown names.
   std::optional<std::string> propertyTypeFromPropertyString(std::string_view name) const;
 
-  /// The mapping resolved to property indexes (built on first use; thread-safe).
-  struct Compiled {
-    struct Field {
-      std::vector<std::string> path;
-      std::string key;
-      int property;
-    };
-    struct Relation {
-      std::int64_t type;
-      std::string jsonKey;
-      std::optional<std::string> toOneRelationKey;
-      int property;
-      const QVLModelClass* target;
-    };
-    std::vector<Field> fields;
-    std::vector<Relation> relations;
-    std::vector<int> protectedIndexes;
-  };
-  const Compiled& compiled() const;
-
  private:
+  friend const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass&);
+
   std::optional<std::string> plural_, singular_;
   std::optional<std::vector<std::pair<std::string, std::string>>> mapping_;
   std::optional<std::vector<QVLRelationshipMapping>> relationships_;
   std::optional<std::vector<std::string>> protected_;
-  std::vector<std::string> ignored_;
-  mutable std::once_flag compileOnce_;
-  mutable Compiled compiled_;
+  std::vector<std::string> jsonText_;
+  mutable std::once_flag planOnce_;
+  mutable std::unique_ptr<const qvl::detail::MappingPlan> plan_;
 };
 
 /// Lets a record type be named where the store wants a class reference.
@@ -140,9 +140,13 @@ class QVLApiModel : public qvl::Object {
   /// A new unmanaged record of cls from a JSON object, merged with its stored twin in
   /// realm (may be null: no twin). Keys absent from the JSON, absent relations and
   /// protected properties take the twin's values; JSON null clears a value; an empty
-  /// array empties a list. Nested records are made and merged the same way against the
-  /// same handle. A JSON null dictionary behaves as an empty one. Runs on the caller's
-  /// thread (realm must belong to it).
+  /// array empties a list. A nested to-one record is made and merged the same way against
+  /// the same handle; the elements of a nested list against the calling thread's default
+  /// store (QVLRealm::realm()). A JSON null dictionary behaves as an empty one. Runs on the
+  /// caller's thread (realm must belong to it).
+  /// The omitted and protected properties of a record with a key are also marked to keep
+  /// their stored value (qvl::Object::keepStoredValue), so that create-or-update merges
+  /// again with the record as stored when it writes, and never writes back a stale copy.
   /// Throws QVLMappingError for a value of the wrong kind, QVLException for a class
   /// without a mapping.
   static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
@@ -162,6 +166,11 @@ class QVLApiModel : public qvl::Object {
   static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
       const QVLModelClass& cls, const nlohmann::json& array, qvl::Store* realm,
       std::vector<QVLError>* rejected);
+
+  /// Service bytes as JSON, without recursion. Text that is not JSON gives a discarded
+  /// value (is_discarded()), or throws nlohmann::json::parse_error when allowExceptions;
+  /// arrays and objects nested deeper than kQVLMaxJSONDepth throw QVLMappingError.
+  static nlohmann::json parseJSONData(std::string_view data, bool allowExceptions = false);
 
   /// The record as a flat JSON object: mapped values under their key paths taken
   /// literally ("urls.original"), dates as service text, to-one relations as the related

@@ -3,6 +3,7 @@
 // queue per session and a server-trust hook for certificate pinning.
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -45,12 +46,19 @@ struct HttpSessionConfiguration {
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
   HttpHeaders additionalHeaders;
-  /// Idle limit: a request fails with CURLE_OPERATION_TIMEDOUT when no byte moves for this
-  /// long. It also bounds connecting plus the TLS handshake. Whole seconds for the idle part
-  /// (rounded up, at least one).
+  /// Idle limit: a task fails with CURLE_OPERATION_TIMEDOUT when no byte of the request or
+  /// the answer moves for this long. Connecting plus the TLS handshake must finish within
+  /// it too. Checked to within a few milliseconds.
   std::chrono::milliseconds timeoutIntervalForRequest = std::chrono::seconds(60);
-  /// Upper bound for a whole request, however busy.
-  std::chrono::milliseconds timeoutIntervalForResource = std::chrono::hours(24 * 7);
+  /// Upper bound for a whole task however busy: beyond it the task fails with
+  /// CURLE_OPERATION_TIMEDOUT.
+  std::chrono::milliseconds timeoutIntervalForResource = std::chrono::minutes(5);
+  /// The most an answer may bring, headers plus body as received. Beyond it the task fails
+  /// with CURLE_FILESIZE_EXCEEDED and what came is dropped.
+  std::size_t maximumResponseBytes = std::size_t{64} << 20;
+  /// The most a body may hold once decoded (gzip, deflate, brotli, zstd), so that a small
+  /// compressed answer cannot expand without bound. Beyond it: as above.
+  std::size_t maximumDecodedBytes = std::size_t{64} << 20;
 };
 
 enum class TrustDisposition {

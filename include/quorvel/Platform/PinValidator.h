@@ -2,10 +2,7 @@
 // TLS public-key pinning: decides server-trust challenges for pinned domains and reports
 // pin failures.
 
-#include <chrono>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -68,9 +65,8 @@ class PinValidator {
   void sendReport(const PinnedDomainConfiguration& domain, const ServerTrustChallenge& challenge,
                   const std::vector<std::string>& chainPins);
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<const PinningConfiguration> configuration_;
-  std::map<std::string, std::chrono::steady_clock::time_point> sentReports_;
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace qvl

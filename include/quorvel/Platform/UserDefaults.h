@@ -16,7 +16,8 @@ namespace qvl {
 /// (mode 0600, it holds the bearer token) and every write replaces it atomically (a
 /// temporary file in the same directory, fsync, rename, fsync of the directory), so a reader
 /// sees either the old or the new content, never a torn file. Missing directories are
-/// created with mode 0700.
+/// created with mode 0700. Temporary files that a crash during a save left behind
+/// ("<file name>.tmp-XXXXXX", owned by this user) are removed when the file is first read.
 ///
 /// Each change is written through at once, so a value set in one process is read by the
 /// next one. Two processes writing the same file at the same time do not merge: the last

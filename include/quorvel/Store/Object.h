@@ -63,6 +63,15 @@ class Object : public std::enable_shared_from_this<Object> {
   /// links by reference, lists element by element.
   void copyProperty(const Object& source, int index);
 
+  /// Marks property `index` of this unmanaged record as one that create-or-update leaves
+  /// as it is when the record is already stored: the merge with the stored record then
+  /// happens inside the write transaction, so a change committed after this record was
+  /// made is never overwritten. The JSON mapping marks the properties an answer omitted
+  /// and the protected ones. Setting or changing the property clears the mark. Throws
+  /// std::logic_error for a managed record.
+  void keepStoredValue(int index);
+  bool keepsStoredValue(int index) const;
+
  protected:
   explicit Object(const ObjectClass& objectClass);
 
@@ -94,10 +103,12 @@ class Object : public std::enable_shared_from_this<Object> {
     std::int64_t linkRow = 0;                   // to-one of a managed record, 0 = none
     bool linkResolved = true;                   // managed: link loaded from linkRow
     std::vector<std::shared_ptr<Object>> list;  // lists of an unmanaged record
+    bool keepStored = false;                    // see keepStoredValue()
   };
 
   const Property& checkedProperty(int index) const;
-  void writeThrough(int index);
+  /// The in-memory list of an unmanaged record, about to be changed.
+  std::vector<std::shared_ptr<Object>>& changedList(int index);
 
   const ObjectClass* class_;
   mutable std::vector<Slot> slots_;  // mutable: managed links load on first read

@@ -32,15 +32,16 @@ class Predicate {
   /// In-memory evaluation; throws std::invalid_argument for an unknown key.
   bool matches(const Object& object) const;
 
+ private:
+  friend class Store;
+  friend class AnyResults;
+
   enum class Op { In, Equal, NotNull };
   struct Clause {
     Op op;
     std::string key;
     std::vector<Value> values;
   };
-  const std::vector<Clause>& clauses() const { return clauses_; }
-
- private:
   std::vector<Clause> clauses_;
 };
 
@@ -64,17 +65,18 @@ class AnyResults {
   /// These results narrowed by another predicate (still live).
   AnyResults filter(const Predicate& predicate) const;
 
-  struct Scope {
-    enum class Kind { None, List, Inverse } kind = Kind::None;
-    std::int64_t row = 0;                     // the list's owner, or the record pointed at
-    const ObjectClass* otherClass = nullptr;  // owner class / class holding the list
-    int listIndex = -1;                       // the list property in otherClass
-  };
-
  private:
   friend class Store;
   friend class AnyList;
   friend class Object;
+
+  struct Scope {
+    enum class Kind { None, List, Inverse, Rows } kind = Kind::None;
+    std::int64_t row = 0;                     // the list's owner, or the record pointed at
+    const ObjectClass* otherClass = nullptr;  // owner class / class holding the list
+    int listIndex = -1;                       // the list property in otherClass
+    std::string rows;                         // Rows: the rows as a JSON array
+  };
 
   void refreshRows() const;
 

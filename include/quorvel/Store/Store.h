@@ -13,9 +13,13 @@
 #include "quorvel/Store/Object.h"
 #include "quorvel/Store/Results.h"
 
+struct sqlite3;
+
 namespace qvl {
 
-struct ClassInfo;
+namespace detail {
+struct StoreImpl;
+}
 
 /// Opening failed (file unusable, schema version going backwards, a migration that
 /// threw) or the engine reported an error. what() carries the engine's message.
@@ -36,9 +40,9 @@ class Migration {
                       const std::string& newName);
 
  private:
-  friend class Store;
-  Migration(void* db, std::uint64_t oldVersion) : db_(db), oldVersion_(oldVersion) {}
-  void* db_;
+  friend class StoreAccess;
+  Migration(sqlite3* db, std::uint64_t oldVersion) : db_(db), oldVersion_(oldVersion) {}
+  sqlite3* db_;
   std::uint64_t oldVersion_;
 };
 
@@ -108,8 +112,10 @@ class Store : public std::enable_shared_from_this<Store> {
   std::shared_ptr<T> addOrUpdate(const std::shared_ptr<T>& object) {
     return std::static_pointer_cast<T>(addOrUpdate(std::shared_ptr<Object>(object)));
   }
-  /// addOrUpdate for each record, in order.
-  void addOrUpdateAll(const std::vector<std::shared_ptr<Object>>& objects);
+  /// addOrUpdate for each record (all of one class, else std::invalid_argument), in order.
+  /// Returns the records written (those of the list, with or without a key, not the ones
+  /// they reach) as live results in store order.
+  AnyResults addOrUpdateAll(const std::vector<std::shared_ptr<Object>>& objects);
   /// Deletes a managed record of this handle: removes it from every list and clears every
   /// link to it. Needs a write transaction.
   void remove(const std::shared_ptr<Object>& object);
@@ -122,6 +128,8 @@ class Store : public std::enable_shared_from_this<Store> {
   void removeAllExceptPrimaryKeys(const ObjectClass& objectClass,
                                   const std::vector<std::int64_t>& keys);
 
+  /// Whether the file's schema holds the class.
+  bool hasClass(const ObjectClass& objectClass) const;
   AnyResults objects(const ObjectClass& objectClass, const Predicate& predicate = {});
   /// The record whose primary key equals key (a null key finds a record stored without
   /// one), or nullptr. Throws std::logic_error for a class without a primary key.
@@ -139,8 +147,6 @@ class Store : public std::enable_shared_from_this<Store> {
   /// Increases with every change seen by this handle (its own or a commit elsewhere).
   std::uint64_t version();
 
-  struct Impl;
-
  private:
   friend class Object;
   friend class AnyResults;
@@ -150,14 +156,12 @@ class Store : public std::enable_shared_from_this<Store> {
   Store(std::string path, std::uint64_t schemaVersion);
   void checkThread() const;
   void checkWrite() const;
-  void removeRowsSelectedBy(const ObjectClass& objectClass, std::string ClassInfo::*query,
-                            const std::vector<std::int64_t>& keys);
 
   std::string path_;
   std::uint64_t schemaVersion_;
   std::thread::id thread_;
   bool inWrite_ = false;
-  std::unique_ptr<Impl> impl_;
+  std::unique_ptr<detail::StoreImpl> impl_;
 };
 
 /// RAII write transaction: commit() or roll back on destruction.

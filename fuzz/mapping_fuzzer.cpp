@@ -1,0 +1,96 @@
+// Arbitrary service answers through the JSON-to-record mapping of every record class.
+//
+// Input: the record class's name and a newline, then the answer's bytes ("QVLPost\n{...}").
+// An input whose first line names no class picks one by its first byte. Each answer is
+// parsed as the client parses it, mapped against a store that keeps what earlier inputs
+// stored (so merging with stored twins is exercised), written, and turned back into JSON.
+// Rejections the mapping documents (QVLMappingError, a discarded non-JSON answer) are
+// expected; anything else that escapes, and every sanitizer report, is a finding.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/Platform/Env.h"
+
+namespace {
+
+std::shared_ptr<qvl::Store> store;
+
+const QVLModelClass& pickClass(std::string_view& input) {
+  const auto& classes = QVLRealm::objectClasses();
+  const size_t newline = input.find('\n');
+  if (newline != std::string_view::npos) {
+    for (auto ref : classes) {
+      if (ref().name() == input.substr(0, newline)) {
+        input.remove_prefix(newline + 1);
+        return static_cast<const QVLModelClass&>(ref());
+      }
+    }
+  }
+  const auto selector = input.empty() ? 0u : static_cast<unsigned char>(input.front());
+  return static_cast<const QVLModelClass&>(classes[selector % classes.size()]());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // tmpfs when there is one: every input commits a write transaction.
+  std::filesystem::path base = std::filesystem::exists("/dev/shm")
+                                   ? std::filesystem::path("/dev/shm")
+                                   : std::filesystem::temp_directory_path();
+  std::string dir = (base / "quorvel-fuzz-XXXXXX").string();
+  if (!mkdtemp(dir.data())) std::abort();
+  qvl::Env::update([&](qvl::Env& env) {
+    env.storeDirectory = dir;
+    env.logSink = [](std::string_view) {};  // rejections are logged; keep the run quiet
+  });
+  store = QVLRealm::realm();
+  if (!store) std::abort();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  const QVLModelClass& cls = pickClass(input);
+
+  nlohmann::json answer;
+  try {
+    answer = QVLApiModel::parseJSONData(input);
+  } catch (const QVLMappingError&) {
+    return 0;  // nested too deep
+  }
+  if (answer.is_discarded()) return 0;
+
+  std::vector<std::shared_ptr<QVLApiModel>> records;
+  if (answer.is_array()) {
+    std::vector<QVLError> rejected;
+    records = QVLApiModel::newObjectsWithJSONArray(cls, answer, store.get(), &rejected);
+  } else if (cls.primaryKeyIndex() >= 0) {  // classes without a key are never parsed singly
+    try {
+      records.push_back(QVLApiModel::newObjectWithJSONDictionary(cls, answer, store.get()));
+    } catch (const QVLMappingError&) {
+      return 0;
+    }
+  }
+  for (const auto& record : records) (void)record->toDictionary().dump();
+  if (!records.empty() && cls.primaryKeyIndex() >= 0) {
+    store->write([&] {
+      store->addOrUpdateAll(
+          std::vector<std::shared_ptr<qvl::Object>>(records.begin(), records.end()));
+    });
+    for (const auto& record : records) {
+      auto stored = store->object(cls, record->primaryKeyValue());
+      if (!stored) std::abort();  // what was just written must be found by its key
+      (void)std::static_pointer_cast<QVLApiModel>(stored)->toDictionary().dump();
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,195 @@
+// The SQL of the store: statements derived from each class once, and the tables a file
+// needs.
+
+#include <mutex>
+
+#include "Store/StoreImpl.h"
+
+namespace qvl {
+
+Statement prepare(sqlite3* db, const std::string& sql, unsigned flags) {
+  sqlite3_stmt* stmt = nullptr;
+  int rc = sqlite3_prepare_v3(db, sql.c_str(), -1, flags, &stmt, nullptr);
+  Statement owned(stmt);
+  if (rc != SQLITE_OK || !owned) {
+    throw StoreError("store: cannot prepare " + sql + ": " + sqlite3_errmsg(db));
+  }
+  return owned;
+}
+
+void execute(sqlite3* db, const std::string& sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message ? message : sqlite3_errmsg(db);
+    sqlite3_free(message);
+    throw StoreError("store: " + sql + ": " + text);
+  }
+}
+
+std::string join(const std::vector<std::string>& parts, const char* separator) {
+  std::string out;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    if (i) out += separator;
+    out += parts[i];
+  }
+  return out;
+}
+
+std::string quoteIdentifier(const std::string& name) {
+  std::string out = "\"";
+  for (char c : name) {
+    if (c == '"') out += '"';
+    out += c;
+  }
+  out += '"';
+  return out;
+}
+
+namespace {
+
+const char* columnType(PropertyKind kind) {
+  switch (kind) {
+    case PropertyKind::Double:
+      return "REAL";
+    case PropertyKind::String:
+      return "TEXT";
+    default:
+      return "INTEGER";
+  }
+}
+
+std::unique_ptr<ClassInfo> buildClassInfo(const ObjectClass& cls) {
+  auto info = std::make_unique<ClassInfo>();
+  info->objectClass = &cls;
+  info->table = quoteIdentifier(cls.name());
+  const auto& props = cls.properties();
+  info->columnOfProperty.assign(props.size(), -1);
+  info->listOfProperty.assign(props.size(), -1);
+  info->updateColumn.resize(props.size());
+  info->clearLinksIn.resize(props.size());
+  const std::string& T = info->table;
+  const std::string inRows = " IN (SELECT value FROM json_each(?))";
+  std::vector<std::string> names;
+  for (size_t i = 0; i < props.size(); ++i) {
+    const Property& p = props[i];
+    if (p.kind == PropertyKind::LinkingObjects) continue;
+    if (p.kind == PropertyKind::List) {
+      ClassInfo::ListInfo l;
+      l.property = static_cast<int>(i);
+      l.table = quoteIdentifier(cls.name() + "." + p.name);
+      l.selectTargets = "SELECT target FROM " + l.table + " WHERE owner=? ORDER BY position";
+      l.deleteOwner = "DELETE FROM " + l.table + " WHERE owner=?";
+      l.insertLink = "INSERT INTO " + l.table + "(owner,position,target) VALUES(?,?,?)";
+      l.nextPosition = "SELECT IFNULL(MAX(position)+1,0) FROM " + l.table + " WHERE owner=?";
+      l.count = "SELECT COUNT(*) FROM " + l.table + " WHERE owner=?";
+      l.deleteOwnersIn = "DELETE FROM " + l.table + " WHERE owner" + inRows;
+      l.deleteTargetsIn = "DELETE FROM " + l.table + " WHERE target" + inRows;
+      l.target = &p.target();
+      info->listOfProperty[i] = static_cast<int>(info->lists.size());
+      info->lists.push_back(std::move(l));
+      continue;
+    }
+    std::string q = quoteIdentifier(p.name);
+    info->columnOfProperty[i] = static_cast<int>(info->columns.size());
+    info->columns.push_back(static_cast<int>(i));
+    names.push_back(q);
+    info->updateColumn[i] = "UPDATE " + T + " SET " + q + "=? WHERE _rowid=?";
+    if (p.kind == PropertyKind::Link) {
+      info->clearLinksIn[i] = "UPDATE " + T + " SET " + q + "=NULL WHERE " + q + inRows;
+    }
+  }
+  std::string cols = join(names, ",");
+  std::vector<std::string> marks(names.size(), "?");
+  info->selectRow =
+      "SELECT _rowid" + (cols.empty() ? "" : "," + cols) + " FROM " + T + " WHERE _rowid=?";
+  info->exists = "SELECT 1 FROM " + T + " WHERE _rowid=?";
+  info->deleteRowsIn = "DELETE FROM " + T + " WHERE _rowid" + inRows;
+  if (names.empty()) {
+    info->insert = "INSERT INTO " + T + " DEFAULT VALUES RETURNING _rowid";
+  } else {
+    info->insert =
+        "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") + ") RETURNING _rowid";
+    std::vector<std::string> sets;
+    for (size_t c = 0; c < names.size(); ++c) sets.push_back(names[c] + "=?");
+    info->updateRow = "UPDATE " + T + " SET " + join(sets, ",") + " WHERE _rowid=?";
+  }
+  if (cls.primaryKeyIndex() >= 0) {
+    std::string pk = quoteIdentifier(cls.primaryKey());
+    info->rowForKey = "SELECT _rowid FROM " + T + " WHERE " + pk + "=?";
+    info->rowForNullKey = "SELECT _rowid FROM " + T + " WHERE " + pk + " IS NULL LIMIT 1";
+    info->rowsForKeysIn = "SELECT _rowid FROM " + T + " WHERE " + pk + inRows;
+    info->rowsNotForKeysIn =
+        "SELECT _rowid FROM " + T + " WHERE " + pk + " IS NULL OR " + pk + " NOT" + inRows;
+    std::vector<std::string> updates;
+    for (const auto& n : names) {
+      if (n != pk) updates.push_back(n + "=excluded." + n);
+    }
+    if (updates.empty()) updates.push_back(pk + "=excluded." + pk);
+    info->upsert = "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") +
+                   ") ON CONFLICT(" + pk + ") DO UPDATE SET " + join(updates, ",") +
+                   " RETURNING _rowid";
+  }
+  return info;
+}
+
+}  // namespace
+
+const ClassInfo& ClassInfo::of(const ObjectClass& objectClass) {
+  static std::mutex mutex;
+  static std::unordered_map<const ObjectClass*, std::unique_ptr<ClassInfo>> infos;
+  std::lock_guard lock(mutex);
+  auto& slot = infos[&objectClass];
+  if (!slot) slot = buildClassInfo(objectClass);
+  return *slot;
+}
+
+bool tableExists(sqlite3* db, const std::string& name) {
+  Statement stmt = prepare(db, "SELECT 1 FROM sqlite_master WHERE type='table' AND name=?");
+  sqlite3_bind_text(stmt.get(), 1, name.c_str(), -1, SQLITE_TRANSIENT);
+  return sqlite3_step(stmt.get()) == SQLITE_ROW;
+}
+
+std::unordered_set<std::string> columnsOf(sqlite3* db, const std::string& table) {
+  std::unordered_set<std::string> out;
+  Statement stmt = prepare(db, "PRAGMA table_info(" + quoteIdentifier(table) + ")");
+  while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+    out.insert(reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 1)));
+  }
+  return out;
+}
+
+void ensureSchema(sqlite3* db, const std::vector<const ClassInfo*>& infos) {
+  for (const ClassInfo* info : infos) {
+    const ObjectClass& cls = *info->objectClass;
+    if (!tableExists(db, cls.name())) {
+      std::string sql = "CREATE TABLE " + info->table + "(_rowid INTEGER PRIMARY KEY";
+      for (int index : info->columns) {
+        const Property& p = cls.property(index);
+        sql += "," + quoteIdentifier(p.name) + " " + columnType(p.kind);
+      }
+      execute(db, sql + ")");
+    } else {
+      auto existing = columnsOf(db, cls.name());
+      for (int index : info->columns) {
+        const Property& p = cls.property(index);
+        if (existing.count(p.name)) continue;
+        execute(db, "ALTER TABLE " + info->table + " ADD COLUMN " + quoteIdentifier(p.name) + " " +
+                        columnType(p.kind));
+      }
+    }
+    if (cls.primaryKeyIndex() >= 0) {
+      execute(db, "CREATE UNIQUE INDEX IF NOT EXISTS " + quoteIdentifier(cls.name() + ".key") +
+                      " ON " + info->table + "(" + quoteIdentifier(cls.primaryKey()) + ")");
+    }
+    for (const auto& list : info->lists) {
+      const std::string name = cls.name() + "." + cls.property(list.property).name;
+      execute(db, "CREATE TABLE IF NOT EXISTS " + list.table +
+                      "(owner INTEGER NOT NULL, position INTEGER NOT NULL, target INTEGER NOT NULL,"
+                      " PRIMARY KEY(owner, position)) WITHOUT ROWID");
+      execute(db, "CREATE INDEX IF NOT EXISTS " + quoteIdentifier(name + ".target") + " ON " +
+                      list.table + "(target)");
+    }
+  }
+}
+
+}  // namespace qvl
