@@ -1,0 +1,56 @@
+#pragma once
+// Registers the device as a push-message endpoint and attaches the guest to it.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/QVLError.h"
+
+/// Class operations only. The one piece of state is the endpoint id that the service gave
+/// the device, kept in the user defaults under "QVLPushManagerEndpointIdKey" (0: none yet).
+///
+/// Requests go through a session of QVLApiClient::sharedClient() (its standing headers and
+/// pinning) to the client's versioned base URL. Every completion runs exactly once: on the
+/// session's callback queue, except the early failure of
+/// updateGuestIdForEndpointWithCompletion(), which runs on the caller's thread before it
+/// returns. Errors: the transport's error; the client's error for a failure status
+/// ("QVLApiClientErrorDomain"); "QVLJSONErrorDomain" code 3840 for a create answer that is
+/// not JSON; "QVLPushManagerError" code 1 (no endpoint yet, {"info": "No existing endpoint
+/// id"}) or 500 (the create answer has no "id", or 0; the answer as user information). A
+/// failed create leaves the stored id alone. Nothing is logged or retried.
+class QVLPushManager {
+ public:
+  static constexpr const char* kErrorDomain = "QVLPushManagerError";
+  static constexpr const char* kJSONErrorDomain = "QVLJSONErrorDomain";
+  static constexpr const char* kEndpointIdKey = "QVLPushManagerEndpointIdKey";
+  using Completion = std::function<void(std::optional<QVLError> error)>;
+
+  QVLPushManager() = delete;
+
+  /// POST "endpoints" {"guest_id", "platform": "APNS", "token": hex}; stores the answer's
+  /// "id". `deviceToken` is the platform's raw token bytes.
+  static void createEndpointWithDeviceToken(const std::string& deviceToken, Completion completion);
+  /// PUT "endpoints/<id>" {"guest_id"} for the stored endpoint id.
+  static void updateGuestIdForEndpointWithCompletion(Completion completion);
+
+  static qvl::HttpRequest createRequestWithDeviceToken(const std::string& deviceToken);
+  static qvl::HttpRequest updateRequest();
+  /// A request with the method and the body as compact JSON; no headers (the session adds
+  /// the client's).
+  static qvl::HttpRequest requestWithURL(std::string url, std::string method,
+                                         const nlohmann::json& body);
+  /// "APNS".
+  static std::string platform();
+  /// The first guest's guestId, or 0 without a guest; read afresh on every call.
+  static std::int64_t guestId();
+  /// The bytes as plain lower-case hexadecimal, two digits each, no separators.
+  static std::string stringFromDeviceToken(const std::string& deviceToken);
+  static std::int64_t endpointId();
+  /// Stored and written through at once.
+  static void setEndpointId(std::int64_t endpointId);
+};

@@ -1,0 +1,54 @@
+#pragma once
+// The shops the guest follows.
+
+#include <atomic>
+#include <memory>
+
+#include "quorvel/Models/QVLGuest.h"
+#include "quorvel/Models/QVLShop.h"
+
+namespace qvl {
+class CenterObservation;
+}
+
+/// The process's subscription manager. The subscriptions are the current guest's `shops`
+/// list (the first guest in the store). A subscribe or unsubscribe that changes the list
+/// writes it in one transaction and sets changesMadeSinceLastSync(); no notification is
+/// posted. When the application enters the background and the flag is set, the whole list
+/// goes to the service ("subscriptions") in a background task "SyncSubscriptions"; a
+/// successful answer clears the flag, a failure logs "Something went wrong when syncing
+/// relations: <error>" and leaves it set. The flag is not kept across runs.
+///
+/// Threads: calls run on the calling thread against its store handle; shops passed in must
+/// be records of that handle. The sync's answer touches only the flag (atomic) and the
+/// background task.
+///
+/// Creation and environment: as QVLInboxManager.
+class QVLSubscriptionManager {
+ public:
+  static constexpr const char* kSyncTaskName = "SyncSubscriptions";
+
+  static QVLSubscriptionManager& sharedManager();
+
+  /// Whether this stored shop record is in the guest's list. False for no shop; true for
+  /// every shop while there is no guest (the changes check for a guest themselves).
+  bool isShopSubscribedTo(const std::shared_ptr<QVLShop>& shop) const;
+  void subscribeToShop(const std::shared_ptr<QVLShop>& shop);
+  /// Removes the link; the shop record stays.
+  void unsubscribeFromShop(const std::shared_ptr<QVLShop>& shop);
+  void toggleSubscriptionForShop(const std::shared_ptr<QVLShop>& shop);
+  /// syncSubscriptions() when the list changed since the last successful sync.
+  void checkIfSyncShouldBeDone();
+  /// Sends the list whether it changed or not (needs a guest).
+  void syncSubscriptions();
+
+  std::shared_ptr<QVLGuest> currentGuest() const;
+  bool changesMadeSinceLastSync() const { return changesMadeSinceLastSync_.load(); }
+
+ private:
+  QVLSubscriptionManager();
+  ~QVLSubscriptionManager();
+
+  std::atomic<bool> changesMadeSinceLastSync_{false};
+  std::unique_ptr<qvl::CenterObservation> observation_;
+};

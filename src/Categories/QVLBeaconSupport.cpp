@@ -1,0 +1,19 @@
+#include "quorvel/Categories/QVLBeaconSupport.h"
+
+#include "quorvel/Managers/QVLBeaconManager.h"
+#include "quorvel/Platform/Env.h"
+
+bool QVLBeaconSupport::bluetoothEnabled() {
+  return QVLBeaconManager::sharedManager().bluetoothState() != qvl::BluetoothState::PoweredOff;
+}
+
+bool QVLBeaconSupport::hasAuthorizedLocationAlways() {
+  // The authorization is the service's, not the manager's: asking creates no manager.
+  const auto env = qvl::Env::current();
+  return env->locationService &&
+         env->locationService->authorizationStatus() == qvl::AuthorizationStatus::AuthorizedAlways;
+}
+
+bool QVLBeaconSupport::supportsBeacons() {
+  return QVLBeaconManager::sharedManager().bluetoothState() != qvl::BluetoothState::Unsupported;
+}

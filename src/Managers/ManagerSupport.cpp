@@ -1,0 +1,61 @@
+#include "Managers/ManagerSupport.h"
+
+#include <algorithm>
+
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Managers/QVLApiClient.h"
+#include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/Log.h"
+#include "quorvel/Platform/NotificationCenter.h"
+
+namespace qvl {
+
+std::shared_ptr<QVLGuest> firstGuest() {
+  auto realm = QVLRealm::realm();
+  if (!realm) return nullptr;
+  auto guests = realm->objects<QVLGuest>();
+  return guests.empty() ? nullptr : guests.at(0);
+}
+
+std::string describe(const QVLError& error) {
+  return "Error Domain=" + error.domain + " Code=" + std::to_string(error.code) +
+         " UserInfo=" + (error.userInfo ? error.userInfo->dump() : std::string("{}"));
+}
+
+void syncInBackgroundTask(const std::string& taskName, const std::string& expiredLine,
+                          const std::string& failurePrefix, const AnyList& relations,
+                          const std::shared_ptr<QVLGuest>& guest,
+                          const std::optional<std::string>& relationship,
+                          std::atomic<bool>& changesFlag) {
+  // The task belongs to this environment's application, wherever the answer comes.
+  std::shared_ptr<Application> application = Env::current()->application;
+  const auto task = application->beginBackgroundTask(taskName, [expiredLine] { log(expiredLine); });
+  QVLApiClient::sharedClient().syncRelations(
+      relations, guest, relationship,
+      [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
+        if (error) {
+          log(failurePrefix + describe(*error));
+        } else {
+          changesFlag = false;
+        }
+        application->endBackgroundTask(task);
+      });
+}
+
+bool CenterObservation::observeCurrentCenter() {
+  std::shared_ptr<NotificationCenter> center = Env::current()->notificationCenter;
+  if (!center) return false;
+  std::lock_guard lock(mutex_);
+  std::erase_if(centers_, [](const auto& known) { return known.expired(); });
+  for (const auto& known : centers_) {
+    if (known.lock() == center) return false;
+  }
+  centers_.push_back(center);
+  for (const auto& [name, handler] : handlers_) {
+    center->addObserver(name, nullptr, [handler](const Notification&) { handler(); }).release();
+  }
+  return true;
+}
+
+}  // namespace qvl

@@ -1,0 +1,63 @@
+#include "quorvel/Managers/QVLSubscriptionManager.h"
+
+#include "Managers/ManagerSupport.h"
+#include "quorvel/Platform/Application.h"
+
+QVLSubscriptionManager::QVLSubscriptionManager()
+    : observation_(std::make_unique<qvl::CenterObservation>(
+          qvl::CenterObservation::Handlers{{qvl::Application::kDidEnterBackgroundNotification,
+                                            [this] { checkIfSyncShouldBeDone(); }}})) {}
+
+QVLSubscriptionManager::~QVLSubscriptionManager() = default;
+
+QVLSubscriptionManager& QVLSubscriptionManager::sharedManager() {
+  static QVLSubscriptionManager* instance = new QVLSubscriptionManager();
+  instance->observation_->observeCurrentCenter();
+  return *instance;
+}
+
+std::shared_ptr<QVLGuest> QVLSubscriptionManager::currentGuest() const { return qvl::firstGuest(); }
+
+bool QVLSubscriptionManager::isShopSubscribedTo(const std::shared_ptr<QVLShop>& shop) const {
+  if (!shop) return false;
+  auto guest = currentGuest();
+  // Without a guest there is no list, and the search answers "at 0" rather than "absent".
+  return !guest || guest->shops().indexOf(*shop).has_value();
+}
+
+void QVLSubscriptionManager::subscribeToShop(const std::shared_ptr<QVLShop>& shop) {
+  auto guest = currentGuest();
+  if (!shop || !guest || isShopSubscribedTo(shop)) return;
+  guest->store()->write([&] { guest->shops().append(shop); });
+  changesMadeSinceLastSync_ = true;
+}
+
+void QVLSubscriptionManager::unsubscribeFromShop(const std::shared_ptr<QVLShop>& shop) {
+  auto guest = currentGuest();
+  if (!shop || !guest) return;
+  auto shops = guest->shops();
+  auto index = shops.indexOf(*shop);
+  if (!index) return;
+  guest->store()->write([&] { shops.remove(*index); });
+  changesMadeSinceLastSync_ = true;
+}
+
+void QVLSubscriptionManager::toggleSubscriptionForShop(const std::shared_ptr<QVLShop>& shop) {
+  if (isShopSubscribedTo(shop)) {
+    unsubscribeFromShop(shop);
+  } else {
+    subscribeToShop(shop);
+  }
+}
+
+void QVLSubscriptionManager::checkIfSyncShouldBeDone() {
+  if (changesMadeSinceLastSync_) syncSubscriptions();
+}
+
+void QVLSubscriptionManager::syncSubscriptions() {
+  auto guest = currentGuest();
+  if (!guest) return;
+  qvl::syncInBackgroundTask(kSyncTaskName, "Syncing subscriptions task expired",
+                            "Something went wrong when syncing relations: ", guest->shops().any(),
+                            guest, "subscriptions", changesMadeSinceLastSync_);
+}

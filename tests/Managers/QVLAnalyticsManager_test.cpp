@@ -1,0 +1,159 @@
+#include "quorvel/Managers/QVLAnalyticsManager.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <set>
+
+#include "Managers/ServiceFixture.h"
+
+namespace managers_test {
+namespace {
+
+class QVLAnalyticsManagerTest : public ServiceTest {
+ protected:
+  static QVLAnalyticsManager& analytics() { return QVLAnalyticsManager::sharedManager(); }
+
+  template <class T, class Set>
+  static std::shared_ptr<T> record(std::int64_t id, Set set) {
+    auto r = std::make_shared<T>();
+    (r.get()->*set)(id);
+    return r;
+  }
+  static std::shared_ptr<QVLPost> post(std::int64_t id) {
+    return record<QVLPost>(id, &QVLPost::setPostId);
+  }
+  static std::shared_ptr<QVLBeacon> beacon(std::int64_t id) {
+    return record<QVLBeacon>(id, &QVLBeacon::setBeaconId);
+  }
+  void viewPost(std::int64_t id) {
+    analytics().startPostViewOfPost(post(id));
+    analytics().finishPostViewOfPost(post(id));
+  }
+  void viewBeacon(std::int64_t id) {
+    analytics().startBeaconViewOfBeacon(beacon(id));
+    analytics().finishBeaconViewOfBeacon(beacon(id));
+  }
+  template <class View>
+  static size_t stored() {
+    return QVLRealm::realm()->objects<View>().size();
+  }
+  void awaitStored(size_t posts, size_t beacons) {
+    EXPECT_TRUE(eventually([&] {
+      return stored<QVLPostView>() == posts && stored<QVLBeaconView>() == beacons;
+    })) << stored<QVLPostView>()
+        << " post views, " << stored<QVLBeaconView>() << " beacon views";
+  }
+};
+
+TEST_F(QVLAnalyticsManagerTest, ClosedViewsGoOutAsTheirJson) {
+  storeGuest(9);
+  auto audience = std::make_shared<QVLAudience>();
+  audience->setAudienceId(3);
+  analytics().startPostViewOfPost(post(5), audience);
+  analytics().startBeaconViewOfBeacon(beacon(7));
+  clock_->advance(90s);
+  analytics().finishPostViewOfPost(post(5));  // audiences are compared only when both exist
+  analytics().finishBeaconViewOfBeacon(beacon(7));
+
+  ASSERT_TRUE(awaitBodies("POST", "/v8/postviews", 1));
+  ASSERT_TRUE(awaitBodies("POST", "/v8/beaconviews", 1));
+  EXPECT_EQ(bodies("POST", "/v8/postviews")[0], (json{{"guest_id", 9},
+                                                      {"post_id", 5},
+                                                      {"audience_id", 3},
+                                                      {"time_in", "2026-01-01T00:00:00+0000"},
+                                                      {"time_out", "2026-01-01T00:01:30+0000"}}));
+  EXPECT_EQ(bodies("POST", "/v8/beaconviews")[0], (json{{"guest_id", 9},
+                                                        {"beacon_id", 7},
+                                                        {"enter", "2026-01-01T00:00:00+0000"},
+                                                        {"exit", "2026-01-01T00:01:30+0000"}}));
+}
+
+TEST_F(QVLAnalyticsManagerTest, OnlyViewsThatGotNoAnswerAreKeptAndGoOutInOneBatchPerType) {
+  storeGuest();
+  analytics();
+  server_.setHandler([](const RecordedRequest&, httplib::Response& response) {
+    response.status = 422;  // refused
+  });
+  viewPost(1);
+  viewBeacon(2);
+  ASSERT_TRUE(eventually([&] { return completions() >= 2; }));
+  awaitStored(0, 0);
+
+  serviceAt(refusingPort());
+  viewPost(3);
+  viewPost(4);
+  viewBeacon(5);
+  awaitStored(2, 1);
+
+  serviceAt(server_.port());
+  server_.setHandler({});
+  application_->didBecomeActive();
+  awaitStored(0, 0);
+  const auto postBatches = bodies("POST", "/v8/postviews");
+  const auto beaconBatches = bodies("POST", "/v8/beaconviews");
+  ASSERT_EQ(postBatches.size(), 2u);  // the refused view, then one batch
+  ASSERT_EQ(beaconBatches.size(), 2u);
+  // Kept in the order the failures came, which is any order.
+  std::set<std::int64_t> batched;
+  for (const auto& view : postBatches[1]) batched.insert(view["post_id"].get<std::int64_t>());
+  EXPECT_EQ(batched, (std::set<std::int64_t>{3, 4}));
+  EXPECT_EQ(beaconBatches[1][0]["beacon_id"], 5);
+}
+
+TEST_F(QVLAnalyticsManagerTest, ABatchInFlightHoldsOffTheNextAndARefusedBatchIsDiscarded) {
+  storeGuest();
+  serviceAt(refusingPort());
+  viewPost(1);
+  viewPost(2);
+  awaitStored(2, 0);
+
+  serviceAt(server_.port());
+  std::mutex mutex;
+  std::condition_variable released;
+  bool release = false;
+  server_.setHandler([&](const RecordedRequest&, httplib::Response& response) {
+    std::unique_lock lock(mutex);
+    released.wait_for(lock, 10s, [&] { return release; });
+    response.status = 500;
+  });
+  analytics().sendAllFinishedViews();
+  ASSERT_TRUE(server_.waitForRequests(1, 20s));
+  EXPECT_TRUE(analytics().sendingPostViews());
+  viewPost(3);  // a single view, sent while the batch is on its way
+  analytics().sendFinishedPostViews();
+  EXPECT_FALSE(server_.waitForRequests(3, 300ms));  // the single view only, no second batch
+  {
+    std::lock_guard lock(mutex);
+    release = true;
+  }
+  released.notify_all();
+  awaitStored(0, 0);
+  EXPECT_TRUE(eventually([&] { return !analytics().sendingPostViews(); }));
+}
+
+TEST_F(QVLAnalyticsManagerTest, AThousandViewsFinishedOfflineReachTheServiceOnceAfterARestart) {
+  storeGuest();
+  serviceAt(refusingPort());
+  for (int id = 1; id <= 1000; ++id) viewPost(id);
+  awaitStored(1000, 0);
+
+  // A new run: another environment (its own notification centre) and store handle over the
+  // same store file. The manager's first use there sends what the last run kept.
+  qvl::Store::closeThreadHandles();
+  change([this](qvl::Env& env) {
+    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
+    env.apiDomain = "localhost:" + std::to_string(server_.port());
+  });
+  analytics();
+  awaitStored(0, 0);
+  std::multiset<std::int64_t> received;
+  for (const auto& batch : bodies("POST", "/v8/postviews")) {
+    for (const auto& view : batch) received.insert(view["post_id"].get<std::int64_t>());
+  }
+  EXPECT_EQ(received.size(), 1000u);
+  EXPECT_EQ(std::set<std::int64_t>(received.begin(), received.end()).size(), 1000u);
+}
+
+}  // namespace
+}  // namespace managers_test

@@ -1,0 +1,370 @@
+#include "quorvel/Managers/QVLBeaconManager.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Managers/ServiceFixture.h"
+#include "quorvel/Categories/QVLWeakPointerArray.h"
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Managers/QVLAnalyticsManager.h"
+#include "quorvel/Models/QVLGuest.h"
+#include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/Platform/NotificationCenter.h"
+#include "support/RecordingTransport.h"
+#include "support/TempDir.h"
+
+namespace {
+
+using qvl::BeaconRegion;
+using qvl::Proximity;
+using qvl::RangedBeacon;
+
+const qvl::Uuid kUuid = *qvl::Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+const qvl::Uuid kOtherUuid = *qvl::Uuid::parse("B9407F30-F5F8-466E-AFF9-25556B57FE6D");
+
+// A location service and Bluetooth central that the test drives: calls are recorded,
+// events go to the delegate through the environment's main queue.
+class FakeServices : public qvl::LocationService, public qvl::BluetoothCentral {
+ public:
+  std::vector<qvl::Region> monitored;
+  std::vector<BeaconRegion> ranged;
+  qvl::BluetoothState bluetooth = qvl::BluetoothState::PoweredOn;
+
+  void setDelegate(std::weak_ptr<qvl::LocationServiceDelegate> d) override { location_ = d; }
+  std::vector<qvl::Region> monitoredRegions() const override { return monitored; }
+  void startMonitoring(const qvl::Region& region) override {
+    stopMonitoring(region);
+    monitored.push_back(region);
+  }
+  void stopMonitoring(const qvl::Region& region) override {
+    std::erase_if(monitored, [&](const qvl::Region& r) {
+      return qvl::regionIdentifier(r) == qvl::regionIdentifier(region);
+    });
+  }
+  void startRanging(const BeaconRegion& region) override { ranged.push_back(region); }
+  void stopRanging(const BeaconRegion& region) override { std::erase(ranged, region); }
+  std::vector<BeaconRegion> rangedRegions() const override { return ranged; }
+  qvl::AuthorizationStatus authorizationStatus() const override {
+    return qvl::AuthorizationStatus::AuthorizedAlways;
+  }
+  void requestAlwaysAuthorization() override {}
+  qvl::BluetoothState state() const override { return bluetooth; }
+  void setDelegate(std::weak_ptr<qvl::BluetoothCentralDelegate> d) override { central_ = d; }
+
+  void report(std::vector<RangedBeacon> beacons) {
+    deliver([=, this] {
+      if (auto d = location_.lock())
+        d->didRangeBeacons(beacons, BeaconRegion::withUuid(kUuid, "Beacons"));
+    });
+  }
+  void enter(qvl::Region region) {
+    deliver([=, this] {
+      if (auto d = location_.lock()) d->didEnterRegion(region);
+    });
+  }
+  void switchBluetooth(qvl::BluetoothState state) {
+    bluetooth = state;
+    deliver([=, this] {
+      if (auto d = central_.lock()) d->bluetoothCentralDidUpdateState(state);
+    });
+  }
+
+ private:
+  void deliver(std::function<void()> event) {
+    auto queue = qvl::Env::current()->mainQueue;
+    queue->async(std::move(event));
+    queue->runUntilIdle();
+  }
+  std::weak_ptr<qvl::LocationServiceDelegate> location_;
+  std::weak_ptr<qvl::BluetoothCentralDelegate> central_;
+};
+
+std::string ids(const std::vector<std::shared_ptr<QVLBeacon>>& beacons) {
+  std::string text;
+  for (const auto& b : beacons) text += (text.empty() ? "" : ",") + std::to_string(*b->beaconId());
+  return text.empty() ? "-" : text;
+}
+
+// Writes what it hears, one line per call, to a shared log.
+class LoggingDelegate : public QVLBeaconManagerDelegate {
+ public:
+  LoggingDelegate(std::shared_ptr<std::vector<std::string>> log, std::string name)
+      : log_(std::move(log)), name_(std::move(name)) {}
+  void beaconManagerDidRangeCLBeacons(const std::vector<RangedBeacon>& b) override {
+    add("ranged " + std::to_string(b.size()));
+  }
+  void beaconManagerClosestBeaconChangedTo(const std::shared_ptr<QVLBeacon>& b) override {
+    add("closest " + (b ? std::to_string(*b->beaconId()) : std::string("none")));
+  }
+  void beaconManagerDidRangeActiveBeacons(
+      const std::vector<std::shared_ptr<QVLBeacon>>& b) override {
+    add("active " + ids(b));
+  }
+  void beaconManagerDidRangeBeacons(const std::vector<std::shared_ptr<QVLBeacon>>& b) override {
+    add("beacons " + ids(b));
+  }
+  void beaconManagerDidEnterRegionWithBeacon(const std::shared_ptr<QVLBeacon>& b) override {
+    add("enter beacon " + std::to_string(*b->beaconId()));
+  }
+  void beaconManagerDidEnterRegion(const BeaconRegion& r) override {
+    add("enter region " + r.identifier);
+  }
+  void beaconManagerDidEnterRegionWithGeofence(const std::shared_ptr<QVLGeofence>& g) override {
+    add("enter geofence " + (g ? std::to_string(*g->geofenceId()) : std::string("none")));
+  }
+  void beaconManagerDidChangeBluetoothState(qvl::BluetoothState s) override {
+    add("bluetooth " + std::to_string(static_cast<int>(s)));
+  }
+
+ private:
+  void add(const std::string& line) { log_->push_back(name_.empty() ? line : name_ + ": " + line); }
+  std::shared_ptr<std::vector<std::string>> log_;
+  std::string name_;
+};
+
+class QVLBeaconManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store({guest(), beacon(1, 1, true), beacon(2, 2, true), beacon(3, 3, false)});
+    manager().addDelegate(delegate_);
+  }
+  // Open views live in the process-wide analytics manager: none may reach the next test.
+  void TearDown() override { manager().analyticsManager().finishAllUnfinishedBeaconViews(); }
+
+  static QVLBeaconManager& manager() { return QVLBeaconManager::sharedManager(); }
+
+  static std::shared_ptr<QVLApiModel> guest() {
+    auto g = std::make_shared<QVLGuest>();
+    g->setGuestId(9);
+    return g;
+  }
+  // Beacon `id` of kUuid, major 100, the given minor; active when it has a post.
+  static std::shared_ptr<QVLApiModel> beacon(std::int64_t id, std::int64_t minor, bool active) {
+    auto b = std::make_shared<QVLBeacon>();
+    b->setBeaconId(id);
+    b->setUuidString(kUuid.toString());
+    b->setMajor(100);
+    b->setMinor(minor);
+    if (active) {
+      auto post = std::make_shared<QVLPost>();
+      post->setPostId(100 + id);
+      b->posts().append(post);
+    }
+    return b;
+  }
+  void store(const std::vector<std::shared_ptr<QVLApiModel>>& records) {
+    auto realm = QVLRealm::realm();
+    realm->write([&] {
+      for (const auto& r : records) realm->addOrUpdate(r);
+    });
+  }
+  std::shared_ptr<QVLBeacon> stored(std::int64_t id) {
+    return QVLRealm::realm()->object<QVLBeacon>(id);
+  }
+  void watch(std::initializer_list<std::int64_t> beaconIds) {
+    for (auto id : beaconIds) manager().startSearchingForBeacon(stored(id));
+  }
+  static RangedBeacon sighting(std::int64_t minor, Proximity proximity = Proximity::Near,
+                               double accuracy = 1.5) {
+    return {kUuid, 100, static_cast<std::uint16_t>(minor), proximity, accuracy, -60};
+  }
+  std::vector<std::string> takeLog() { return std::exchange(*log_, {}); }
+
+  qvl::test::TempDir directory_;
+  std::shared_ptr<FakeServices> services_ = std::make_shared<FakeServices>();
+  std::shared_ptr<qvl::test::RecordingTransport> transport_ =
+      std::make_shared<qvl::test::RecordingTransport>();
+  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+    env.mainQueue = std::make_shared<qvl::MainQueue>();
+    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
+    env.application = std::make_shared<qvl::Application>();
+    env.locationService = services_;
+    env.bluetoothCentral = services_;
+    env.transport = transport_;
+    env.storeDirectory = directory_.path();
+  }};
+  std::shared_ptr<std::vector<std::string>> log_ = std::make_shared<std::vector<std::string>>();
+  std::shared_ptr<LoggingDelegate> delegate_ = std::make_shared<LoggingDelegate>(log_, "");
+};
+
+TEST_F(QVLBeaconManagerTest, RangingReportsTellDelegatesInOrder) {
+  struct Case {
+    const char* name;
+    std::vector<std::int64_t> watched;
+    bool rawRegion;
+    std::vector<std::vector<RangedBeacon>> reports;
+    std::vector<std::string> log;
+  };
+  const std::vector<Case> cases = {
+      {"the same closest beacon is announced once",
+       {1, 2},
+       false,
+       {{sighting(2), sighting(1)}, {sighting(2, Proximity::Far), sighting(1)}},
+       {"ranged 2", "closest 2", "active 2,1", "beacons 2,1", "ranged 2", "active 2,1",
+        "beacons 2,1"}},
+      {"an empty report clears the closest beacon and tells nothing else",
+       {1},
+       false,
+       {{sighting(1)}, {}},
+       {"ranged 1", "closest 1", "active 1", "beacons 1", "ranged 0", "closest none"}},
+      {"ranging for a raw region alone gives the raw list only",
+       {},
+       true,
+       {{sighting(1), sighting(2)}},
+       {"ranged 2"}},
+      {"sighted beacons all inactive: no closest beacon",
+       {3},
+       false,
+       {{sighting(3)}},
+       {"ranged 1", "active -", "beacons 3"}},
+      {"unknown proximity or accuracy -1 are left out",
+       {1, 2},
+       false,
+       {{sighting(1, Proximity::Unknown), sighting(2, Proximity::Immediate, -1)}},
+       {"ranged 2", "active -", "beacons -"}},
+      {"an unwatched beacon maps to nothing; the next active one is closest",
+       {1, 2},
+       false,
+       {{sighting(7), sighting(3), sighting(2)}},
+       {"ranged 3", "closest 2", "active 2", "beacons 2"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    manager().stopSearchingForBeacons();
+    manager().stopSearchingForBeaconRegion(BeaconRegion::withUuid(kUuid, "raw"));
+    for (auto id : c.watched) manager().startSearchingForBeacon(stored(id));
+    if (c.rawRegion) manager().startSearchingForBeaconRegion(BeaconRegion::withUuid(kUuid, "raw"));
+    takeLog();
+    for (const auto& report : c.reports) services_->report(report);
+    EXPECT_EQ(takeLog(), c.log);
+  }
+}
+
+TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
+  const BeaconRegion rangingFirst = BeaconRegion::withUuid(kUuid, "Beacons");
+  auto other = std::static_pointer_cast<QVLBeacon>(beacon(4, 4, true));
+  other->setUuidString(kOtherUuid.toString());
+  store({other});
+  watch({1, 4});
+  EXPECT_EQ(services_->ranged, std::vector<BeaconRegion>{rangingFirst});
+  const auto raw = BeaconRegion::withUuid(kOtherUuid, "raw");
+  const auto raw2 = BeaconRegion::withMajor(kOtherUuid, 1, "raw2");
+  manager().startSearchingForBeaconRegion(raw);
+  manager().startSearchingForBeaconRegion(raw2);
+  manager().stopSearchingForBeacon(stored(1));
+  manager().stopSearchingForBeacon(stored(4));  // the raw regions keep ranging on
+  EXPECT_EQ(services_->ranged, std::vector<BeaconRegion>{rangingFirst});
+  manager().stopSearchingForBeaconRegion(raw);  // no beacon record left: ranging stops
+  EXPECT_TRUE(services_->ranged.empty());
+  EXPECT_TRUE(manager().isCLBeaconRegionMonitoring(raw2));
+
+  watch({1});
+  services_->report({sighting(1)});
+  manager().setRangedUUID(kUuid);  // the same UUID restarts ranging and clears the closest
+  EXPECT_EQ(services_->ranged, std::vector<BeaconRegion>{rangingFirst});
+  EXPECT_EQ(takeLog().back(), "closest none");
+  EXPECT_EQ(manager().closestBeacon(), nullptr);
+}
+
+TEST_F(QVLBeaconManagerTest, RegionEntriesReachTheMatchingDelegateOperation) {
+  auto geofence = std::make_shared<QVLGeofence>();
+  geofence->setGeofenceId(12);
+  geofence->setRadius(50);
+  store({geofence});
+  manager().startSearchingForGeofence(geofence);
+  manager().startSearchingForBeaconRegion(BeaconRegion::withUuid(kUuid, "raw"));
+  watch({1});
+  takeLog();
+
+  services_->enter(BeaconRegion::withUuid(kUuid, "raw"));
+  EXPECT_EQ(takeLog(), std::vector<std::string>{"enter region raw"});
+  EXPECT_TRUE(manager().analyticsManager().unfinishedBeaconViews().empty());
+
+  services_->enter(*stored(1)->beaconRegion());
+  EXPECT_EQ(takeLog(), std::vector<std::string>{"enter beacon 1"});
+  EXPECT_TRUE(manager().analyticsManager().beaconViewIsStarted(1));
+
+  services_->enter(geofence->region());
+  auto realm = QVLRealm::realm();
+  realm->write([&] { realm->remove(realm->object<QVLGeofence>(12)); });
+  services_->enter(geofence->region());
+  EXPECT_EQ(takeLog(), (std::vector<std::string>{"enter geofence 12", "enter geofence none"}));
+  // The identifier's leading integer names the geofence.
+  EXPECT_EQ(manager().geofenceFromCLCircularRegion({{}, 1, "12abc"}), nullptr);
+  store({geofence});
+  EXPECT_EQ(*manager().geofenceFromCLCircularRegion({{}, 1, "12abc"})->geofenceId(), 12);
+}
+
+TEST_F(QVLBeaconManagerTest, BluetoothOffFinishesBeaconViewsBeforeTheNotification) {
+  watch({1, 2});
+  services_->report({sighting(1), sighting(2)});
+  ASSERT_EQ(manager().analyticsManager().unfinishedBeaconViews().size(), 2u);
+  auto observer = qvl::NotificationCenter::defaultCenter().addObserver(
+      QVLBeaconManager::kDidChangeBluetoothStateNotification, nullptr,
+      [&](const qvl::Notification& n) {
+        log_->push_back(
+            "notified, open views " +
+            std::to_string(manager().analyticsManager().unfinishedBeaconViews().size()));
+        EXPECT_EQ(std::any_cast<QVLBeaconManager*>(n.object), &manager());
+      });
+  takeLog();
+
+  services_->switchBluetooth(qvl::BluetoothState::PoweredOff);
+  EXPECT_EQ(takeLog(), (std::vector<std::string>{"bluetooth 4", "notified, open views 0"}));
+  EXPECT_TRUE(managers_test::eventually([&] { return transport_->requests().size() == 2; }));
+  EXPECT_EQ(services_->monitored.size(), 2u);  // the watches stay
+  // With Bluetooth off no view opens.
+  services_->report({sighting(1)});
+  EXPECT_TRUE(manager().analyticsManager().unfinishedBeaconViews().empty());
+}
+
+TEST_F(QVLBeaconManagerTest, ANewLocationServiceStartsFromAnEmptyWatchList) {
+  watch({1});
+  auto next = std::make_shared<FakeServices>();
+  next->monitored = {BeaconRegion::withUuid(kOtherUuid, "left by an earlier run"),
+                     qvl::CircularRegion{{1, 2}, 30, "7"}};
+  qvl::ScopedEnv rerun([&](qvl::Env& env) {
+    env.locationService = next;
+    env.bluetoothCentral = next;
+  });
+  EXPECT_TRUE(manager().searchingBeacons().empty());
+  EXPECT_TRUE(next->monitored.empty());
+  EXPECT_FALSE(manager().rangedUUID());
+}
+
+TEST_F(QVLBeaconManagerTest, ReleasedDelegatesAreSkippedAndTheirSlotsDropped) {
+  manager().removeDelegate(delegate_.get());
+  std::vector<std::shared_ptr<LoggingDelegate>> delegates;
+  for (const char* name : {"a", "b", "c", "d"}) {
+    delegates.push_back(std::make_shared<LoggingDelegate>(log_, name));
+    manager().addDelegate(delegates.back());
+  }
+  manager().addDelegate(delegates[1]);  // present already
+  delegates[0].reset();
+  delegates[2].reset();
+  services_->report({});
+  EXPECT_EQ(takeLog(), (std::vector<std::string>{"b: ranged 0", "d: ranged 0"}));
+
+  // Two emptied slots among live ones: compaction keeps exactly the live ones, in order.
+  QVLWeakPointerArray<int> list;
+  std::vector<std::shared_ptr<int>> objects;
+  for (int i = 0; i < 5; ++i) {
+    objects.push_back(std::make_shared<int>(i));
+    list.addObject(objects.back());
+  }
+  objects[0].reset();
+  objects[3].reset();
+  EXPECT_EQ(list.indexForObject(objects[4].get()), 2u);
+  EXPECT_EQ(list.count(), 3u);
+  list.removeObject(objects[1].get());
+  EXPECT_EQ(list.allObjects(), (std::vector<std::shared_ptr<int>>{objects[2], objects[4]}));
+  EXPECT_EQ(QVLWeakPointerArray<int>().indexForObject(nullptr), 9223372036854775807u);
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+#include "quorvel/Managers/QVLInboxManager.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "Managers/ServiceFixture.h"
+#include "quorvel/Managers/QVLSubscriptionManager.h"
+
+namespace managers_test {
+namespace {
+
+constexpr const char* kInboxPath = "/v8/guests/9/relationships/posts";
+constexpr const char* kSubscriptionsPath = "/v8/guests/9/relationships/subscriptions";
+
+class QVLInboxManagerTest : public ServiceTest {
+ protected:
+  void SetUp() override {
+    ServiceTest::SetUp();
+    guest_ = storeGuest(9);
+    inbox();
+    subscriptions();
+  }
+
+  static QVLInboxManager& inbox() { return QVLInboxManager::sharedManager(); }
+  static QVLSubscriptionManager& subscriptions() { return QVLSubscriptionManager::sharedManager(); }
+
+  // A stored post; with `expired`, its one period ended yesterday.
+  std::shared_ptr<QVLPost> storePost(std::int64_t id, bool expired = false) {
+    auto post = std::make_shared<QVLPost>();
+    post->setPostId(id);
+    if (expired) {
+      auto period = std::make_shared<QVLPostPeriod>();
+      period->setPostPeriodId(id);
+      period->setStart(clock_->now() - 48h);
+      period->setStop(clock_->now() - 24h);
+      post->periods().append(period);
+    }
+    return store(post);
+  }
+  std::shared_ptr<QVLShop> storeShop(std::int64_t id) {
+    auto shop = std::make_shared<QVLShop>();
+    shop->setShopId(id);
+    return store(shop);
+  }
+  template <class T>
+  std::shared_ptr<T> store(const std::shared_ptr<T>& record) {
+    auto realm = QVLRealm::realm();
+    std::shared_ptr<T> stored;
+    realm->write([&] { stored = realm->addOrUpdate(record); });
+    return stored;
+  }
+  // What a host about to exit does.
+  void enterBackgroundAndWait() {
+    application_->didEnterBackground();
+    EXPECT_TRUE(application_->waitForBackgroundTasks(20s));
+  }
+
+  std::shared_ptr<QVLGuest> guest_;
+};
+
+TEST_F(QVLInboxManagerTest, ChangedListsGoOutWhenTheApplicationEntersTheBackground) {
+  auto first = storePost(1);
+  auto second = storePost(2);
+  auto shop = storeShop(4);
+  inbox().addPost(first);
+  inbox().addPost(second);
+  inbox().markPostAsRead(first, true);
+  inbox().markPostAsSaved(second, true);
+  subscriptions().subscribeToShop(shop);
+  enterBackgroundAndWait();
+  enterBackgroundAndWait();  // nothing changed since: nothing is sent
+
+  subscriptions().toggleSubscriptionForShop(shop);
+  subscriptions().toggleSubscriptionForShop(shop);  // back as it was, still a change
+  enterBackgroundAndWait();
+
+  inbox().removeAllPosts();
+  subscriptions().unsubscribeFromShop(shop);
+  enterBackgroundAndWait();
+
+  EXPECT_EQ(bodies("PUT", kInboxPath),
+            (std::vector<json>{json::parse(R"([{"type":"posts","id":1,"read":true,"saved":false},
+                                               {"type":"posts","id":2,"read":false,"saved":true}])"),
+                               json::array()}));
+  const json subscribed = json::parse(R"([{"type":"shops","id":4}])");
+  EXPECT_EQ(bodies("PUT", kSubscriptionsPath),
+            (std::vector<json>{subscribed, subscribed, json::array()}));
+  EXPECT_FALSE(inbox().changesMadeSinceLastSync());
+  EXPECT_FALSE(subscriptions().changesMadeSinceLastSync());
+}
+
+TEST_F(QVLInboxManagerTest, AFailedSyncKeepsItsFlagAndTheNextBackgroundEntrySendsAgain) {
+  server_.setHandler([](const RecordedRequest&, httplib::Response& response) {
+    response.status = 500;
+    response.set_content(R"({"error":"down"})", "application/json");
+  });
+  inbox().addPost(storePost(1));
+  subscriptions().subscribeToShop(storeShop(4));
+  enterBackgroundAndWait();
+  EXPECT_TRUE(inbox().changesMadeSinceLastSync());
+  EXPECT_TRUE(subscriptions().changesMadeSinceLastSync());
+  const std::string error =
+      R"(Error Domain=QVLApiClientErrorDomain Code=500 UserInfo={"error":"down"})";
+  EXPECT_EQ(log_.count("Something went wrong when syncing posts (inbox): " + error), 1u);
+  EXPECT_EQ(log_.count("Something went wrong when syncing relations: " + error), 1u);
+
+  server_.setHandler({});
+  enterBackgroundAndWait();
+  EXPECT_EQ(bodies("PUT", kInboxPath).size(), 2u);
+  EXPECT_EQ(bodies("PUT", kSubscriptionsPath).size(), 2u);
+  EXPECT_FALSE(inbox().changesMadeSinceLastSync());
+  EXPECT_FALSE(subscriptions().changesMadeSinceLastSync());
+}
+
+TEST_F(QVLInboxManagerTest, TheBadgeCountsUnreadActivePostsOnTheMainQueueWhenEnabled) {
+  for (bool enabled : {false, true}) {
+    SCOPED_TRACE(enabled ? "enabled" : "disabled");
+    change([enabled](qvl::Env& env) {
+      env.bundleInfo["QuorvelSDK"]["AutoUpdateAppIconBadge"] = enabled;
+    });
+    inbox().removeAllPosts();
+    inbox().addPost(storePost(1));        // no periods: active, unread
+    inbox().addPost(storePost(2, true));  // expired
+    auto read = storePost(3);
+    inbox().addPost(read);
+    inbox().markPostAsRead(read, true);
+    EXPECT_EQ(application_->applicationIconBadgeNumber(), 0);  // not before the main queue runs
+    mainQueue_->runUntilIdle();
+    EXPECT_EQ(application_->applicationIconBadgeNumber(), enabled ? 1 : 0);
+    EXPECT_EQ(inbox().numberOfUnreadPosts(), 1u);
+  }
+}
+
+TEST_F(QVLInboxManagerTest, AGuestRefreshArrivingWhileTheInboxChangesLosesNothing) {
+  server_.setHandler([](const RecordedRequest&, httplib::Response& response) {
+    response.set_content(R"({"id":9,"first_name":"Ann"})", "application/json");
+  });
+  constexpr int kPosts = 40;
+  std::vector<std::shared_ptr<QVLPost>> posts;
+  for (int id = 1; id <= kPosts; ++id) posts.push_back(storePost(id));
+  std::atomic<int> refreshed = 0;
+  for (const auto& post : posts) {
+    QVLApiClient::sharedClient().getObject(
+        QVLGuest::modelClass(), 9, std::nullopt, std::nullopt,
+        [&refreshed](std::shared_ptr<QVLApiModel>, std::optional<QVLError>) { ++refreshed; });
+    inbox().addPost(post);
+  }
+  ASSERT_TRUE(eventually([&] { return refreshed == kPosts; }));
+  EXPECT_EQ(inbox().allPosts().size(), static_cast<size_t>(kPosts));
+  EXPECT_EQ(*QVLRealm::realm()->object<QVLGuest>(9)->firstName(), "Ann");
+}
+
+}  // namespace
+}  // namespace managers_test

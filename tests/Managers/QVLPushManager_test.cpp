@@ -1,0 +1,107 @@
+#include "quorvel/Managers/QVLPushManager.h"
+
+#include <atomic>
+#include <utility>
+
+#include "Managers/ServiceFixture.h"
+
+namespace managers_test {
+namespace {
+
+class QVLPushManagerTest : public ServiceTest {
+ protected:
+  // Runs one operation and waits for its completion; "no completion" fails the test.
+  template <class Start>
+  std::optional<QVLError> await(const Start& start) {
+    auto result = std::make_shared<std::pair<std::atomic<int>, std::optional<QVLError>>>();
+    start([result](std::optional<QVLError> error) {
+      result->second = std::move(error);
+      ++result->first;
+    });
+    EXPECT_TRUE(eventually([&] { return result->first == 1; }));
+    return result->second;
+  }
+  std::optional<QVLError> create(const std::string& token) {
+    return await([&](auto done) { QVLPushManager::createEndpointWithDeviceToken(token, done); });
+  }
+  std::optional<QVLError> attach() {
+    return await([](auto done) { QVLPushManager::updateGuestIdForEndpointWithCompletion(done); });
+  }
+  void answer(int status, std::string body) {
+    server_.setHandler([=](const RecordedRequest&, httplib::Response& response) {
+      response.status = status;
+      response.set_content(body, "application/json");
+    });
+  }
+};
+
+TEST_F(QVLPushManagerTest, EndpointIsCreatedWithTheTokenAndTheGuestAttached) {
+  EXPECT_EQ(QVLPushManager::stringFromDeviceToken(std::string("\x0a\xff\x00\x01", 4)), "0aff0001");
+  const std::string token(32, '\xab');
+  std::string hex;
+  for (int i = 0; i < 32; ++i) hex += "ab";
+  for (std::int64_t guest : {0, 9}) {  // without a guest the id sent is 0
+    SCOPED_TRACE(guest);
+    if (guest) storeGuest(guest);
+    const std::int64_t endpoint = 70 + guest;
+    answer(201, R"({"id": )" + std::to_string(endpoint) + "}");
+    EXPECT_EQ(create(token), std::nullopt);
+    EXPECT_EQ(QVLPushManager::endpointId(), endpoint);
+    EXPECT_EQ(attach(), std::nullopt);
+    EXPECT_EQ(bodies("POST", "/v8/endpoints").back(),
+              (json{{"guest_id", guest}, {"platform", "APNS"}, {"token", hex}}));
+    EXPECT_EQ(bodies("PUT", "/v8/endpoints/" + std::to_string(endpoint)).back(),
+              (json{{"guest_id", guest}}));
+  }
+}
+
+TEST_F(QVLPushManagerTest, FailuresReachTheCompletionAndLeaveTheEndpointAlone) {
+  bool calledBack = false;
+  QVLPushManager::updateGuestIdForEndpointWithCompletion([&](std::optional<QVLError> error) {
+    calledBack = true;
+    EXPECT_EQ(error,
+              (QVLError{"QVLPushManagerError", 1, json{{"info", "No existing endpoint id"}}}));
+  });
+  EXPECT_TRUE(calledBack);  // at once, on this thread: no request was made
+  EXPECT_TRUE(server_.requests().empty());
+
+  struct Case {
+    const char* name;
+    bool attach;
+    int status;
+    const char* body;
+    QVLError expected;
+  };
+  const std::vector<Case> cases = {
+      {"create answer without an id",
+       false,
+       201,
+       R"({"name":"x"})",
+       {"QVLPushManagerError", 500, json{{"name", "x"}}}},
+      {"create answer with id 0",
+       false,
+       200,
+       R"({"id":0})",
+       {"QVLPushManagerError", 500, json{{"id", 0}}}},
+      {"create refused",
+       false,
+       403,
+       R"({"error":"no"})",
+       {"QVLApiClientErrorDomain", 403, json{{"error", "no"}}}},
+      {"attach refused",
+       true,
+       404,
+       R"({"error":"gone"})",
+       {"QVLApiClientErrorDomain", 404, json{{"error", "gone"}}}},
+  };
+  QVLPushManager::setEndpointId(5);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    answer(c.status, c.body);
+    EXPECT_EQ(c.attach ? attach() : create("\x01"), c.expected);
+    EXPECT_EQ(QVLPushManager::endpointId(), 5);
+  }
+}
+
+}  // namespace
+}  // namespace managers_test

@@ -1,0 +1,148 @@
+#pragma once
+// The engagement managers' tests: a loopback HTTPS service and a private environment per
+// test (store, defaults, clock, main queue, notification centre, application, log).
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Managers/QVLApiClient.h"
+#include "quorvel/Models/QVLGuest.h"
+#include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/Executor.h"
+#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/Platform/NotificationCenter.h"
+#include "quorvel/Platform/PinValidator.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+#include "support/TestCertificates.h"
+#include "devserver/HttpsServer.h"
+
+namespace managers_test {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+using qvl::devserver::RecordedRequest;
+
+/// Polls until `condition` holds; false after `timeout`.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds timeout = 20s) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(2ms);
+  }
+  return true;
+}
+
+/// A loopback port nobody listens on: connecting is refused at once.
+inline int refusingPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+/// The standard worker pool, counting the jobs it finished (each answer's completion is one).
+class CountingExecutor : public qvl::Executor {
+ public:
+  void post(std::function<void()> job) override {
+    pool_->post([job = std::move(job), finished = finished_] {
+      job();
+      ++*finished;
+    });
+  }
+  size_t finished() const { return finished_->load(); }
+
+ private:
+  std::shared_ptr<qvl::Executor> pool_ = qvl::threadPoolExecutor();
+  std::shared_ptr<std::atomic<size_t>> finished_ = std::make_shared<std::atomic<size_t>>(0);
+};
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);
+    QVLApiClient::sharedClient().setupPinning();
+  }
+  void TearDown() override { qvl::Store::closeThreadHandles(); }
+
+  /// Changes the environment for the rest of the test.
+  void change(const std::function<void(qvl::Env&)>& edit) {
+    changes_.push_back(std::make_unique<qvl::ScopedEnv>(edit));
+  }
+  /// Points the client at another port of this machine.
+  void serviceAt(int port) {
+    change([port](qvl::Env& env) { env.apiDomain = "localhost:" + std::to_string(port); });
+  }
+
+  /// The requests the service received with this method and path, bodies parsed.
+  std::vector<json> bodies(const std::string& method, const std::string& path) const {
+    std::vector<json> found;
+    for (const auto& r : server_.requests()) {
+      if (r.method == method && r.path == path) found.push_back(json::parse(r.body));
+    }
+    return found;
+  }
+  bool awaitBodies(const std::string& method, const std::string& path, size_t count) const {
+    return eventually([&] { return bodies(method, path).size() >= count; });
+  }
+
+  std::shared_ptr<QVLGuest> storeGuest(std::int64_t id = 9) {
+    auto guest = std::make_shared<QVLGuest>();
+    guest->setGuestId(id);
+    auto realm = QVLRealm::realm();
+    std::shared_ptr<QVLGuest> stored;
+    realm->write([&] { stored = realm->addOrUpdate(guest); });
+    return stored;
+  }
+
+  /// Request completions (and other queued tasks) finished so far.
+  size_t completions() const { return executor_->finished(); }
+
+  qvl::test::TempDir directory_;
+  qvl::devserver::HttpsServer server_{qvl::test::TestCertificates::leaf()};
+  std::shared_ptr<qvl::ManualClock> clock_ = std::make_shared<qvl::ManualClock>();
+  std::shared_ptr<qvl::MainQueue> mainQueue_ = std::make_shared<qvl::MainQueue>();
+  std::shared_ptr<qvl::Application> application_ = std::make_shared<qvl::Application>();
+  std::shared_ptr<CountingExecutor> executor_ = std::make_shared<CountingExecutor>();
+  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+    env.clock = clock_;
+    env.executor = executor_;
+    env.mainQueue = mainQueue_;
+    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
+    env.application = application_;
+    env.pinValidator = std::make_shared<qvl::PinValidator>();
+    env.storeDirectory = directory_.file("store");
+    env.userDefaultsPath = directory_.file("host.defaults");
+    env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", "test-api-key"}}}};
+    env.apiDomain = "localhost:" + std::to_string(server_.port());
+    env.publicKeyHashes = {qvl::test::TestCertificates::leaf().pin};
+    env.trustAnchorsFile = qvl::test::TestCertificates::ca().certificatePath;
+  }};
+  qvl::test::LogCapture log_;
+  std::vector<std::unique_ptr<qvl::ScopedEnv>> changes_;  // undone first, latest first
+};
+
+}  // namespace managers_test
