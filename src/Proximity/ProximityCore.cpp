@@ -41,14 +41,15 @@ std::optional<BeaconFrame> parseBeaconFrame(std::uint16_t companyId,
 }
 
 std::vector<std::uint8_t> encodeBeaconFrame(const BeaconFrame& frame) {
-  std::vector<std::uint8_t> data{kIBeaconType, kIBeaconLength};
-  const Uuid::Bytes& bytes = frame.key.uuid.bytes();
-  data.insert(data.end(), bytes.begin(), bytes.end());
-  for (std::uint16_t value : {frame.key.major, frame.key.minor}) {
-    data.push_back(static_cast<std::uint8_t>(value >> 8));
-    data.push_back(static_cast<std::uint8_t>(value & 0xFF));
-  }
-  data.push_back(static_cast<std::uint8_t>(frame.measuredPower));
+  std::vector<std::uint8_t> data(kFrameSize);
+  data[0] = kIBeaconType;
+  data[1] = kIBeaconLength;
+  std::copy_n(frame.key.uuid.bytes().begin(), 16, data.begin() + 2);
+  data[18] = static_cast<std::uint8_t>(frame.key.major >> 8);
+  data[19] = static_cast<std::uint8_t>(frame.key.major & 0xFF);
+  data[20] = static_cast<std::uint8_t>(frame.key.minor >> 8);
+  data[21] = static_cast<std::uint8_t>(frame.key.minor & 0xFF);
+  data[22] = static_cast<std::uint8_t>(frame.measuredPower);
   return data;
 }
 
