@@ -328,7 +328,7 @@ TEST_F(DefaultStoreMergeTest, NestedListElementsMergeWithTheDefaultStoreNotTheHa
       {{"id", 1}, {"actions", {{{"id", 10}, {"pretty_name", "Visit"}, {"value", 5}}}}},
       store_.get()));
   qvl::StoreConfiguration otherFile = QVLRealm::configuration();
-  otherFile.path = directory_ + "/other.realm";
+  otherFile.path = directory_.file("other.realm");
   auto other = qvl::Store::open(otherFile);
 
   auto parsed = QVLGuest::newObjectWithJSONDictionary(

@@ -88,7 +88,7 @@ void FaultConnection::reset() {
   open_ = false;
 }
 
-FaultServer::FaultServer(FaultScript script, const TestCertificate& certificate)
+FaultServer::FaultServer(FaultScript script, const devserver::Certificate& certificate)
     : script_(std::move(script)) {
   ::signal(SIGPIPE, SIG_IGN);  // writes to a client that left must not kill the test
   context_ = SSL_CTX_new(TLS_server_method());

@@ -59,7 +59,7 @@ class FaultServer {
  public:
   /// Listens with an OS-chosen port and runs `script` for every connection.
   explicit FaultServer(FaultScript script,
-                       const TestCertificate& certificate = TestCertificates::leaf());
+                       const devserver::Certificate& certificate = TestCertificates::leaf());
   /// Stops accepting, wakes every paused script, unblocks every socket and joins.
   ~FaultServer();
   FaultServer(const FaultServer&) = delete;
