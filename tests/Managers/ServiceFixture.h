@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "devserver/HttpsServer.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLGuest.h"
@@ -32,7 +33,6 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TestCertificates.h"
-#include "devserver/HttpsServer.h"
 
 namespace managers_test {
 
