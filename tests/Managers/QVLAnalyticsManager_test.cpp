@@ -109,12 +109,16 @@ TEST_F(QVLAnalyticsManagerTest, ABatchInFlightHoldsOffTheNextAndARefusedBatchIsD
   awaitStored(2, 0);
 
   serviceAt(server_.port());
-  std::mutex mutex;
-  std::condition_variable released;
-  bool release = false;
-  server_.setHandler([&](const RecordedRequest&, httplib::Response& response) {
-    std::unique_lock lock(mutex);
-    released.wait_for(lock, 10s, [&] { return release; });
+  // Shared with the server's threads, which may still be returning when the test ends.
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable opened;
+    bool open = false;
+  };
+  auto gate = std::make_shared<Gate>();
+  server_.setHandler([gate](const RecordedRequest&, httplib::Response& response) {
+    std::unique_lock lock(gate->mutex);
+    gate->opened.wait_for(lock, 10s, [&] { return gate->open; });
     response.status = 500;
   });
   analytics().sendAllFinishedViews();
@@ -124,10 +128,10 @@ TEST_F(QVLAnalyticsManagerTest, ABatchInFlightHoldsOffTheNextAndARefusedBatchIsD
   analytics().sendFinishedPostViews();
   EXPECT_FALSE(server_.waitForRequests(3, 300ms));  // the single view only, no second batch
   {
-    std::lock_guard lock(mutex);
-    release = true;
+    std::lock_guard lock(gate->mutex);
+    gate->open = true;
   }
-  released.notify_all();
+  gate->opened.notify_all();
   awaitStored(0, 0);
   EXPECT_TRUE(eventually([&] { return !analytics().sendingPostViews(); }));
 }
