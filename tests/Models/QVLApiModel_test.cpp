@@ -88,10 +88,8 @@ class Thing : public QVLModel<Thing> {
   std::optional<std::string> html() const { return stringValue(kHtml); }
   std::optional<std::int64_t> amount() const { return optionalInt(kAmount); }
   bool localMark() const { return boolValue(kLocalMark); }
-  void setLocalMark(bool v) { setValue(kLocalMark, v); }
   std::shared_ptr<Part> cover() const { return linkAs<Part>(kCover); }
   qvl::List<Part> parts() { return qvl::List<Part>(shared_from_this(), kParts); }
-  qvl::List<Part> kept() { return qvl::List<Part>(shared_from_this(), kKept); }
 };
 
 class Bare : public QVLModel<Bare> {
@@ -162,18 +160,6 @@ TEST_F(MappingTest, EmptyArrayEmptiesAStoredListAndAMissingKeyKeepsIt) {
   EXPECT_EQ(store->objects<Part>().size(), 3u);  // the records themselves stay
 }
 
-TEST_F(MappingTest, ProtectedPropertiesSurviveEveryRefresh) {
-  auto stored = merge(kFull);
-  store->write([&] {
-    stored->setLocalMark(true);
-    stored->kept().append(store->object<Part>(20));
-  });
-  for (int i = 0; i < 3; ++i) stored = merge(kFull);
-  EXPECT_TRUE(stored->localMark());
-  ASSERT_EQ(stored->kept().size(), 1u);
-  EXPECT_EQ(stored->kept().at(0)->title(), "a");
-}
-
 TEST_F(MappingTest, AnExistingNestedRecordIsMergedByTheSameRules) {
   merge(kFull);
   // The nested cover omits "count" and nulls "title".
@@ -207,7 +193,6 @@ TEST_F(MappingTest, ToDictionaryWritesFlatKeysRelationKeysAndServiceDates) {
   EXPECT_EQ(out["flag"], true);
   EXPECT_DOUBLE_EQ(out["ratio"].get<double>(), 0.5);
   EXPECT_FALSE(out.contains("pieces"));
-  EXPECT_FALSE(out.contains("parts"));
 
   auto sparse = Thing::newObjectWithJSONDictionary({{"id", 2}}, nullptr);
   json sparseOut = sparse->toDictionary();
