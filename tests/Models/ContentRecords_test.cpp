@@ -1,11 +1,16 @@
-// Posts, their periods and typed fields, and prizes.
+// Posts, their periods and typed fields, prizes, and which posts of a beacon or geofence
+// are active.
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
 #include "Models/RecordTestSupport.h"
 #include "quorvel/Helpers/QVLPostFieldHelper.h"
+#include "quorvel/Models/QVLBeacon.h"
+#include "quorvel/Models/QVLGeofence.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Models/QVLPostFields.h"
 #include "quorvel/Models/QVLPrize.h"
@@ -13,6 +18,8 @@
 namespace {
 
 using nlohmann::json;
+using records_test::Keys;
+using records_test::keysOf;
 using records_test::kNow;
 using records_test::kTomorrow;
 using records_test::kYesterday;
@@ -22,35 +29,26 @@ constexpr const char* kParsePrefix = "Couldn't parse QVLPostField to JSON: ";
 
 std::string serviceDate(qvl::Date date) { return QVLDateFormatter::formattedStringFromDate(date); }
 
-json periodJson(std::int64_t id, qvl::Date start, qvl::Date stop) {
+json period(std::int64_t id, qvl::Date start, qvl::Date stop) {
   return {{"id", id}, {"start", serviceDate(start)}, {"stop", serviceDate(stop)}};
+}
+
+std::shared_ptr<QVLPost> post(std::int64_t id, std::vector<json> periods = {}) {
+  return QVLPost::newObjectWithJSONDictionary({{"id", id}, {"postperiods", periods}}, nullptr);
 }
 
 class ContentPostTest : public records_test::FixedClockTest {};
 
 TEST_F(ContentPostTest, ActiveWithoutPeriodsOrWithAnyRunningPeriod) {
-  auto noPeriods = QVLPost::newObjectWithJSONDictionary({{"id", 1}}, nullptr);
-  EXPECT_TRUE(noPeriods->active());
-
-  auto endedAndRunning = QVLPost::newObjectWithJSONDictionary(
-      {{"id", 2},
-       {"postperiods",
-        {periodJson(1, kYesterday - std::chrono::hours(48), kYesterday),
-         periodJson(2, kYesterday, kTomorrow)}}},
-      nullptr);
-  EXPECT_TRUE(endedAndRunning->active());
-
-  auto onlyEnded = QVLPost::newObjectWithJSONDictionary(
-      {{"id", 3},
-       {"postperiods",
-        {periodJson(1, kYesterday - std::chrono::hours(48), kYesterday),
-         periodJson(2, kYesterday, kNow)}}},
-      nullptr);
-  EXPECT_FALSE(onlyEnded->active());
-
-  auto startsNow = QVLPost::newObjectWithJSONDictionary(
-      {{"id", 4}, {"postperiods", {periodJson(1, kNow, kTomorrow)}}}, nullptr);
-  EXPECT_FALSE(startsNow->active()) << "a period starting exactly now has not begun";
+  const qvl::Date longAgo = kYesterday - std::chrono::hours(48);
+  const std::vector<std::pair<std::vector<json>, bool>> rows = {
+      {{}, true},
+      {{period(1, longAgo, kYesterday), period(2, kYesterday, kTomorrow)}, true},
+      {{period(1, longAgo, kYesterday), period(2, kYesterday, kNow)}, false},  // ends now
+      {{period(1, kNow, kTomorrow)}, false},                                   // starts now
+  };
+  for (size_t i = 0; i < rows.size(); ++i)
+    EXPECT_EQ(post(1, rows[i].first)->active(), rows[i].second) << i;
 }
 
 std::shared_ptr<QVLPostField> fieldOf(std::int64_t type, std::optional<std::string> content) {
@@ -60,60 +58,52 @@ std::shared_ptr<QVLPostField> fieldOf(std::int64_t type, std::optional<std::stri
   return f;
 }
 
+template <class View>
+bool accepts(const QVLPostField& field) {
+  return View::initWithPostField(field).has_value();
+}
+
 TEST(ContentPostFieldTest, EachViewAcceptsOnlyItsOwnType) {
   LogCapture log;
-  auto text = fieldOf(QVLPostFieldTypeText, std::string("  Hello\n"));
-  auto textView = QVLPostFieldText::initWithPostField(*text);
-  ASSERT_TRUE(textView);
-  EXPECT_EQ(textView->text(), "  Hello\n");
-  EXPECT_FALSE(QVLPostFieldCoupon::initWithPostField(*text));
-  EXPECT_FALSE(QVLPostFieldVideo::initWithPostField(*text));
-
-  auto coupon = fieldOf(QVLPostFieldTypeCoupon, std::string(R"({"text":"Half off"})"));
-  EXPECT_TRUE(QVLPostFieldCoupon::initWithPostField(*coupon));
-  EXPECT_FALSE(QVLPostFieldText::initWithPostField(*coupon));
-  EXPECT_FALSE(QVLPostFieldCallToAction::initWithPostField(*coupon));
-  EXPECT_FALSE(QVLPostFieldImages::initWithPostField(*coupon));
-
-  auto typeFour = fieldOf(4, std::string("{}"));
-  EXPECT_FALSE(QVLPostFieldText::initWithPostField(*typeFour));
-  EXPECT_FALSE(QVLPostFieldImages::initWithPostField(*typeFour));
-  EXPECT_FALSE(QVLPostFieldVideo::initWithPostField(*typeFour));
-  EXPECT_FALSE(QVLPostFieldCoupon::initWithPostField(*typeFour));
-  EXPECT_FALSE(QVLPostFieldCallToAction::initWithPostField(*typeFour));
-
-  auto emptyText = fieldOf(QVLPostFieldTypeText, std::nullopt);
-  auto emptyView = QVLPostFieldText::initWithPostField(*emptyText);
-  ASSERT_TRUE(emptyView) << "text views copy even an absent content";
-  EXPECT_FALSE(emptyView->text());
-
+  const std::vector<std::pair<std::int64_t, bool (*)(const QVLPostField&)>> views = {
+      {QVLPostFieldTypeText, &accepts<QVLPostFieldText>},
+      {QVLPostFieldTypeImages, &accepts<QVLPostFieldImages>},
+      {QVLPostFieldTypeVideo, &accepts<QVLPostFieldVideo>},
+      {QVLPostFieldTypeCoupon, &accepts<QVLPostFieldCoupon>},
+      {QVLPostFieldTypeCallToAction, &accepts<QVLPostFieldCallToAction>},
+  };
+  for (std::int64_t type : std::initializer_list<std::int64_t>{
+           QVLPostFieldTypeText, QVLPostFieldTypeImages, QVLPostFieldTypeVideo,
+           QVLPostFieldTypeCoupon, QVLPostFieldTypeCallToAction, 4}) {
+    auto field = fieldOf(type, std::string("{}"));
+    for (const auto& [viewType, accepts] : views) {
+      EXPECT_EQ(accepts(*field), viewType == type) << "field " << type << ", view " << viewType;
+    }
+  }
   EXPECT_TRUE(log.lines().empty()) << "a field of the wrong type is refused silently";
+
+  auto text = QVLPostFieldText::initWithPostField(*fieldOf(QVLPostFieldTypeText, "  Hello\n"));
+  EXPECT_EQ(text->text(), "  Hello\n");
+  auto empty = QVLPostFieldText::initWithPostField(*fieldOf(QVLPostFieldTypeText, std::nullopt));
+  ASSERT_TRUE(empty) << "text views copy even an absent content";
+  EXPECT_FALSE(empty->text());
 }
 
 TEST(ContentPostFieldTest, MalformedJsonGivesNoViewAndOneLogLine) {
-  auto broken = fieldOf(QVLPostFieldTypeCoupon, std::string(R"({"text": "Half off")"));
-  {
+  for (const char* content : {R"({"text": "Half off")", "[1, 2]", "\"text\"", ""}) {
     LogCapture log;
-    EXPECT_FALSE(QVLPostFieldCoupon::initWithPostField(*broken));
+    EXPECT_FALSE(QVLPostFieldCoupon::initWithPostField(*fieldOf(QVLPostFieldTypeCoupon, content)))
+        << content;
     auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 1u) << content;
     EXPECT_EQ(lines[0].rfind(kParsePrefix, 0), 0u) << lines[0];
-    EXPECT_GT(lines[0].size(), std::string(kParsePrefix).size()) << "the error is named";
   }
-  for (const char* notAnObject : {"[1, 2]", "\"text\"", ""}) {
-    LogCapture log;
-    auto f = fieldOf(QVLPostFieldTypeCallToAction, std::string(notAnObject));
-    EXPECT_FALSE(QVLPostFieldCallToAction::initWithPostField(*f)) << notAnObject;
-    EXPECT_EQ(log.lines().size(), 1u) << notAnObject;
-  }
-  {
-    LogCapture log;
-    auto parsed = QVLPostFieldHelper::parseStringToJSON(R"({"a": [1, {"b": null}]})");
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ((*parsed)["a"][1]["b"], nullptr);
-    EXPECT_FALSE(QVLPostFieldHelper::parseStringToJSON("{\"a\": 1} // comment"));
-    EXPECT_EQ(log.lines().size(), 1u);
-  }
+  LogCapture log;
+  auto parsed = QVLPostFieldHelper::parseStringToJSON(R"({"a": [1, {"b": null}]})");
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ((*parsed)["a"][1]["b"], nullptr);
+  EXPECT_FALSE(QVLPostFieldHelper::parseStringToJSON("{\"a\": 1} // comment"));
+  EXPECT_EQ(log.lines().size(), 1u);
 }
 
 std::optional<QVLPostFieldCoupon> couponOf(const json& content) {
@@ -122,124 +112,92 @@ std::optional<QVLPostFieldCoupon> couponOf(const json& content) {
 }
 
 TEST(ContentPostFieldTest, CouponRedeemableIsAPresenceTest) {
-  auto presentFalse = couponOf({{"redeemable", false}});
-  ASSERT_TRUE(presentFalse);
-  EXPECT_TRUE(presentFalse->redeemable());
-  auto presentNull = couponOf({{"redeemable", nullptr}});
-  ASSERT_TRUE(presentNull);
-  EXPECT_TRUE(presentNull->redeemable());
-  auto absent = couponOf({{"text", "x"}});
-  ASSERT_TRUE(absent);
-  EXPECT_FALSE(absent->redeemable());
+  EXPECT_TRUE(couponOf({{"redeemable", false}})->redeemable());
+  EXPECT_TRUE(couponOf({{"redeemable", nullptr}})->redeemable());
+  EXPECT_FALSE(couponOf({{"text", "x"}})->redeemable());
 }
 
 TEST(ContentPostFieldTest, CouponTextsAreTrimmedTextsOrNothing) {
-  auto coupon = couponOf({{"text", " \n Half off \r\n"},
-                          {"price_before", "\t100 kr"},
-                          {"price", "   "},
-                          {"discount", "50%"}});
-  ASSERT_TRUE(coupon);
-  EXPECT_EQ(coupon->text(), "Half off");
-  EXPECT_EQ(coupon->priceBefore(), "100 kr");
-  EXPECT_EQ(coupon->price(), std::nullopt) << "only blanks";
-  EXPECT_EQ(coupon->discount(), "50%");
-
-  // Unicode blanks count too: no-break space, ideographic space, line separator.
-  auto unicode = couponOf({{"text", "\u3000Half off\u00a0"}, {"price", "\u00a0\u2028 "}});
-  ASSERT_TRUE(unicode);
-  EXPECT_EQ(unicode->text(), "Half off");
-  EXPECT_EQ(unicode->price(), std::nullopt);
-
-  auto numeric = couponOf({{"price", 50}, {"price_before", 100.5}, {"discount", true}});
-  ASSERT_TRUE(numeric);
-  EXPECT_EQ(numeric->price(), std::nullopt) << "a number is not used";
-  EXPECT_EQ(numeric->priceBefore(), std::nullopt);
-  EXPECT_EQ(numeric->discount(), std::nullopt);
-  EXPECT_EQ(numeric->text(), std::nullopt) << "missing key";
+  using Texts = std::tuple<std::optional<std::string>, std::optional<std::string>,
+                           std::optional<std::string>, std::optional<std::string>>;
+  // Unicode blanks count too (no-break space, ideographic space, line separator); numbers
+  // are not used.
+  for (
+      const auto& [content, expected] : std::vector<std::pair<const char*, Texts>>{
+          {R"({"text":" \n Half off \r\n","price_before":"\t100 kr","price":"   ","discount":"50%"})",
+           {"Half off", "100 kr", std::nullopt, "50%"}},
+          {R"({"text":"\u3000Half off\u00a0","price":"\u00a0\u2028 "})", {"Half off", {}, {}, {}}},
+          {R"({"price":50,"price_before":100.5,"discount":true})", {}},
+      }) {
+    auto coupon = couponOf(json::parse(content));
+    EXPECT_EQ(Texts(coupon->text(), coupon->priceBefore(), coupon->price(), coupon->discount()),
+              expected)
+        << content;
+  }
 }
 
-TEST(ContentPostFieldTest, CallToActionAndImagesKeepTheirTextsAsSent) {
-  auto f = fieldOf(QVLPostFieldTypeCallToAction,
-                   json{{"text", "  Book now  "}, {"url", "https://shop.example/book"}}.dump());
-  auto action = QVLPostFieldCallToAction::initWithPostField(*f);
-  ASSERT_TRUE(action);
-  EXPECT_EQ(action->text(), "  Book now  ");
+TEST(ContentPostFieldTest, CallToActionImagesAndVideoReadTheirContent) {
+  auto action = QVLPostFieldCallToAction::initWithPostField(
+      *fieldOf(QVLPostFieldTypeCallToAction,
+               json{{"text", "  Book now  "}, {"url", "https://shop.example/book"}}.dump()));
+  EXPECT_EQ(action->text(), "  Book now  ") << "kept as sent";
   ASSERT_TRUE(action->url());
   EXPECT_EQ(action->url()->absoluteString(), "https://shop.example/book");
-
-  auto noUrl = fieldOf(QVLPostFieldTypeCallToAction, json{{"url", "two words"}}.dump());
-  auto withoutUrl = QVLPostFieldCallToAction::initWithPostField(*noUrl);
-  ASSERT_TRUE(withoutUrl);
+  auto withoutUrl = QVLPostFieldCallToAction::initWithPostField(
+      *fieldOf(QVLPostFieldTypeCallToAction, json{{"url", "two words"}}.dump()));
   EXPECT_FALSE(withoutUrl->url());
   EXPECT_FALSE(withoutUrl->text());
 
-  auto images =
-      fieldOf(QVLPostFieldTypeImages, json{{"imageText", " Our team "}, {"images", {1, 2}}}.dump());
-  auto imagesView = QVLPostFieldImages::initWithPostField(*images);
-  ASSERT_TRUE(imagesView);
-  EXPECT_EQ(imagesView->text(), " Our team ");
+  auto images = QVLPostFieldImages::initWithPostField(*fieldOf(
+      QVLPostFieldTypeImages, json{{"imageText", " Our team "}, {"images", {1, 2}}}.dump()));
+  EXPECT_EQ(images->text(), " Our team ");
 
-  auto video = fieldOf(QVLPostFieldTypeVideo, std::string("https://youtu.be/abc"));
-  auto videoView = QVLPostFieldVideo::initWithPostField(*video);
-  ASSERT_TRUE(videoView);
-  ASSERT_TRUE(videoView->youtubeURL());
-  EXPECT_EQ(videoView->youtubeURL()->host(), "youtu.be");
-  auto notVideo = fieldOf(QVLPostFieldTypeVideo, std::string("watch this"));
-  EXPECT_FALSE(QVLPostFieldVideo::initWithPostField(*notVideo)->youtubeURL());
+  auto video = QVLPostFieldVideo::initWithPostField(
+      *fieldOf(QVLPostFieldTypeVideo, std::string("https://youtu.be/abc")));
+  ASSERT_TRUE(video->youtubeURL());
+  EXPECT_EQ(video->youtubeURL()->host(), "youtu.be");
+  EXPECT_FALSE(QVLPostFieldVideo::initWithPostField(*fieldOf(QVLPostFieldTypeVideo, "watch this"))
+                   ->youtubeURL());
 }
 
 TEST(ContentPrizeTest, ExclusiveOnlyWithTheQuotedKey) {
-  auto quoted = QVLPrize::newObjectWithJSONDictionary(
-      {{"id", 1}, {"limits", R"({"USER_GROUP_MAX": 2, "PER_DAY": 1})"}}, nullptr);
-  EXPECT_TRUE(quoted->isExclusive());
-  auto asObject = QVLPrize::newObjectWithJSONDictionary(
-      {{"id", 2}, {"limits", {{"USER_GROUP_MAX", 2}}}}, nullptr);
-  EXPECT_TRUE(asObject->isExclusive()) << "limits sent as an object are kept as JSON text";
-  auto bare =
-      QVLPrize::newObjectWithJSONDictionary({{"id", 3}, {"limits", "USER_GROUP_MAX"}}, nullptr);
-  EXPECT_FALSE(bare->isExclusive());
-  auto none = QVLPrize::newObjectWithJSONDictionary({{"id", 4}}, nullptr);
-  EXPECT_FALSE(none->isExclusive());
+  const std::vector<std::pair<json, bool>> rows = {
+      {{{"limits", R"({"USER_GROUP_MAX": 2, "PER_DAY": 1})"}}, true},
+      {{{"limits", {{"USER_GROUP_MAX", 2}}}}, true},  // an object is kept as JSON text
+      {{{"limits", "USER_GROUP_MAX"}}, false},
+      {json::object(), false},
+  };
+  for (auto [answer, exclusive] : rows) {
+    answer["id"] = 1;
+    EXPECT_EQ(QVLPrize::newObjectWithJSONDictionary(answer, nullptr)->isExclusive(), exclusive)
+        << answer.dump();
+  }
 }
 
 class ContentStoreTest : public records_test::RecordStoreTest {};
 
 TEST_F(ContentStoreTest, RefreshKeepsInboxMarksAndFollowsThePeriodsSent) {
-  json answer = {{"id", 9},
-                 {"name", "Spring sale"},
-                 {"content", {{"html", "<p>Hi</p>"}}},
-                 {"postperiods", {periodJson(1, kYesterday, kNow)}},
-                 {"read", false}};
-  auto first = QVLPost::newObjectWithJSONDictionary(answer, store_.get());
-  auto stored = store(first);
+  const json answer = {{"id", 9},
+                       {"content", {{"html", "<p>Hi</p>"}}},
+                       {"postperiods", {period(1, kYesterday, kNow)}},
+                       {"read", false}};
+  auto stored = store(QVLPost::newObjectWithJSONDictionary(answer, store_.get()));
   EXPECT_FALSE(stored->active());
   store_->write([&] {
     stored->setRead(true);
     stored->setSaved(true);
   });
-
-  for (int refresh = 0; refresh < 2; ++refresh) {
-    auto again = QVLPost::newObjectWithJSONDictionary(answer, store_.get());
-    store(again);
+  for (const json& refresh :
+       {answer, json{{"id", 9}}, json{{"id", 9}, {"postperiods", json::array()}}}) {
+    store(QVLPost::newObjectWithJSONDictionary(refresh, store_.get()));
+    auto post = store_->object<QVLPost>(9);
+    EXPECT_TRUE(post->read()) << refresh.dump();
+    EXPECT_TRUE(post->saved());
+    EXPECT_EQ(post->content(), "<p>Hi</p>") << "a missing key keeps the value";
+    EXPECT_EQ(post->periods().size(),
+              refresh.contains("postperiods") ? refresh["postperiods"].size() : 1u);
   }
-  auto post = store_->object<QVLPost>(9);
-  ASSERT_TRUE(post);
-  EXPECT_TRUE(post->read());
-  EXPECT_TRUE(post->saved());
-  EXPECT_EQ(post->content(), "<p>Hi</p>");
-  EXPECT_EQ(post->periods().size(), 1u);
-
-  json withoutPeriods = {{"id", 9}, {"name", "Spring sale"}};
-  store(QVLPost::newObjectWithJSONDictionary(withoutPeriods, store_.get()));
-  EXPECT_EQ(store_->object<QVLPost>(9)->periods().size(), 1u) << "a missing key keeps them";
-
-  json emptyPeriods = {{"id", 9}, {"postperiods", json::array()}};
-  store(QVLPost::newObjectWithJSONDictionary(emptyPeriods, store_.get()));
-  post = store_->object<QVLPost>(9);
-  EXPECT_TRUE(post->periods().empty());
-  EXPECT_TRUE(post->active()) << "without periods a post is always active";
-  EXPECT_TRUE(post->read());
-  EXPECT_TRUE(post->saved());
+  EXPECT_TRUE(stored->active()) << "without periods a post is always active";
 }
 
 TEST_F(ContentStoreTest, PostDictionaryNamesItsThumbnailByKey) {
@@ -256,6 +214,57 @@ TEST_F(ContentStoreTest, PostDictionaryNamesItsThumbnailByKey) {
   EXPECT_FALSE(d.contains("postfields"));
   EXPECT_FALSE(d.contains("thumbnail"));
   EXPECT_FALSE(d.contains("read")) << "inbox marks are not the service's";
+}
+
+TEST_F(ContentStoreTest, ActivePostsKeepListOrderAndMakeABeaconOrGeofenceActive) {
+  auto beacon = std::make_shared<QVLBeacon>();
+  beacon->setBeaconId(7);
+  // List order differs from key order and from the order the posts reach the store.
+  beacon->posts().assign({post(30), post(10, {period(1, kYesterday, kNow)}), post(20),
+                          post(5, {period(2, kYesterday, kTomorrow)})});
+  auto stored = store(beacon);
+  EXPECT_EQ(keysOf(stored->activePosts()), (Keys{30, 20, 5}));
+  EXPECT_TRUE(stored->active());
+  EXPECT_EQ(keysOf(beacon->activePosts()), (Keys{30, 20, 5}))
+      << "the same rule on the unmanaged record";
+
+  auto geofence = std::make_shared<QVLGeofence>();
+  geofence->setGeofenceId(1);
+  EXPECT_FALSE(geofence->active()) << "no posts at all";
+  geofence->posts().append(post(1, {period(11, kYesterday - std::chrono::hours(1), kYesterday)}));
+  EXPECT_FALSE(geofence->active()) << "only ended posts";
+  EXPECT_FALSE(store(geofence)->active());
+  geofence->posts().append(post(2));  // no periods: always active
+  EXPECT_TRUE(geofence->active());
+}
+
+TEST_F(ContentStoreTest, ResultsFollowLaterCommits) {
+  auto geofence = std::make_shared<QVLGeofence>();
+  geofence->setGeofenceId(3);
+  geofence->posts().assign({post(1), post(2, {period(21, kYesterday, kTomorrow)}), post(3)});
+  auto stored = store(geofence);
+
+  qvl::Results<QVLPost> active = stored->activePosts();
+  ASSERT_EQ(keysOf(active), (Keys{1, 2, 3}));
+
+  // Committed from another thread, through that thread's own handle.
+  std::thread writer([] {
+    auto realm = QVLRealm::realm();
+    auto mine = realm->object<QVLGeofence>(3);
+    realm->write([&] {
+      mine->posts().remove(2);                    // post 3 leaves the geofence
+      mine->posts().insert(0, mine->posts()[1]);  // post 2 moves to the front
+      mine->posts().remove(2);
+      realm->object<QVLPostPeriod>(21)->setStop(records_test::kNow);  // post 2 ends now
+    });
+    qvl::Store::closeThreadHandles();
+  });
+  writer.join();
+
+  EXPECT_EQ(keysOf(active), (Keys{2, 1})) << "list changes show in the results already handed out";
+  EXPECT_FALSE(active[0]->active()) << "the period change shows through the results";
+  EXPECT_EQ(keysOf(stored->activePosts()), (Keys{1})) << "asking again applies the new periods";
+  EXPECT_TRUE(stored->active());
 }
 
 }  // namespace

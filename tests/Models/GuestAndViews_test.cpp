@@ -27,20 +27,10 @@ class GuestRefreshTest : public records_test::RecordStoreTest {
   }
 };
 
-TEST_F(GuestRefreshTest, BalanceKeptWhenOmittedClearedByNull) {
-  auto guest = refresh({{"id", 1}, {"balance", 120}, {"first_name", "Ada"}});
-  EXPECT_EQ(guest->balance(), 120);
-
-  guest = refresh({{"id", 1}, {"first_name", "Ada"}});
-  EXPECT_EQ(guest->balance(), 120);
-
-  guest = refresh({{"id", 1}, {"balance", nullptr}});
-  EXPECT_EQ(guest->balance(), std::nullopt);
-  EXPECT_EQ(guest->firstName(), "Ada");
-}
-
-TEST_F(GuestRefreshTest, ActionsKeptWhenOmittedEmptiedByAnEmptyArray) {
+TEST_F(GuestRefreshTest, OmittedKeysKeepTheirValuesNullOrAnEmptyArrayClearsThem) {
   auto guest = refresh({{"id", 1},
+                        {"balance", 120},
+                        {"first_name", "Ada"},
                         {"actions", {action(10, 5), action(11, -3)}},
                         {"redemptions", {{{"id", 4}, {"cost", 40}, {"title", "Mug"}}}}});
   ASSERT_EQ(guest->actions().size(), 2u);
@@ -48,29 +38,28 @@ TEST_F(GuestRefreshTest, ActionsKeptWhenOmittedEmptiedByAnEmptyArray) {
   EXPECT_EQ(guest->redemptions()[0]->title(), "Mug");
 
   guest = refresh({{"id", 1}, {"email", "ada@example.com"}});
+  EXPECT_EQ(guest->balance(), 120);
   EXPECT_EQ(guest->actions().size(), 2u);
   EXPECT_EQ(guest->redemptions().size(), 1u);
 
-  guest = refresh({{"id", 1}, {"actions", json::array()}});
+  guest = refresh({{"id", 1}, {"balance", nullptr}, {"actions", json::array()}});
+  EXPECT_EQ(guest->balance(), std::nullopt);
   EXPECT_TRUE(guest->actions().empty());
   EXPECT_EQ(guest->redemptions().size(), 1u);
+  EXPECT_EQ(guest->firstName(), "Ada");
 }
 
 TEST_F(GuestRefreshTest, RefreshesLeaveSubscriptionsAndInboxAsTheDeviceSetThem) {
   auto guest = refresh({{"id", 1}, {"balance", 10}});
-  auto makeShop = [](std::int64_t id) {
-    auto shop = std::make_shared<QVLShop>();
-    shop->setShopId(id);
-    return shop;
+  auto shop = [](std::int64_t id) {
+    return QVLShop::newObjectWithJSONDictionary({{"id", id}}, nullptr);
   };
-  auto makePost = [](std::int64_t id) {
-    auto post = std::make_shared<QVLPost>();
-    post->setPostId(id);
-    return post;
+  auto post = [](std::int64_t id) {
+    return QVLPost::newObjectWithJSONDictionary({{"id", id}}, nullptr);
   };
   store_->write([&] {
-    guest->shops().assign({makeShop(3), makeShop(1)});
-    guest->posts().assign({makePost(8), makePost(2), makePost(5)});
+    guest->shops().assign({shop(3), shop(1)});
+    guest->posts().assign({post(8), post(2), post(5)});
   });
 
   // The service knows nothing of either list, and sends keys of the same names anyway.
@@ -79,11 +68,8 @@ TEST_F(GuestRefreshTest, RefreshesLeaveSubscriptionsAndInboxAsTheDeviceSetThem) 
   guest = refresh(answer);
 
   EXPECT_EQ(guest->balance(), 11);
-  std::vector<std::int64_t> shops, posts;
-  for (const auto& s : guest->shops()) shops.push_back(*s->shopId());
-  for (const auto& p : guest->posts()) posts.push_back(*p->postId());
-  EXPECT_EQ(shops, (std::vector<std::int64_t>{3, 1}));
-  EXPECT_EQ(posts, (std::vector<std::int64_t>{8, 2, 5}));
+  EXPECT_EQ(records_test::keysOf(guest->shops()), (records_test::Keys{3, 1}));
+  EXPECT_EQ(records_test::keysOf(guest->posts()), (records_test::Keys{8, 2, 5}));
 }
 
 TEST(ViewRecordTest, PostViewDictionaryLeavesOutTheAudienceAndTheLocalId) {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -28,6 +29,16 @@ inline qvl::Date at(std::string_view text) {
 inline const qvl::Date kNow = at("2024-03-05T12:00:00+0000");
 inline const qvl::Date kYesterday = kNow - std::chrono::hours(24);
 inline const qvl::Date kTomorrow = kNow + std::chrono::hours(24);
+
+using Keys = std::vector<std::int64_t>;
+
+/// The primary keys of records (a list, live results), in their order.
+template <class Records>
+Keys keysOf(const Records& records) {
+  Keys keys;
+  for (const auto& record : records) keys.push_back(record->primaryKeyValue().value_or(-1));
+  return keys;
+}
 
 /// Fixes the clock at kNow for the test's lifetime.
 class FixedClockTest : public ::testing::Test {

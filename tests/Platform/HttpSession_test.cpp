@@ -2,17 +2,13 @@
 
 #include "quorvel/Platform/Env.h"
 
-#include <arpa/inet.h>
 #include <curl/curl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -78,171 +74,115 @@ class RecordingDelegate : public HttpSessionDelegate {
   std::vector<ServerTrustChallenge> challenges_;
 };
 
-int unusedLoopbackPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);  // nothing listens there any more
-  return ntohs(address.sin_port);
-}
-
-TEST_F(HttpSessionTest, RequestsReachTheServerAsBuilt) {
+TEST_F(HttpSessionTest, RequestsReachTheServerAsBuiltWithoutWaitingForContinue) {
   HttpsServer server(TestCertificates::leaf());
   HttpSessionConfiguration config;
   config.additionalHeaders = {{"X-Session", "s"}, {"X-Shared", "from-session"}, {"Accept", "a/b"}};
   auto session = HttpSession::create(config);
-
   // Request headers win over session headers of the same name, whatever the case.
-  auto get = runDataTask(session, {"GET",
-                                   server.url() + "/v8/guests/12/relationships/posts"
-                                                  "?include=shop&fields[posts]=title,message",
-                                   {{"x-shared", "from-request"}, {"X-Request", "r"}},
-                                   ""});
-  ASSERT_TRUE(get.completed);
-  ASSERT_FALSE(get.error) << get.error->userInfo->dump();
-  auto post = runDataTask(session, {"POST", server.url() + "/v8/views", {}, R"({"a":[1,2]})"});
-  auto put = runDataTask(
-      session, {"PUT", server.url() + "/v8/guests/1/relationships/posts", {}, R"({"data":[]})"});
-  auto emptyPut = runDataTask(session, {"PUT", server.url() + "/empty", {}, ""});
-  auto remove = runDataTask(session, {"DELETE", server.url() + "/v8/endpoints/3", {}, ""});
-  for (const auto* outcome : {&post, &put, &emptyPut, &remove}) {
-    ASSERT_TRUE(outcome->completed);
-    ASSERT_FALSE(outcome->error) << outcome->error->userInfo->dump();
+  const HttpHeaders own = {{"x-shared", "from-request"}, {"X-Request", "r"}};
+  const std::vector<HttpRequest> sent = {
+      {"GET", "/v8/guests/12/relationships/posts?include=shop&fields[posts]=title,message", own,
+       ""},
+      {"POST", "/v8/views", {}, R"({"a":[1,2]})"},
+      {"PUT", "/v8/guests/1/relationships/posts", {}, R"({"data":[]})"},
+      {"PUT", "/empty", {}, ""},
+      {"DELETE", "/v8/endpoints/3", {}, ""},
+      // Large enough for libcurl to wait for "100 Continue" unless told not to.
+      {"POST", "/big", {{"Content-Type", "text/plain"}}, std::string(3 * 1024 * 1024, 'x')},
+  };
+  for (auto request : sent) {
+    request.url = server.url() + request.url;
+    auto outcome = runDataTask(session, request);
+    ASSERT_TRUE(outcome.completed);
+    ASSERT_FALSE(outcome.error) << outcome.error->userInfo->dump();
   }
-
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 5u);
-  const auto& first = requests[0];
-  EXPECT_EQ(first.method, "GET");
-  EXPECT_EQ(first.path, "/v8/guests/12/relationships/posts");
-  EXPECT_EQ(first.query, "include=shop&fields[posts]=title,message");  // literal on the wire
-  EXPECT_EQ(first.header("X-Session"), "s");
-  EXPECT_EQ(first.header("X-Request"), "r");
-  EXPECT_EQ(first.header("X-Shared"), "from-request");
-  EXPECT_EQ(first.headerCount("X-Shared"), 1u);
-  EXPECT_EQ(first.header("Accept"), "a/b");
-  EXPECT_EQ(first.headerCount("Accept"), 1u);
-  EXPECT_TRUE(first.body.empty());
-
-  EXPECT_EQ(requests[1].method, "POST");
-  EXPECT_EQ(requests[1].body, R"({"a":[1,2]})");
-  EXPECT_EQ(requests[1].header("X-Session"), "s");
-  EXPECT_FALSE(requests[1].hasQuery);
-  EXPECT_EQ(requests[2].method, "PUT");
-  EXPECT_EQ(requests[2].body, R"({"data":[]})");
-  EXPECT_EQ(requests[3].method, "PUT");
-  EXPECT_EQ(requests[3].header("Content-Length"), "0");
-  EXPECT_EQ(requests[4].method, "DELETE");
-  EXPECT_EQ(requests[4].path, "/v8/endpoints/3");
-}
-
-TEST_F(HttpSessionTest, LargeBodiesAreSentWithoutWaitingForContinue) {
-  HttpsServer server(TestCertificates::leaf());
-  const std::string body(3 * 1024 * 1024, 'x');
-  auto outcome =
-      runDataTask(HttpSession::create(),
-                  {"POST", server.url() + "/big", {{"Content-Type", "text/plain"}}, body});
-  ASSERT_TRUE(outcome.completed);
-  ASSERT_FALSE(outcome.error) << outcome.error->userInfo->dump();
-  EXPECT_EQ(outcome.response->statusCode, 200) << outcome.body;
-  ASSERT_EQ(server.requests().size(), 1u);
-  EXPECT_EQ(server.requests()[0].body.size(), body.size());
-  EXPECT_FALSE(server.requests()[0].header("Expect").has_value());
+  const auto received = server.requests();
+  ASSERT_EQ(received.size(), sent.size());
+  for (size_t i = 0; i < sent.size(); ++i) {
+    SCOPED_TRACE(sent[i].url);
+    EXPECT_EQ(received[i].method, sent[i].method);
+    EXPECT_EQ(received[i].target, sent[i].url);  // the query literally, as given
+    EXPECT_TRUE(received[i].body == sent[i].body);
+    EXPECT_FALSE(received[i].header("Expect").has_value());
+    EXPECT_EQ(received[i].header("X-Session"), "s");
+    EXPECT_EQ(received[i].header("Accept"), "a/b");
+    EXPECT_EQ(received[i].headerCount("Accept"), 1u);
+  }
+  EXPECT_EQ(received[0].header("X-Request"), "r");
+  EXPECT_EQ(received[0].header("X-Shared"), "from-request");
+  EXPECT_EQ(received[0].headerCount("X-Shared"), 1u);
+  EXPECT_EQ(received[3].header("Content-Length"), "0");
 }
 
 TEST_F(HttpSessionTest, EveryStatusIsAnAnswerAndRedirectsAreNotFollowed) {
   HttpsServer server(TestCertificates::leaf());
   server.setHandler([](const devserver::RecordedRequest& request, httplib::Response& response) {
-    if (request.path == "/missing") {
-      response.status = 404;
-      response.set_content(R"({"error":"not found"})", "application/json");
-    } else if (request.path == "/broken") {
-      response.status = 500;
-      response.set_content("not json", "text/plain");
-    } else if (request.path == "/moved") {
-      response.status = 302;
-      response.set_header("Location", "/elsewhere");
-    } else {
-      response.status = 200;
-      response.set_header("X-Answer", "yes");
-      response.set_content("ok", "text/plain");
-    }
+    response.status = std::stoi(request.path.substr(1));
+    response.set_header("Location", "/elsewhere");
+    response.set_content("body of " + request.path, "text/plain");
   });
   auto session = HttpSession::create();
-
-  auto ok = runDataTask(session, {"GET", server.url() + "/fine", {}, ""});
-  ASSERT_TRUE(ok.completed);
-  ASSERT_FALSE(ok.error);
-  ASSERT_TRUE(ok.response);
-  EXPECT_EQ(ok.response->statusCode, 200);
-  EXPECT_EQ(ok.body, "ok");
-  EXPECT_EQ(ok.response->url, server.url() + "/fine");
-  EXPECT_EQ(ok.response->header("x-answer"), "yes");
-  EXPECT_EQ(ok.response->header("Content-Type"), "text/plain");
-
-  auto missing = runDataTask(session, {"GET", server.url() + "/missing", {}, ""});
-  ASSERT_TRUE(missing.completed);
-  EXPECT_FALSE(missing.error);
-  ASSERT_TRUE(missing.response);
-  EXPECT_EQ(missing.response->statusCode, 404);
-  EXPECT_EQ(missing.body, R"({"error":"not found"})");
-
-  auto broken = runDataTask(session, {"POST", server.url() + "/broken", {}, "{}"});
-  ASSERT_TRUE(broken.completed);
-  EXPECT_FALSE(broken.error);
-  ASSERT_TRUE(broken.response);
-  EXPECT_EQ(broken.response->statusCode, 500);
-  EXPECT_EQ(broken.body, "not json");
-
-  auto moved = runDataTask(session, {"GET", server.url() + "/moved", {}, ""});
-  ASSERT_TRUE(moved.completed);
-  EXPECT_FALSE(moved.error);
-  ASSERT_TRUE(moved.response);
-  EXPECT_EQ(moved.response->statusCode, 302);
-  EXPECT_EQ(moved.response->header("Location"), "/elsewhere");
-  std::vector<std::string> paths;
-  for (const auto& request : server.requests()) paths.push_back(request.path);
-  EXPECT_THAT(paths, ElementsAre("/fine", "/missing", "/broken", "/moved"));
+  const std::vector<int> statuses = {200, 404, 500, 302};
+  for (int status : statuses) {
+    const std::string path = "/" + std::to_string(status);
+    auto outcome = runDataTask(session, {"GET", server.url() + path, {}, ""});
+    ASSERT_TRUE(outcome.completed);
+    EXPECT_FALSE(outcome.error) << status;
+    ASSERT_TRUE(outcome.response);
+    EXPECT_EQ(outcome.response->statusCode, status);
+    EXPECT_EQ(outcome.body, "body of " + path);
+    EXPECT_EQ(outcome.response->url, server.url() + path);
+    EXPECT_EQ(outcome.response->header("location"), "/elsewhere");
+  }
+  EXPECT_EQ(server.requests().size(), statuses.size()) << "a redirect was followed";
 }
+
+// What the completions of several tasks received: the body, or "error <code>" when no
+// answer came; and whether any of them ran on the thread that made the collector.
+class Completions {
+ public:
+  DataTaskCompletion add() {
+    return [this](std::string body, std::optional<HttpResponse>, std::optional<QVLError> error) {
+      std::lock_guard lock(mutex_);
+      received_.insert(error ? "error " + std::to_string(error->code) : body);
+      onCaller_ = onCaller_ || std::this_thread::get_id() == caller_;
+      changed_.notify_all();
+    };
+  }
+  std::multiset<std::string> waitFor(size_t count, std::chrono::seconds timeout = 60s) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] { return received_.size() >= count; });
+    EXPECT_FALSE(onCaller_);
+    return received_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::multiset<std::string> received_;
+  bool onCaller_ = false;
+  const std::thread::id caller_ = std::this_thread::get_id();
+};
 
 TEST_F(HttpSessionTest, CompletionRunsOnceOnTheSessionQueueNeverOnTheCaller) {
   HttpsServer server(TestCertificates::leaf());
   auto session = HttpSession::create();
-  std::atomic<int> calls{0};
-  session->dataTask({"GET", server.url() + "/once", {}, ""},
-                    [&](std::string, std::optional<HttpResponse>, std::optional<QVLError>) {
-                      calls.fetch_add(1);
-                    });
+  Completions completions;
+  session->dataTask({"GET", server.url() + "/once", {}, ""}, completions.add());
   // Failures must be delivered once too, and asynchronously even when detected up front.
-  std::atomic<int> failureCalls{0};
-  std::thread::id failureThread;
-  std::mutex failureMutex;
   session->dataTask({"GET", server.url() + "/bad", {{"X-Bad", "a\r\nInjected: 1"}}, ""},
-                    [&](std::string, std::optional<HttpResponse>, std::optional<QVLError> error) {
-                      std::lock_guard lock(failureMutex);
-                      failureThread = std::this_thread::get_id();
-                      if (error && error->code == CURLE_BAD_FUNCTION_ARGUMENT) {
-                        failureCalls.fetch_add(1);
-                      }
-                    });
+                    completions.add());
   // The session queue is serial and completions are queued in order of finishing, so once a
   // later task's completion ran, any duplicate of the earlier ones would have run too.
   auto outcome = runDataTask(session, {"GET", server.url() + "/later", {}, ""});
   ASSERT_TRUE(outcome.completed);
   EXPECT_NE(outcome.thread, std::this_thread::get_id());
   EXPECT_TRUE(outcome.onCallbackQueue);
-  auto flush = runDataTask(session, {"GET", server.url() + "/flush", {}, ""});
-  ASSERT_TRUE(flush.completed);
-  EXPECT_EQ(calls.load(), 1);
-  EXPECT_EQ(failureCalls.load(), 1);
-  {
-    std::lock_guard lock(failureMutex);
-    EXPECT_NE(failureThread, std::this_thread::get_id());
-  }
+  ASSERT_TRUE(runDataTask(session, {"GET", server.url() + "/flush", {}, ""}).completed);
+  EXPECT_EQ(
+      completions.waitFor(2, 0s),
+      (std::multiset<std::string>{"{}", "error " + std::to_string(CURLE_BAD_FUNCTION_ARGUMENT)}));
   for (const auto& request : server.requests()) EXPECT_NE(request.path, "/bad");
 }
 
@@ -252,24 +192,14 @@ TEST_F(HttpSessionTest, SessionStaysAliveUntilItsCompletionsRan) {
     std::this_thread::sleep_for(200ms);  // the caller has long dropped the session by now
     response.set_content("late", "text/plain");
   });
-  std::mutex mutex;
-  std::condition_variable done;
-  std::optional<std::string> body;
+  Completions completions;
   std::weak_ptr<HttpSession> weak;
   {
     auto session = HttpSession::create();
     weak = session;
-    session->dataTask({"GET", server.url() + "/slow", {}, ""},
-                      [&](std::string text, std::optional<HttpResponse>, std::optional<QVLError>) {
-                        std::lock_guard lock(mutex);
-                        body = text;
-                        done.notify_all();
-                      });
+    session->dataTask({"GET", server.url() + "/slow", {}, ""}, completions.add());
   }
-  std::unique_lock lock(mutex);
-  ASSERT_TRUE(done.wait_for(lock, 30s, [&] { return body.has_value(); }));
-  EXPECT_EQ(*body, "late");
-  lock.unlock();
+  EXPECT_EQ(completions.waitFor(1), std::multiset<std::string>{"late"});
   // Released once its last completion finished.
   for (int i = 0; i < 200 && !weak.expired(); ++i) std::this_thread::sleep_for(10ms);
   EXPECT_TRUE(weak.expired());
@@ -279,40 +209,21 @@ TEST_F(HttpSessionTest, FiftyRequestsAreInFlightAtOnce) {
   constexpr size_t kRequests = 50;
   HttpsServer server(TestCertificates::leaf());
   // Every handler holds its answer until all requests have arrived, which happens only if
-  // the client really has them all in flight together.
-  std::atomic<int> sawAll{0};
+  // the transport really has them all in flight together.
+  std::atomic<size_t> sawAll{0};
   server.setHandler([&](const devserver::RecordedRequest& request, httplib::Response& response) {
     if (server.waitForRequests(kRequests, 30s)) sawAll.fetch_add(1);
     response.set_content(request.path, "text/plain");
   });
   auto session = HttpSession::create();
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::map<std::string, int> completions;
+  Completions completions;
+  std::multiset<std::string> paths;
   for (size_t i = 0; i < kRequests; ++i) {
-    const std::string path = "/r" + std::to_string(i);
-    session->dataTask({"GET", server.url() + path, {}, ""},
-                      [&, path](std::string body, std::optional<HttpResponse> response,
-                                std::optional<QVLError> error) {
-                        std::lock_guard lock(mutex);
-                        if (!error && response && response->statusCode == 200 && body == path) {
-                          ++completions[path];
-                        } else {
-                          ++completions["failed"];
-                        }
-                        changed.notify_all();
-                      });
+    paths.insert("/r" + std::to_string(i));
+    session->dataTask({"GET", server.url() + "/r" + std::to_string(i), {}, ""}, completions.add());
   }
-  std::unique_lock lock(mutex);
-  changed.wait_for(lock, 60s, [&] {
-    int total = 0;
-    for (const auto& entry : completions) total += entry.second;
-    return total >= static_cast<int>(kRequests);
-  });
-  EXPECT_EQ(completions.count("failed"), 0u);
-  EXPECT_EQ(completions.size(), kRequests);
-  for (const auto& [path, count] : completions) EXPECT_EQ(count, 1) << path;
-  EXPECT_EQ(sawAll.load(), static_cast<int>(kRequests));
+  EXPECT_EQ(completions.waitFor(kRequests), paths);
+  EXPECT_EQ(sawAll.load(), kRequests);
 }
 
 TEST_F(HttpSessionTest, NoAnswerEndsInATransportError) {
@@ -320,8 +231,8 @@ TEST_F(HttpSessionTest, NoAnswerEndsInATransportError) {
   configuration.timeoutIntervalForRequest = 1s;
   auto session = HttpSession::create(configuration);
 
-  auto refused = runDataTask(
-      session, {"GET", "https://127.0.0.1:" + std::to_string(unusedLoopbackPort()) + "/", {}, ""});
+  // Port 1 (tcpmux) has no listener on any machine these tests run on.
+  auto refused = runDataTask(session, {"GET", "https://127.0.0.1:1/", {}, ""});
   expectTransportError(refused, CURLE_COULDNT_CONNECT);
 
   // A server that accepts and never writes: stuck in the TLS handshake, or after a plain
@@ -332,7 +243,6 @@ TEST_F(HttpSessionTest, NoAnswerEndsInATransportError) {
   expectTransportError(handshake, CURLE_OPERATION_TIMEDOUT);
   auto answer = runDataTask(session, {"GET", "http://127.0.0.1:" + port + "/", {}, ""}, 60s);
   expectTransportError(answer, CURLE_OPERATION_TIMEDOUT);
-  EXPECT_GE(silent.acceptedCount(), 2u);
 
   auto malformed = runDataTask(session, {"GET", "not a url", {}, ""});
   expectTransportError(malformed, CURLE_URL_MALFORMAT);
@@ -367,41 +277,39 @@ TEST_F(HttpSessionTest, UntrustedServersAreRefusedBeforeAnyRequest) {
 
 TEST_F(HttpSessionTest, DelegateSeesTheVerifiedChainAndDecides) {
   HttpsServer server(TestCertificates::leaf());
-
-  auto accepting = std::make_shared<RecordingDelegate>(TrustDisposition::UseCredential);
-  auto accepted =
-      runDataTask(HttpSession::create({}, accepting), {"GET", server.url() + "/a", {}, ""});
-  ASSERT_TRUE(accepted.completed);
-  ASSERT_FALSE(accepted.error) << accepted.error->userInfo->dump();
-  const auto challenges = accepting->challenges();
-  ASSERT_EQ(challenges.size(), 1u);
-  EXPECT_EQ(challenges[0].host, "dev.localhost");
-  EXPECT_EQ(challenges[0].port, server.port());
-  EXPECT_THAT(
-      challenges[0].certificateChainDer,
-      ElementsAre(TestCertificates::leaf().certificateDer, TestCertificates::ca().certificateDer));
-
-  auto defaulting = std::make_shared<RecordingDelegate>(TrustDisposition::PerformDefaultHandling);
-  auto byDefault = runDataTask(HttpSession::create({}, defaulting),
-                               {"GET", server.url("127.0.0.1") + "/b", {}, ""});
-  ASSERT_TRUE(byDefault.completed);
-  EXPECT_FALSE(byDefault.error);
-  ASSERT_EQ(defaulting->challenges().size(), 1u);
-  EXPECT_EQ(defaulting->challenges()[0].host, "127.0.0.1");
-
+  struct Row {
+    TrustDisposition answer;
+    bool throws;
+    std::string host;
+    bool accepted;
+  };
   // A rejection or a throwing delegate stops the handshake: the server gets no request. The
-  // connections accepted above for the same server must not be reused to skip the question.
-  for (bool throws : {false, true}) {
-    auto rejecting = std::make_shared<RecordingDelegate>(
-        TrustDisposition::CancelAuthenticationChallenge, throws);
-    auto refused =
-        runDataTask(HttpSession::create({}, rejecting), {"GET", server.url() + "/c", {}, ""});
-    expectTransportError(refused, CURLE_PEER_FAILED_VERIFICATION);
-    EXPECT_EQ(rejecting->challenges().size(), 1u);
+  // connections accepted before for the same server must not be reused to skip the question.
+  for (const auto& row : std::vector<Row>{
+           {TrustDisposition::UseCredential, false, "dev.localhost", true},
+           {TrustDisposition::PerformDefaultHandling, false, "127.0.0.1", true},
+           {TrustDisposition::CancelAuthenticationChallenge, false, "dev.localhost", false},
+           {TrustDisposition::CancelAuthenticationChallenge, true, "dev.localhost", false},
+       }) {
+    SCOPED_TRACE(row.host + (row.throws ? " throwing" : ""));
+    auto delegate = std::make_shared<RecordingDelegate>(row.answer, row.throws);
+    auto outcome =
+        runDataTask(HttpSession::create({}, delegate), {"GET", server.url(row.host) + "/", {}, ""});
+    if (row.accepted) {
+      ASSERT_TRUE(outcome.completed);
+      EXPECT_FALSE(outcome.error);
+    } else {
+      expectTransportError(outcome, CURLE_PEER_FAILED_VERIFICATION);
+    }
+    const auto challenges = delegate->challenges();
+    ASSERT_EQ(challenges.size(), 1u);
+    EXPECT_EQ(challenges[0].host, row.host);
+    EXPECT_EQ(challenges[0].port, server.port());
+    EXPECT_THAT(challenges[0].certificateChainDer,
+                ElementsAre(TestCertificates::leaf().certificateDer,
+                            TestCertificates::ca().certificateDer));
   }
-  std::vector<std::string> paths;
-  for (const auto& request : server.requests()) paths.push_back(request.path);
-  EXPECT_THAT(paths, ElementsAre("/a", "/b"));
+  EXPECT_EQ(server.requests().size(), 2u);
 }
 
 }  // namespace

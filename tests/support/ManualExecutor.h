@@ -35,13 +35,8 @@ class ManualExecutor final : public Executor {
     }
   }
 
-  std::size_t pending() const {
-    std::lock_guard lock(mutex_);
-    return jobs_.size();
-  }
-
  private:
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::deque<std::function<void()>> jobs_;
 };
 

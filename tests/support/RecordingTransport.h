@@ -17,8 +17,12 @@ struct TransportAnswer {
   std::string body = "{}";
   std::optional<QVLError> error;
 
+  TransportAnswer() = default;
+  TransportAnswer(long status, std::string body) : status(status), body(std::move(body)) {}
   static TransportAnswer unreachable() {
-    return {0, "", QVLError{kQVLTransportErrorDomain, 7, nlohmann::json{{"message", "refused"}}}};
+    TransportAnswer answer(0, "");
+    answer.error = QVLError{kQVLTransportErrorDomain, 7, nlohmann::json{{"message", "refused"}}};
+    return answer;
   }
 };
 
@@ -61,14 +65,15 @@ class RecordingTransport final : public HttpTransport {
     return requests_;
   }
 
-  /// Answers every held request with `reply`, in arrival order; returns how many.
-  std::size_t release(const TransportAnswer& reply) {
+  /// Answers every held request with what `reply` makes of it, in arrival order; returns
+  /// how many.
+  std::size_t release(const std::function<TransportAnswer(const HttpRequest&)>& reply) {
     std::vector<Held> held;
     {
       std::lock_guard lock(mutex_);
       held.swap(held_);
     }
-    for (auto& entry : held) complete(entry.request, reply, entry.done);
+    for (auto& entry : held) complete(entry.request, reply(entry.request), entry.done);
     return held.size();
   }
 
