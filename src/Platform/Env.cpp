@@ -71,13 +71,20 @@ void Env::install(Env env) {
 }
 
 void Env::update(const std::function<void(Env&)>& change) {
+  // `change` runs without the lock, so it may read the environment or log; an install that
+  // lands meanwhile makes it run again over the newer environment.
   Current& current = detail::immortal<Current>();
-  std::shared_ptr<const Env> previous;
-  std::lock_guard lock(current.mutex);
-  Env env = current.env ? *current.env : Env{};
-  change(env);
-  previous = std::move(current.env);
-  current.env = completed(std::move(env));
+  for (;;) {
+    std::shared_ptr<const Env> base = Env::current();
+    Env env = *base;
+    change(env);
+    std::shared_ptr<const Env> next = completed(std::move(env));
+    std::lock_guard lock(current.mutex);
+    if (current.env != base) continue;
+    base = std::move(current.env);  // released outside the lock, after `next` is in force
+    current.env = std::move(next);
+    return;
+  }
 }
 
 ScopedEnv::ScopedEnv(const std::function<void(Env&)>& change) : previous_(Env::current()) {

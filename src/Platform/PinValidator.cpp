@@ -16,6 +16,7 @@
 
 #include "Platform/Base64.h"
 #include "quorvel/Platform/BundleInfo.h"
+#include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
@@ -77,8 +78,9 @@ std::string pemText(const std::string& der) {
   return length > 0 ? std::string(data, static_cast<size_t>(length)) : std::string();
 }
 
-std::string utcTimestamp() {
-  const std::time_t now = std::time(nullptr);
+std::string utcTimestamp(Date date) {
+  const std::time_t now = std::chrono::system_clock::to_time_t(
+      std::chrono::time_point_cast<std::chrono::system_clock::duration>(date));
   std::tm utc{};
   gmtime_r(&now, &utc);
   char text[32];
@@ -91,7 +93,7 @@ std::string utcTimestamp() {
 struct PinValidator::State {
   std::mutex mutex;
   std::shared_ptr<const PinningConfiguration> configuration;
-  std::map<std::string, std::chrono::steady_clock::time_point> sentReports;
+  std::map<std::string, Date> sentReports;  // by the environment's clock
 };
 
 PinValidator::PinValidator() : state_(std::make_unique<State>()) {}
@@ -149,9 +151,9 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   if (domain.reportUris.empty()) return;
   std::string key = normalizedHost(challenge.host) + "\n" + std::to_string(challenge.port);
   for (const auto& pin : chainPins) key += "\n" + pin;
+  const Date now = qvl::now();
   {
     std::lock_guard lock(state_->mutex);
-    const auto now = std::chrono::steady_clock::now();
     std::erase_if(state_->sentReports,
                   [&](const auto& entry) { return now - entry.second >= kReportInterval; });
     if (!state_->sentReports.emplace(std::move(key), now).second) return;
@@ -177,7 +179,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   for (const auto& pin : domain.publicKeyHashes) knownPins.push_back("pin-sha256=\"" + pin + "\"");
   report["known-pins"] = std::move(knownPins);
   report["validation-result"] = 1;  // the chain is valid but no pinned key is in it
-  report["date-time"] = utcTimestamp();
+  report["date-time"] = utcTimestamp(now);
   const std::string body = report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 
   // Default trust only: the report must not depend on the pins that just failed.
@@ -213,11 +215,6 @@ std::string PinValidator::publicKeyHash(const std::string& certificateDer) {
   OPENSSL_free(spki);
   if (!ok) return {};
   return base64Encode(std::string_view(reinterpret_cast<const char*>(digest), digestLength));
-}
-
-void PinValidator::resetReportCacheForTesting() {
-  std::lock_guard lock(state_->mutex);
-  state_->sentReports.clear();
 }
 
 }  // namespace qvl

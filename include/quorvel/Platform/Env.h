@@ -89,7 +89,9 @@ struct Env {
   static void install(Env env);
 
   /// Applies `change` to a copy of the environment in force and installs the result, as
-  /// one step with respect to other install/update calls.
+  /// one step with respect to other install/update calls. `change` runs on the calling
+  /// thread without any lock held (it may read the environment or log), and runs again
+  /// over the newer environment when another install lands meanwhile.
   static void update(const std::function<void(Env&)>& change);
 };
 

@@ -46,7 +46,9 @@ class PinValidator {
   /// domain: the caller should then perform default handling. Otherwise sets
   /// `disposition` to UseCredential when the SubjectPublicKeyInfo of any certificate of
   /// the chain matches a pin of the domain, or to CancelAuthenticationChallenge after
-  /// starting a failure report (without waiting for it), and returns true.
+  /// starting a failure report (without waiting for it), and returns true. Identical
+  /// reports (same host, port and chain) go out once per 24 hours of the environment's
+  /// clock.
   ///
   /// Host matching: the exact domain, or with includeSubdomains any name ending in
   /// "." + domain; the most specific pinned domain wins. Runs on the calling thread
@@ -56,10 +58,6 @@ class PinValidator {
   /// Base64 SHA-256 of the certificate's DER SubjectPublicKeyInfo (44 characters), or ""
   /// when `certificateDer` is not a DER certificate.
   static std::string publicKeyHash(const std::string& certificateDer);
-
-  /// Identical reports (same host, port and chain) are sent once per 24 hours per
-  /// validator; this forgets the ones already sent.
-  void resetReportCacheForTesting();
 
  private:
   void sendReport(const PinnedDomainConfiguration& domain, const ServerTrustChallenge& challenge,
