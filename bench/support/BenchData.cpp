@@ -148,6 +148,16 @@ std::size_t readRows(sqlite3_stmt* s) {
   return rows;
 }
 
+void run(sqlite3_stmt* s);
+
+// One row of a list table: owner, position, target.
+void insertLink(sqlite3_stmt* s, std::int64_t owner, int position, std::int64_t target) {
+  sqlite3_bind_int64(s, 1, owner);
+  sqlite3_bind_int64(s, 2, position);
+  sqlite3_bind_int64(s, 3, target);
+  run(s);
+}
+
 void run(sqlite3_stmt* s) {
   if (sqlite3_step(s) != SQLITE_DONE) {
     std::fprintf(stderr, "sqlite: %s\n", sqlite3_errmsg(sqlite3_db_handle(s)));
@@ -233,10 +243,7 @@ void FloorStore::insertPost(PostStatements& st, const json& p) {
     bindText(st.period, 4, r["created_at"]);
     bindText(st.period, 5, r["updated_at"]);
     run(st.period);
-    sqlite3_bind_int64(st.periodLink, 1, id);
-    sqlite3_bind_int64(st.periodLink, 2, position++);
-    sqlite3_bind_int64(st.periodLink, 3, r["id"].get<std::int64_t>());
-    run(st.periodLink);
+    insertLink(st.periodLink, id, position++, r["id"].get<std::int64_t>());
   }
   position = 0;
   for (const auto& f : p["postfields"]) {
@@ -247,10 +254,7 @@ void FloorStore::insertPost(PostStatements& st, const json& p) {
     bindText(st.field, 5, f["created_at"]);
     bindText(st.field, 6, f["updated_at"]);
     run(st.field);
-    sqlite3_bind_int64(st.fieldLink, 1, id);
-    sqlite3_bind_int64(st.fieldLink, 2, position++);
-    sqlite3_bind_int64(st.fieldLink, 3, f["id"].get<std::int64_t>());
-    run(st.fieldLink);
+    insertLink(st.fieldLink, id, position++, f["id"].get<std::int64_t>());
   }
 }
 
@@ -285,10 +289,7 @@ std::size_t FloorStore::importBeacons(const std::string& text) {
     int position = 0;
     for (const auto& p : b["posts"]) {
       insertPost(statements, p);
-      sqlite3_bind_int64(postLink, 1, id);
-      sqlite3_bind_int64(postLink, 2, position++);
-      sqlite3_bind_int64(postLink, 3, p["id"].get<std::int64_t>());
-      run(postLink);
+      insertLink(postLink, id, position++, p["id"].get<std::int64_t>());
     }
   }
   exec(db_, "COMMIT");
