@@ -98,40 +98,27 @@ std::string ids(const std::vector<std::shared_ptr<QVLBeacon>>& beacons) {
   return text.empty() ? "-" : text;
 }
 
-// The lines of `actual` that differ from `expected`: "-" expected only, "+" actual only,
-// with up to two unchanged lines around each change (a longest-common-subsequence diff).
+// The lines only `expected` has ("- ") and those only `actual` has ("+ "), in order: a diff
+// over their longest common subsequence.
 std::string lineDiff(const std::vector<std::string>& expected,
                      const std::vector<std::string>& actual) {
   const size_t n = expected.size(), m = actual.size();
-  std::vector<std::vector<int>> common(n + 1, std::vector<int>(m + 1, 0));
+  std::vector<std::vector<int>> common(n + 1, std::vector<int>(m + 1, 0));  // of the suffixes
   for (size_t i = n; i-- > 0;) {
     for (size_t j = m; j-- > 0;) {
       common[i][j] = expected[i] == actual[j] ? common[i + 1][j + 1] + 1
                                               : std::max(common[i + 1][j], common[i][j + 1]);
     }
   }
-  std::vector<std::string> lines;  // prefixed with ' ', '-' or '+'
-  size_t i = 0, j = 0;
-  while (i < n || j < m) {
-    if (i < n && j < m && expected[i] == actual[j]) {
-      lines.push_back("  " + expected[i++]);
-      ++j;
-    } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
-      lines.push_back("+ " + actual[j++]);
-    } else {
-      lines.push_back("- " + expected[i++]);
-    }
-  }
   std::string diff;
-  for (size_t k = 0; k < lines.size(); ++k) {
-    bool nearChange = false;
-    for (size_t c = k >= 2 ? k - 2 : 0; c < std::min(lines.size(), k + 3); ++c) {
-      nearChange |= lines[c][0] != ' ';
+  for (size_t i = 0, j = 0; i < n || j < m;) {
+    if (i < n && j < m && expected[i] == actual[j]) {
+      ++i, ++j;
+    } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
+      diff += "+ " + actual[j++] + "\n";
+    } else {
+      diff += "- " + expected[i++] + "\n";
     }
-    if (nearChange)
-      diff += lines[k] + "\n";
-    else if (diff.size() < 4 || diff.compare(diff.size() - 4, 4, "...\n") != 0)
-      diff += "...\n";
   }
   return diff;
 }
