@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace qvl::bench {
 
@@ -65,6 +66,28 @@ nlohmann::json postsJson(int count) {
   return posts;
 }
 
+nlohmann::json beaconsJson(int count, int postsPerBeacon) {
+  using nlohmann::json;
+  const json posts = postsJson(count * postsPerBeacon);
+  json beacons = json::array();
+  for (int i = 1; i <= count; ++i) {
+    json own = json::array();
+    for (int p = 0; p < postsPerBeacon; ++p) own.push_back(posts[(i - 1) * postsPerBeacon + p]);
+    beacons.push_back({{"id", i},
+                       {"description", "Beacon " + std::to_string(i)},
+                       {"uuid", kBeaconsUuid},
+                       {"major", 1},
+                       {"minor", i},
+                       {"message", "Welcome to counter " + std::to_string(i)},
+                       {"latitude", 52.52},
+                       {"longitude", 13.405},
+                       {"created_at", "2019-12-01T10:00:00+0100"},
+                       {"updated_at", "2019-12-02T10:00:00+0100"},
+                       {"posts", own}});
+  }
+  return beacons;
+}
+
 namespace {
 
 using nlohmann::json;
@@ -93,6 +116,46 @@ void bindText(sqlite3_stmt* s, int i, const json& v) {
   } else {
     sqlite3_bind_null(s, i);
   }
+}
+
+void bindInt(sqlite3_stmt* s, int i, const json& v) {
+  if (v.is_number()) {
+    sqlite3_bind_int64(s, i, v.get<std::int64_t>());
+  } else {
+    sqlite3_bind_null(s, i);
+  }
+}
+
+// Steps through every row, reading every column as a client building its objects would.
+std::size_t readRows(sqlite3_stmt* s) {
+  std::size_t rows = 0;
+  int result;
+  while ((result = sqlite3_step(s)) == SQLITE_ROW) {
+    for (int c = 0, n = sqlite3_column_count(s); c < n; ++c) {
+      if (sqlite3_column_type(s, c) == SQLITE_TEXT) {
+        sqlite3_column_text(s, c);
+      } else {
+        sqlite3_column_int64(s, c);
+      }
+    }
+    ++rows;
+  }
+  if (result != SQLITE_DONE) {
+    std::fprintf(stderr, "sqlite: %s\n", sqlite3_errmsg(sqlite3_db_handle(s)));
+    std::exit(1);
+  }
+  sqlite3_reset(s);
+  return rows;
+}
+
+void run(sqlite3_stmt* s);
+
+// One row of a list table: owner, position, target.
+void insertLink(sqlite3_stmt* s, std::int64_t owner, int position, std::int64_t target) {
+  sqlite3_bind_int64(s, 1, owner);
+  sqlite3_bind_int64(s, 2, position);
+  sqlite3_bind_int64(s, 3, target);
+  run(s);
 }
 
 void run(sqlite3_stmt* s) {
@@ -124,72 +187,144 @@ FloorStore::FloorStore(const std::string& path) {
        "CREATE TABLE post_periods(owner INTEGER, position INTEGER, target INTEGER,"
        " PRIMARY KEY(owner, position)) WITHOUT ROWID;"
        "CREATE TABLE post_fields(owner INTEGER, position INTEGER, target INTEGER,"
+       " PRIMARY KEY(owner, position)) WITHOUT ROWID;"
+       "CREATE TABLE beacon(id INTEGER PRIMARY KEY, name TEXT, uuid TEXT, major INTEGER,"
+       " minor INTEGER, message TEXT, latitude REAL, longitude REAL, created TEXT,"
+       " updated TEXT);"
+       "CREATE TABLE beacon_posts(owner INTEGER, position INTEGER, target INTEGER,"
        " PRIMARY KEY(owner, position)) WITHOUT ROWID;");
 }
 
-FloorStore::~FloorStore() { sqlite3_close(db_); }
+FloorStore::~FloorStore() {
+  for (auto* s : {beaconById_, postsOfBeacon_, periodsOfPost_}) sqlite3_finalize(s);
+  sqlite3_close(db_);
+}
+
+struct FloorStore::PostStatements {
+  explicit PostStatements(sqlite3* db)
+      : post(prepare(db, "INSERT INTO post VALUES(?,?,?,?,?,?,?,?)")),
+        period(prepare(db, "INSERT INTO period VALUES(?,?,?,?,?)")),
+        field(prepare(db, "INSERT INTO field VALUES(?,?,?,?,?,?)")),
+        media(prepare(db, "INSERT INTO media VALUES(?,?,?,?,?,?,?)")),
+        periodLink(prepare(db, "INSERT INTO post_periods VALUES(?,?,?)")),
+        fieldLink(prepare(db, "INSERT INTO post_fields VALUES(?,?,?)")) {}
+  ~PostStatements() {
+    for (auto* s : {post, period, field, media, periodLink, fieldLink}) sqlite3_finalize(s);
+  }
+  sqlite3_stmt *post, *period, *field, *media, *periodLink, *fieldLink;
+};
+
+void FloorStore::insertPost(PostStatements& st, const json& p) {
+  std::int64_t id = p["id"].get<std::int64_t>();
+  const auto& thumb = p["thumbnail"];
+  sqlite3_bind_int64(st.media, 1, thumb["id"].get<std::int64_t>());
+  sqlite3_bind_int64(st.media, 2, thumb["width"].get<std::int64_t>());
+  sqlite3_bind_int64(st.media, 3, thumb["height"].get<std::int64_t>());
+  const auto& urls = thumb["urls"];
+  bindText(st.media, 4, urls["original"]);
+  bindText(st.media, 5, urls["large"]);
+  bindText(st.media, 6, urls["mobile"]);
+  bindText(st.media, 7, urls["thumbnail"]);
+  run(st.media);
+  sqlite3_bind_int64(st.post, 1, id);
+  bindText(st.post, 2, p["name"]);
+  bindText(st.post, 3, p["content"]["html"]);
+  sqlite3_bind_int64(st.post, 4, p["collectible"].get<bool>());
+  bindText(st.post, 5, p["parameters"]);
+  sqlite3_bind_int64(st.post, 6, thumb["id"].get<std::int64_t>());
+  bindText(st.post, 7, p["created_at"]);
+  bindText(st.post, 8, p["updated_at"]);
+  run(st.post);
+  int position = 0;
+  for (const auto& r : p["postperiods"]) {
+    sqlite3_bind_int64(st.period, 1, r["id"].get<std::int64_t>());
+    bindText(st.period, 2, r["start"]);
+    bindText(st.period, 3, r["stop"]);
+    bindText(st.period, 4, r["created_at"]);
+    bindText(st.period, 5, r["updated_at"]);
+    run(st.period);
+    insertLink(st.periodLink, id, position++, r["id"].get<std::int64_t>());
+  }
+  position = 0;
+  for (const auto& f : p["postfields"]) {
+    sqlite3_bind_int64(st.field, 1, f["id"].get<std::int64_t>());
+    sqlite3_bind_int64(st.field, 2, f["postFieldType_id"].get<std::int64_t>());
+    sqlite3_bind_int64(st.field, 3, f["order"].get<std::int64_t>());
+    bindText(st.field, 4, f["content"]);
+    bindText(st.field, 5, f["created_at"]);
+    bindText(st.field, 6, f["updated_at"]);
+    run(st.field);
+    insertLink(st.fieldLink, id, position++, f["id"].get<std::int64_t>());
+  }
+}
 
 std::size_t FloorStore::importPosts(const std::string& text) {
   json array = json::parse(text);
-  sqlite3_stmt* post = prepare(db_, "INSERT INTO post VALUES(?,?,?,?,?,?,?,?)");
-  sqlite3_stmt* period = prepare(db_, "INSERT INTO period VALUES(?,?,?,?,?)");
-  sqlite3_stmt* field = prepare(db_, "INSERT INTO field VALUES(?,?,?,?,?,?)");
-  sqlite3_stmt* media = prepare(db_, "INSERT INTO media VALUES(?,?,?,?,?,?,?)");
-  sqlite3_stmt* periodLink = prepare(db_, "INSERT INTO post_periods VALUES(?,?,?)");
-  sqlite3_stmt* fieldLink = prepare(db_, "INSERT INTO post_fields VALUES(?,?,?)");
+  PostStatements statements(db_);
   exec(db_, "BEGIN IMMEDIATE");
-  for (const auto& p : array) {
-    std::int64_t id = p["id"].get<std::int64_t>();
-    const auto& thumb = p["thumbnail"];
-    sqlite3_bind_int64(media, 1, thumb["id"].get<std::int64_t>());
-    sqlite3_bind_int64(media, 2, thumb["width"].get<std::int64_t>());
-    sqlite3_bind_int64(media, 3, thumb["height"].get<std::int64_t>());
-    const auto& urls = thumb["urls"];
-    bindText(media, 4, urls["original"]);
-    bindText(media, 5, urls["large"]);
-    bindText(media, 6, urls["mobile"]);
-    bindText(media, 7, urls["thumbnail"]);
-    run(media);
-    sqlite3_bind_int64(post, 1, id);
-    bindText(post, 2, p["name"]);
-    bindText(post, 3, p["content"]["html"]);
-    sqlite3_bind_int64(post, 4, p["collectible"].get<bool>());
-    bindText(post, 5, p["parameters"]);
-    sqlite3_bind_int64(post, 6, thumb["id"].get<std::int64_t>());
-    bindText(post, 7, p["created_at"]);
-    bindText(post, 8, p["updated_at"]);
-    run(post);
+  for (const auto& p : array) insertPost(statements, p);
+  exec(db_, "COMMIT");
+  return array.size();
+}
+
+std::size_t FloorStore::importBeacons(const std::string& text) {
+  json array = json::parse(text);
+  PostStatements statements(db_);
+  sqlite3_stmt* beacon = prepare(db_, "INSERT INTO beacon VALUES(?,?,?,?,?,?,?,?,?,?)");
+  sqlite3_stmt* postLink = prepare(db_, "INSERT INTO beacon_posts VALUES(?,?,?)");
+  exec(db_, "BEGIN IMMEDIATE");
+  for (const auto& b : array) {
+    const std::int64_t id = b["id"].get<std::int64_t>();
+    sqlite3_bind_int64(beacon, 1, id);
+    bindText(beacon, 2, b["description"]);
+    bindText(beacon, 3, b["uuid"]);
+    bindInt(beacon, 4, b["major"]);
+    bindInt(beacon, 5, b["minor"]);
+    bindText(beacon, 6, b["message"]);
+    sqlite3_bind_double(beacon, 7, b["latitude"].get<double>());
+    sqlite3_bind_double(beacon, 8, b["longitude"].get<double>());
+    bindText(beacon, 9, b["created_at"]);
+    bindText(beacon, 10, b["updated_at"]);
+    run(beacon);
     int position = 0;
-    for (const auto& r : p["postperiods"]) {
-      sqlite3_bind_int64(period, 1, r["id"].get<std::int64_t>());
-      bindText(period, 2, r["start"]);
-      bindText(period, 3, r["stop"]);
-      bindText(period, 4, r["created_at"]);
-      bindText(period, 5, r["updated_at"]);
-      run(period);
-      sqlite3_bind_int64(periodLink, 1, id);
-      sqlite3_bind_int64(periodLink, 2, position++);
-      sqlite3_bind_int64(periodLink, 3, r["id"].get<std::int64_t>());
-      run(periodLink);
-    }
-    position = 0;
-    for (const auto& f : p["postfields"]) {
-      sqlite3_bind_int64(field, 1, f["id"].get<std::int64_t>());
-      sqlite3_bind_int64(field, 2, f["postFieldType_id"].get<std::int64_t>());
-      sqlite3_bind_int64(field, 3, f["order"].get<std::int64_t>());
-      bindText(field, 4, f["content"]);
-      bindText(field, 5, f["created_at"]);
-      bindText(field, 6, f["updated_at"]);
-      run(field);
-      sqlite3_bind_int64(fieldLink, 1, id);
-      sqlite3_bind_int64(fieldLink, 2, position++);
-      sqlite3_bind_int64(fieldLink, 3, f["id"].get<std::int64_t>());
-      run(fieldLink);
+    for (const auto& p : b["posts"]) {
+      insertPost(statements, p);
+      insertLink(postLink, id, position++, p["id"].get<std::int64_t>());
     }
   }
   exec(db_, "COMMIT");
-  for (auto* s : {post, period, field, media, periodLink, fieldLink}) sqlite3_finalize(s);
+  for (auto* s : {beacon, postLink}) sqlite3_finalize(s);
   return array.size();
+}
+
+std::size_t FloorStore::readBeacon(std::int64_t id) {
+  if (!beaconById_) {
+    beaconById_ = prepare(db_, "SELECT * FROM beacon WHERE id = ?");
+    postsOfBeacon_ = prepare(db_,
+                             "SELECT post.* FROM beacon_posts JOIN post ON post.id = target"
+                             " WHERE owner = ? ORDER BY position");
+    periodsOfPost_ = prepare(db_,
+                             "SELECT period.* FROM post_periods JOIN period ON period.id = target"
+                             " WHERE owner = ? ORDER BY position");
+  }
+  sqlite3_bind_int64(beaconById_, 1, id);
+  std::size_t rows = readRows(beaconById_);
+  if (rows == 0) return 0;
+  std::vector<std::int64_t> posts;
+  sqlite3_bind_int64(postsOfBeacon_, 1, id);
+  while (sqlite3_step(postsOfBeacon_) == SQLITE_ROW) {
+    posts.push_back(sqlite3_column_int64(postsOfBeacon_, 0));
+    for (int c = 1, n = sqlite3_column_count(postsOfBeacon_); c < n; ++c) {
+      sqlite3_column_text(postsOfBeacon_, c);
+    }
+  }
+  sqlite3_reset(postsOfBeacon_);
+  rows += posts.size();
+  for (std::int64_t post : posts) {
+    sqlite3_bind_int64(periodsOfPost_, 1, post);
+    rows += readRows(periodsOfPost_);
+  }
+  return rows;
 }
 
 }  // namespace qvl::bench

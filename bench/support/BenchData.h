@@ -3,17 +3,27 @@
 // against: the same answer stored with plain SQLite.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace qvl::bench {
 
 /// A JSON array of `count` posts, each with 2 periods, 3 post fields and a thumbnail,
 /// shaped as the service sends them. Ids are unique across the whole array.
 nlohmann::json postsJson(int count);
+
+/// A JSON array of `count` beacons of one UUID (major 1, minor = id, ids from 1), each with
+/// `postsPerBeacon` posts of its own shaped as postsJson's (2 periods, one running until
+/// 2031), shaped as the service sends them.
+nlohmann::json beaconsJson(int count, int postsPerBeacon);
+
+/// The UUID of beaconsJson's beacons.
+inline constexpr const char* kBeaconsUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
 
 /// The least work that stores a posts answer: one table per record kind and one per list,
 /// filled with plain prepared statements. Exits the process on any SQLite error (it only
@@ -30,9 +40,21 @@ class FloorStore {
   /// uses and inserts every post, its thumbnail, periods and fields and their list rows in
   /// one transaction. Returns the number of posts.
   std::size_t importPosts(const std::string& text);
+  /// Inserts a beacons answer (shaped as beaconsJson), with the beacons' posts and list rows,
+  /// in one transaction. Returns the number of beacons.
+  std::size_t importBeacons(const std::string& text);
+  /// Reads beacon `id` by primary key with its posts and their periods, every column, with
+  /// statements prepared once. Returns the rows read (0 when there is no such beacon).
+  std::size_t readBeacon(std::int64_t id);
 
  private:
+  struct PostStatements;
+  void insertPost(PostStatements& statements, const nlohmann::json& post);
+
   sqlite3* db_ = nullptr;
+  sqlite3_stmt* beaconById_ = nullptr;
+  sqlite3_stmt* postsOfBeacon_ = nullptr;
+  sqlite3_stmt* periodsOfPost_ = nullptr;
 };
 
 }  // namespace qvl::bench

@@ -123,11 +123,13 @@ bool QVLAnalyticsManager::beaconViewIsStarted(std::optional<std::int64_t> beacon
 }
 
 void QVLAnalyticsManager::startBeaconViewOfBeacon(const std::shared_ptr<QVLBeacon>& beacon) {
-  auto guest = currentGuest();
-  if (!guest || !beacon || !beacon->beaconId()) return;
+  if (!beacon || !beacon->beaconId()) return;
   const auto beaconId = beacon->beaconId();
-  // An open view wins over the Bluetooth test.
-  if (beaconViewIsStarted(beaconId) || !QVLBeaconSupport::bluetoothEnabled()) return;
+  // An open view is the common case (every ranging report restarts every sighted beacon):
+  // it is settled before the store is asked for the guest. It wins over the Bluetooth test.
+  if (beaconViewIsStarted(beaconId)) return;
+  auto guest = currentGuest();
+  if (!guest || !QVLBeaconSupport::bluetoothEnabled()) return;
   auto view = std::make_shared<QVLBeaconView>();
   view->setBeaconId(beaconId);
   view->setEnterDate(qvl::now());

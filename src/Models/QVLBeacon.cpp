@@ -67,7 +67,14 @@ qvl::Coordinate QVLBeacon::coordinate() const {
 
 qvl::Results<QVLPost> QVLBeacon::activePosts() const { return qvl::activePostsOf(posts()); }
 
-bool QVLBeacon::active() const { return !activePosts().empty(); }
+bool QVLBeacon::active() const {
+  // activePosts() is not empty exactly when some listed post with a key is active; asking
+  // that directly stops at the first one and runs no narrowing query.
+  for (const auto& post : posts().elements()) {
+    if (post->postId() && post->active()) return true;
+  }
+  return false;
+}
 
 std::string QVLBeacon::notificationMessage() const {
   return qvl::notificationMessageOf(message(), name());

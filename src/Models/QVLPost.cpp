@@ -1,5 +1,7 @@
 #include "quorvel/Models/QVLPost.h"
 
+#include <algorithm>
+
 #include "quorvel/Models/QVLAudience.h"
 #include "quorvel/Models/QVLBeacon.h"
 
@@ -48,8 +50,6 @@ const QVLModelClass& QVLPost::modelClass() {
 
 bool QVLPost::active() const {
   auto all = periods().elements();
-  if (all.empty()) return true;
-  bool any = false;
-  for (const auto& period : all) any = period->active() || any;
-  return any;
+  return all.empty() ||
+         std::any_of(all.begin(), all.end(), [](const auto& period) { return period->active(); });
 }

@@ -268,10 +268,15 @@ std::vector<std::shared_ptr<Object>> AnyList::elements() const {
   owner_->store()->checkThread();
   auto& impl = StoreAccess::impl(*owner_->store());
   const ClassInfo& target = impl.info(objectClass());
+  // One joined read: a link whose target row is gone yields nothing, as load() would.
   std::vector<std::shared_ptr<Object>> out;
-  for (std::int64_t row :
-       impl.listRows(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_))) {
-    if (auto object = impl.load(*owner_->store(), target, row)) out.push_back(std::move(object));
+  StatementUse use(impl.statement(listInfo(impl, *owner_, index_).selectElements));
+  use.bindInt(1, StoreAccess::row(*owner_));
+  while (use.step()) {
+    auto object = target.objectClass->makeObject();
+    impl.fill(*object, target, use, 1);
+    StoreAccess::manage(*object, owner_->store(), use.columnInt(0));
+    out.push_back(std::move(object));
   }
   return out;
 }

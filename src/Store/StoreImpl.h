@@ -63,7 +63,7 @@ struct ClassInfo {
   struct ListInfo {
     int property = -1;
     std::string table;  // quoted
-    std::string selectTargets, deleteOwner, insertLink, nextPosition, count;
+    std::string selectTargets, selectElements, deleteOwner, insertLink, nextPosition, count;
     std::string deleteOwnersIn, deleteTargetsIn;  // row sets bound as one JSON array
     const ObjectClass* target = nullptr;
   };

@@ -1,6 +1,10 @@
 #include "quorvel/Managers/QVLBeaconManager.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,14 +12,18 @@
 #include <gtest/gtest.h>
 
 #include "Managers/ServiceFixture.h"
+#include "quorvel/Categories/QVLBeaconSupport.h"
 #include "quorvel/Categories/QVLWeakPointerArray.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLAnalyticsManager.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/MainQueue.h"
 #include "quorvel/Platform/NotificationCenter.h"
+#include "quorvel/Platform/Scene.h"
+#include "quorvel/Platform/SimulatedWorld.h"
 #include "support/RecordingTransport.h"
 #include "support/TempDir.h"
 
@@ -35,6 +43,7 @@ class FakeServices : public qvl::LocationService, public qvl::BluetoothCentral {
   std::vector<qvl::Region> monitored;
   std::vector<BeaconRegion> ranged;
   qvl::BluetoothState bluetooth = qvl::BluetoothState::PoweredOn;
+  qvl::AuthorizationStatus authorization = qvl::AuthorizationStatus::AuthorizedAlways;
 
   void setDelegate(std::weak_ptr<qvl::LocationServiceDelegate> d) override { location_ = d; }
   std::vector<qvl::Region> monitoredRegions() const override { return monitored; }
@@ -50,9 +59,7 @@ class FakeServices : public qvl::LocationService, public qvl::BluetoothCentral {
   void startRanging(const BeaconRegion& region) override { ranged.push_back(region); }
   void stopRanging(const BeaconRegion& region) override { std::erase(ranged, region); }
   std::vector<BeaconRegion> rangedRegions() const override { return ranged; }
-  qvl::AuthorizationStatus authorizationStatus() const override {
-    return qvl::AuthorizationStatus::AuthorizedAlways;
-  }
+  qvl::AuthorizationStatus authorizationStatus() const override { return authorization; }
   void requestAlwaysAuthorization() override {}
   qvl::BluetoothState state() const override { return bluetooth; }
   void setDelegate(std::weak_ptr<qvl::BluetoothCentralDelegate> d) override { central_ = d; }
@@ -91,13 +98,66 @@ std::string ids(const std::vector<std::shared_ptr<QVLBeacon>>& beacons) {
   return text.empty() ? "-" : text;
 }
 
+// The lines only `expected` has ("- ") and those only `actual` has ("+ "), in order: a diff
+// over their longest common subsequence.
+std::string lineDiff(const std::vector<std::string>& expected,
+                     const std::vector<std::string>& actual) {
+  const size_t n = expected.size(), m = actual.size();
+  std::vector<std::vector<int>> common(n + 1, std::vector<int>(m + 1, 0));  // of the suffixes
+  for (size_t i = n; i-- > 0;) {
+    for (size_t j = m; j-- > 0;) {
+      common[i][j] = expected[i] == actual[j] ? common[i + 1][j + 1] + 1
+                                              : std::max(common[i + 1][j], common[i][j + 1]);
+    }
+  }
+  std::string diff;
+  for (size_t i = 0, j = 0; i < n || j < m;) {
+    if (i < n && j < m && expected[i] == actual[j]) {
+      ++i, ++j;
+    } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
+      diff += "+ " + actual[j++] + "\n";
+    } else {
+      diff += "- " + expected[i++] + "\n";
+    }
+  }
+  return diff;
+}
+
+// Compares `lines` with the golden file at `path`; with QVL_UPDATE_GOLDEN=1 in the
+// environment it first rewrites the file from `lines`.
+void expectGolden(const std::vector<std::string>& lines, const std::filesystem::path& path) {
+  if (const char* update = std::getenv("QVL_UPDATE_GOLDEN"); update && std::string(update) == "1") {
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream out(path);
+    for (const auto& line : lines) out << line << '\n';
+    ASSERT_TRUE(out.flush()) << "cannot write " << path;
+    std::printf("rewrote %s\n", path.c_str());
+  }
+  std::ifstream in(path);
+  ASSERT_TRUE(in) << "no golden file " << path << " (QVL_UPDATE_GOLDEN=1 writes it)";
+  std::vector<std::string> golden;
+  for (std::string line; std::getline(in, line);) golden.push_back(line);
+  EXPECT_TRUE(golden == lines) << path << " differs (- golden, + now):\n"
+                               << lineDiff(golden, lines);
+}
+
 // Writes what it hears, one line per call, to a shared log.
 class LoggingDelegate : public QVLBeaconManagerDelegate {
  public:
   LoggingDelegate(std::shared_ptr<std::vector<std::string>> log, std::string name)
       : log_(std::move(log)), name_(std::move(name)) {}
+  // Lists the ranged beacons as major.minor/proximity, nearest first; otherwise counts them.
+  bool listsRanged = false;
+
   void beaconManagerDidRangeCLBeacons(const std::vector<RangedBeacon>& b) override {
-    add("ranged " + std::to_string(b.size()));
+    if (!listsRanged) return add("ranged " + std::to_string(b.size()));
+    static const char* const kProximity[] = {"unknown", "immediate", "near", "far"};
+    std::string line = "ranged";
+    for (const auto& r : b) {
+      line += " " + std::to_string(r.major) + "." + std::to_string(r.minor) + "/" +
+              kProximity[static_cast<int>(r.proximity)];
+    }
+    add(line);
   }
   void beaconManagerClosestBeaconChangedTo(const std::shared_ptr<QVLBeacon>& b) override {
     add("closest " + (b ? std::to_string(*b->beaconId()) : std::string("none")));
@@ -117,6 +177,18 @@ class LoggingDelegate : public QVLBeaconManagerDelegate {
   }
   void beaconManagerDidEnterRegionWithGeofence(const std::shared_ptr<QVLGeofence>& g) override {
     add("enter geofence " + (g ? std::to_string(*g->geofenceId()) : std::string("none")));
+  }
+  void beaconManagerDidExitRegionWithBeacon(const std::shared_ptr<QVLBeacon>& b) override {
+    add("exit beacon " + std::to_string(*b->beaconId()));
+  }
+  void beaconManagerDidExitRegion(const BeaconRegion& r) override {
+    add("exit region " + r.identifier);
+  }
+  void beaconManagerDidExitRegionWithGeofence(const std::shared_ptr<QVLGeofence>& g) override {
+    add("exit geofence " + (g ? std::to_string(*g->geofenceId()) : std::string("none")));
+  }
+  void beaconManagerDidChangeAuthorizationStatus(qvl::AuthorizationStatus s) override {
+    add("authorization " + std::to_string(static_cast<int>(s)));
   }
   void beaconManagerDidChangeBluetoothState(qvl::BluetoothState s) override {
     add("bluetooth " + std::to_string(static_cast<int>(s)));
@@ -144,12 +216,13 @@ class QVLBeaconManagerTest : public ::testing::Test {
     g->setGuestId(9);
     return g;
   }
-  // Beacon `id` of kUuid, major 100, the given minor; active when it has a post.
-  static std::shared_ptr<QVLApiModel> beacon(std::int64_t id, std::int64_t minor, bool active) {
+  // Beacon `id` of kUuid with this major and minor; active when it has a post.
+  static std::shared_ptr<QVLApiModel> beacon(std::int64_t id, std::int64_t minor, bool active,
+                                             std::int64_t major = 100) {
     auto b = std::make_shared<QVLBeacon>();
     b->setBeaconId(id);
     b->setUuidString(kUuid.toString());
-    b->setMajor(100);
+    b->setMajor(major);
     b->setMinor(minor);
     if (active) {
       auto post = std::make_shared<QVLPost>();
@@ -270,6 +343,48 @@ TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
   EXPECT_EQ(services_->ranged, std::vector<BeaconRegion>{rangingFirst});
   EXPECT_EQ(takeLog().back(), "closest none");
   EXPECT_EQ(manager().closestBeacon(), nullptr);
+
+  // Stopping every beacon stops ranging although raw2 is watched. A record deleted since its
+  // watch started is passed on as none: its region stays monitored, its view stays open.
+  watch({2});
+  services_->report({sighting(1), sighting(2)});
+  auto realm = QVLRealm::realm();
+  realm->write([&] { realm->remove(realm->object<QVLBeacon>(1)); });
+  manager().stopSearchingForBeacons();
+  EXPECT_TRUE(manager().searchingBeacons().empty());
+  EXPECT_TRUE(services_->ranged.empty());
+  std::vector<std::string> monitored;
+  for (const auto& region : services_->monitored)
+    monitored.push_back(qvl::regionIdentifier(region));
+  EXPECT_EQ(monitored, (std::vector<std::string>{"raw2", "1"}));
+  EXPECT_TRUE(manager().analyticsManager().beaconViewIsStarted(1));
+  EXPECT_FALSE(manager().analyticsManager().beaconViewIsStarted(2));
+}
+
+TEST_F(QVLBeaconManagerTest, ARepeatedIdentityMapsToTheRecordStartedFirst) {
+  store({beacon(5, 1, true)});  // the identity of beacon 1 under another key
+  watch({5, 1, 5});
+  EXPECT_EQ(manager().searchingBeacons().size(), 2u);
+  EXPECT_EQ(services_->monitored.size(), 2u);
+  services_->report({sighting(1)});
+  EXPECT_EQ(*manager().closestBeacon()->beaconId(), 5);
+  manager().stopSearchingForBeacon(stored(5));
+  services_->report({sighting(1)});
+  EXPECT_EQ(*manager().closestBeacon()->beaconId(), 1);
+}
+
+TEST_F(QVLBeaconManagerTest, CapabilityQueriesFailOnlyOnAnExplicitState) {
+  using qvl::BluetoothState;
+  for (int state = 0; state <= 5; ++state) {
+    services_->bluetooth = static_cast<BluetoothState>(state);
+    SCOPED_TRACE(state);
+    EXPECT_EQ(QVLBeaconSupport::bluetoothEnabled(), state != 4);
+    EXPECT_EQ(QVLBeaconSupport::supportsBeacons(), state != 2);
+  }
+  for (int status = 0; status <= 4; ++status) {
+    services_->authorization = static_cast<qvl::AuthorizationStatus>(status);
+    EXPECT_EQ(QVLBeaconSupport::hasAuthorizedLocationAlways(), status == 3) << status;
+  }
 }
 
 TEST_F(QVLBeaconManagerTest, RegionEntriesReachTheMatchingDelegateOperation) {
@@ -299,6 +414,12 @@ TEST_F(QVLBeaconManagerTest, RegionEntriesReachTheMatchingDelegateOperation) {
   EXPECT_EQ(manager().geofenceFromCLCircularRegion({{}, 1, "12abc"}), nullptr);
   store({geofence});
   EXPECT_EQ(*manager().geofenceFromCLCircularRegion({{}, 1, "12abc"})->geofenceId(), 12);
+  geofence->setGeofenceId(0);
+  store({geofence});
+  EXPECT_EQ(*manager().geofenceFromCLCircularRegion({{}, 1, "plaza"})->geofenceId(), 0);
+  // Only a beacon region naming a watched beacon's UUID, major and minor maps to it.
+  EXPECT_EQ(manager().beaconFromRegion(BeaconRegion::withMajor(kUuid, 100, "1")), nullptr);
+  EXPECT_EQ(manager().beaconFromRegion(qvl::CircularRegion{{}, 1, "1"}), nullptr);
 }
 
 TEST_F(QVLBeaconManagerTest, BluetoothOffFinishesBeaconViewsBeforeTheNotification) {
@@ -365,6 +486,58 @@ TEST_F(QVLBeaconManagerTest, ReleasedDelegatesAreSkippedAndTheirSlotsDropped) {
   list.removeObject(objects[1].get());
   EXPECT_EQ(list.allObjects(), (std::vector<std::shared_ptr<int>>{objects[2], objects[4]}));
   EXPECT_EQ(QVLWeakPointerArray<int>().indexForObject(nullptr), 9223372036854775807u);
+}
+
+// The two-shops walk (data/scenes/two-shops.json) replayed by the simulated world and heard
+// through the beacon manager: every delegate call and notification, one line each, stamped
+// with the scene second it was delivered at, must equal tests/Managers/golden/two-shops.log.
+// After an intended change of behaviour or of the scene, rewrite the golden file with
+//   QVL_UPDATE_GOLDEN=1 ./build/quorvel_tests --gtest_filter='*TwoShopsWalk*'
+// and review its diff before committing it.
+TEST_F(QVLBeaconManagerTest, TheTwoShopsWalkGivesTheGoldenLog) {
+  const std::filesystem::path here = std::filesystem::path(__FILE__).parent_path();
+  auto clock = std::make_shared<qvl::ManualClock>();
+  qvl::ScopedEnv timed([&](qvl::Env& env) { env.clock = clock; });
+  auto world = qvl::SimulatedWorld::create();
+  qvl::ScopedEnv simulated([&](qvl::Env& env) {
+    env.locationService = world;
+    env.bluetoothCentral = world;
+  });
+  // Shop A: beacons 11 (1.1) and 12 (1.2); shop B: beacon 21 (2.1) and the raw region of
+  // major 2; the plaza between them: geofence 30.
+  auto plaza = std::make_shared<QVLGeofence>();
+  plaza->setGeofenceId(30);
+  plaza->setLatitude(52.5203597);
+  plaza->setLongitude(13.4060346);
+  plaza->setRadius(25);
+  store({beacon(11, 1, true, 1), beacon(12, 2, true, 1), beacon(21, 1, true, 2), plaza});
+  delegate_->listsRanged = true;
+  auto observer = qvl::NotificationCenter::defaultCenter().addObserver(
+      "", nullptr, [&](const qvl::Notification& n) {
+        std::string object = "?";
+        if (const auto* status = std::any_cast<std::int32_t>(&n.object)) {
+          object = std::to_string(*status);
+        } else if (std::any_cast<QVLBeaconManager*>(&n.object)) {
+          object = "manager, bluetoothState " +
+                   std::to_string(static_cast<int>(manager().bluetoothState()));
+        }
+        log_->push_back("notification " + n.name + " (" + object + ")");
+      });
+  watch({11, 12, 21});
+  manager().startSearchingForBeaconRegion(BeaconRegion::withMajor(kUuid, 2, "shop B"));
+  manager().startSearchingForGeofence(QVLRealm::realm()->object<QVLGeofence>(30));
+  manager().requestLocationAlwaysAuthorization();
+  world->play(qvl::Scene::load(here / "../../data/scenes/two-shops.json"));
+
+  std::vector<std::string> log;
+  auto& queue = *qvl::Env::current()->mainQueue;
+  for (int second = 0; second <= 130; ++second) {
+    if (second > 0) world->advance(1);
+    queue.runUntilIdle();
+    for (const auto& line : takeLog()) log.push_back("@" + std::to_string(second) + " " + line);
+  }
+  ASSERT_TRUE(world->sceneFinished());
+  expectGolden(log, here / "golden/two-shops.log");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "quorvel/Platform/SimulatedWorld.h"
 
-#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -18,8 +17,6 @@ namespace {
 using Log = std::vector<std::string>;
 
 const Uuid kUuid = *Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
-const std::string kScenes =
-    (std::filesystem::path(__FILE__).parent_path() / "../../data/scenes").lexically_normal();
 
 // Records what the world reports, stamped with the second it was delivered at.
 class Recorder : public LocationServiceDelegate, public BluetoothCentralDelegate {
@@ -29,7 +26,6 @@ class Recorder : public LocationServiceDelegate, public BluetoothCentralDelegate
 
   Log events;   // entries, exits, authorization and Bluetooth changes
   Log reports;  // ranging: "@t region: major.minor ..." nearest first, "?" when lost
-  Log nearest;  // ranging, only when the first fresh beacon changes
 
   void didRangeBeacons(const std::vector<RangedBeacon>& beacons,
                        const BeaconRegion& region) override {
@@ -39,12 +35,6 @@ class Recorder : public LocationServiceDelegate, public BluetoothCentralDelegate
       line << ' ' << b.major << '.' << b.minor << (b.proximity == Proximity::Unknown ? "?" : "");
     }
     reports.push_back(line.str());
-    std::string first =
-        beacons.empty() || beacons[0].proximity == Proximity::Unknown
-            ? "none"
-            : std::to_string(beacons[0].major) + "." + std::to_string(beacons[0].minor);
-    if (first != lastNearest_) nearest.push_back(stamp() + first);
-    lastNearest_ = first;
   }
   void didEnterRegion(const Region& region) override {
     events.push_back(stamp() + "enter " + regionIdentifier(region));
@@ -66,7 +56,6 @@ class Recorder : public LocationServiceDelegate, public BluetoothCentralDelegate
   }
   std::shared_ptr<Clock> clock_;
   Date start_;
-  std::string lastNearest_ = "none";
 };
 
 class SimulatedWorldTest : public ::testing::Test {
@@ -239,24 +228,6 @@ TEST_F(SimulatedWorldTest, MonitoredRegionsOutliveTheWorld) {
   world->stopMonitoring(beacon);
   world->stopMonitoring(moved);
   EXPECT_TRUE(SimulatedWorld::create()->monitoredRegions().empty());
-}
-
-TEST_F(SimulatedWorldTest, ReplaysTheTwoShopsWalk) {
-  const Uuid uuid = kUuid;
-  world->startMonitoring(BeaconRegion::withMajorMinor(uuid, 1, 1, "A1"));
-  world->startMonitoring(BeaconRegion::withMajor(uuid, 2, "shop B"));
-  world->startMonitoring(CircularRegion{{52.5203597, 13.4060346}, 25, "plaza"});
-  world->startRanging(BeaconRegion::withUuid(uuid, "Beacons"));
-  world->requestAlwaysAuthorization();
-  world->play(Scene::load(kScenes + "/two-shops.json"));
-  run(150);
-  EXPECT_TRUE(world->sceneFinished());
-  EXPECT_EQ(recorder->events,
-            (Log{"@0 authorization 3", "@18 enter A1", "@55 exit A1", "@62 enter plaza",
-                 "@86 exit plaza", "@97 enter shop B", "@110 bluetooth 4", "@119 exit shop B",
-                 "@125 bluetooth 5", "@125 enter shop B"}));
-  EXPECT_EQ(recorder->nearest,
-            (Log{"@14 1.1", "@33 1.2", "@49 none", "@93 2.1", "@110 none", "@125 2.1"}));
 }
 
 }  // namespace
