@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
+
 /// An error: a domain text, an integer code and optional user information.
 /// "QVLApiClientErrorDomain": the service answered with a failure status (code = HTTP
 /// status, user information = the parsed answer body) or, with code 0, a request lacked
@@ -15,7 +17,7 @@
 /// (user information {"errorMessage": text}).
 /// "QVLStoreErrorDomain": the answer came but the library's store could not be opened or
 /// written (user information {"errorMessage": text}); nothing was stored.
-struct QVLError {
+struct QVL_EXPORT QVLError {
   std::string domain;
   long long code = 0;
   std::optional<nlohmann::json> userInfo;

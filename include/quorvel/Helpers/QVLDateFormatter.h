@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Value.h"
 
 /// The service's date format: "yyyy-MM-dd'T'HH:mm:ssZZZ" in UTC, en_US_POSIX digits,
@@ -16,7 +17,7 @@
 /// 9999 parses and prints back exactly. Printing always uses UTC and whole seconds (a
 /// fraction is dropped toward the past); a date whose UTC year lies outside 0000-9999
 /// prints its year with a sign ("-0001", "+10000"), which does not parse back.
-class QVLDateFormatter {
+class QVL_EXPORT QVLDateFormatter {
  public:
   /// A new formatter; it converts like the class methods.
   static QVLDateFormatter dateFormatter() { return QVLDateFormatter(); }

@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Store.h"
 
 /// The library's store: "QuorvelSDK.realm" in the store directory, schema version 19.
-class QVLRealm {
+class QVL_EXPORT QVLRealm {
  public:
   static constexpr std::uint64_t kSchemaVersion = 19;
   static constexpr const char* kFileName = "QuorvelSDK.realm";

@@ -8,6 +8,7 @@
 #include <optional>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLAudience.h"
 #include "quorvel/Models/QVLBeacon.h"
@@ -40,7 +41,7 @@ class CenterObservation;
 /// "UIApplicationDidBecomeActiveNotification" on the environment's notification centre; a
 /// use that finds another centre in force observes that one too and sends the kept views,
 /// as a creation does.
-class QVLAnalyticsManager {
+class QVL_EXPORT QVLAnalyticsManager {
  public:
   static QVLAnalyticsManager& sharedManager();
 

@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/QVLError.h"
@@ -47,8 +48,8 @@ enum QVLApiEnvironment : std::int32_t {
 ///
 /// Configuration (bundle information, token, API domain, pins: see qvl::Env) is read afresh
 /// per request.
-class QVLApiClient : public qvl::HttpSessionDelegate,
-                     public std::enable_shared_from_this<QVLApiClient> {
+class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
+                                public std::enable_shared_from_this<QVLApiClient> {
  public:
   /// Field limits: resource type to comma-separated field names, sent in this order as
   /// fields[type]=names.

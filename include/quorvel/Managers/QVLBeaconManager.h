@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quorvel/Categories/QVLWeakPointerArray.h"
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLBeacon.h"
 #include "quorvel/Models/QVLGeofence.h"
 #include "quorvel/Platform/BluetoothCentral.h"
@@ -23,7 +24,7 @@ class QVLAnalyticsManager;
 /// What the beacon manager tells its delegates. Every operation is optional: the defaults
 /// do nothing. Calls arrive on the main queue, synchronously, in the order documented on
 /// QVLBeaconManager. Records passed in belong to the main queue's store handle.
-class QVLBeaconManagerDelegate {
+class QVL_EXPORT QVLBeaconManagerDelegate {
  public:
   virtual ~QVLBeaconManagerDelegate() = default;
 
@@ -49,7 +50,7 @@ class QVLBeaconManagerDelegate {
 
 /// The identity of one watched beacon, taken when its watch starts (later changes of the
 /// record are not seen). A plain value.
-struct QVLBeaconInternal {
+struct QVL_EXPORT QVLBeaconInternal {
   std::optional<std::int64_t> beaconId;
   std::optional<qvl::Uuid> uuid;
   std::optional<std::int64_t> major;
@@ -92,9 +93,9 @@ struct QVLBeaconInternal {
 /// with the new status as a std::int32_t object; "QVLBeaconManagerDidChangeBluetoothState"
 /// with this manager (QVLBeaconManager*) as object, after every open beacon view was
 /// finished when the state is "powered off".
-class QVLBeaconManager : public qvl::LocationServiceDelegate,
-                         public qvl::BluetoothCentralDelegate,
-                         public std::enable_shared_from_this<QVLBeaconManager> {
+class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
+                                    public qvl::BluetoothCentralDelegate,
+                                    public std::enable_shared_from_this<QVLBeaconManager> {
  public:
   static constexpr const char* kDidChangeLocationAuthorizationStatusNotification =
       "QVLBeaconManagerDidChangeLocationAuthorizationStatus";

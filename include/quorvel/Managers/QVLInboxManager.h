@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Store/Results.h"
@@ -37,7 +38,7 @@ class CenterObservation;
 ///
 /// Creation and environment: created on first use, never destroyed; it observes the
 /// notification centre of the environment in force, and another centre met by a later use.
-class QVLInboxManager {
+class QVL_EXPORT QVLInboxManager {
  public:
   static constexpr const char* kDidUpdateInboxNotification = "QVLInboxManagerDidUpdateInbox";
   static constexpr const char* kSyncTaskName = "SyncInbox";

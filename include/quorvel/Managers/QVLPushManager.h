@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/QVLError.h"
 
@@ -23,7 +24,7 @@
 /// not JSON; "QVLPushManagerError" code 1 (no endpoint yet, {"info": "No existing endpoint
 /// id"}) or 500 (the create answer has no "id", or 0; the answer as user information). A
 /// failed create leaves the stored id alone. Nothing is logged or retried.
-class QVLPushManager {
+class QVL_EXPORT QVLPushManager {
  public:
   static constexpr const char* kErrorDomain = "QVLPushManagerError";
   static constexpr const char* kJSONErrorDomain = "QVLJSONErrorDomain";

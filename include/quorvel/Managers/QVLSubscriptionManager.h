@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Models/QVLShop.h"
 
@@ -24,7 +25,7 @@ class CenterObservation;
 /// background task.
 ///
 /// Creation and environment: as QVLInboxManager.
-class QVLSubscriptionManager {
+class QVL_EXPORT QVLSubscriptionManager {
  public:
   static constexpr const char* kSyncTaskName = "SyncSubscriptions";
 

@@ -5,11 +5,12 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 /// Primary key `actionId`; resources "actions" / "action"; no relations.
 /// Threads: those of every record (qvl::Object).
-class QVLAction : public QVLModel<QVLAction> {
+class QVL_EXPORT QVLAction : public QVLModel<QVLAction> {
  public:
   enum Property : int {
     kActionId,

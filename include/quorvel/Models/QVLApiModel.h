@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLRelationshipMapping.h"
 #include "quorvel/QVLError.h"
 #include "quorvel/Store/Store.h"
@@ -20,7 +21,7 @@
 /// Raised when a record class lacks a declaration the caller needs (apiResourcePlural,
 /// apiResourceSingular, mapping): a programming error, never caught by the library.
 /// what() is the reason; name() the exception name, e.g. "mapping not implemented on model".
-class QVLException : public std::logic_error {
+class QVL_EXPORT QVLException : public std::logic_error {
  public:
   QVLException(std::string name, std::string reason)
       : std::logic_error(reason), name_(std::move(name)), reason_(std::move(reason)) {}
@@ -35,7 +36,7 @@ class QVLException : public std::logic_error {
 /// for a plain property, a scalar or null under a relation key, a non-object record), or
 /// JSON nested deeper than kQVLMaxJSONDepth. The one record (or the whole answer, for
 /// nesting) is rejected; what() names the class and the key.
-class QVLMappingError : public std::runtime_error {
+class QVL_EXPORT QVLMappingError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -56,7 +57,7 @@ const MappingPlan& mappingPlan(const QVLModelClass& cls);
 
 /// A record class: its store shape plus the service-facing declarations. Made once per
 /// record type (a function-local static) and immutable afterwards, so safe on any thread.
-class QVLModelClass : public qvl::ObjectClass {
+class QVL_EXPORT QVLModelClass : public qvl::ObjectClass {
  public:
   /// What a record type declares. The property helpers take the index the record type's
   /// accessors use and check that it matches the declaration order.
@@ -129,7 +130,7 @@ const qvl::ObjectClass& qvlObjectClassOf() {
 /// Records are reference objects (std::shared_ptr). Parsing makes unmanaged records that
 /// the caller owns and stores with create-or-update (Store::addOrUpdate); the merge rules
 /// below make that update keep what the JSON did not say.
-class QVLApiModel : public qvl::Object {
+class QVL_EXPORT QVLApiModel : public qvl::Object {
  public:
   /// The base class descriptor: no resources, no mapping (asking for them raises).
   static const QVLModelClass& modelClass();
@@ -201,7 +202,7 @@ class QVLApiModel : public qvl::Object {
 
 /// Typed front for a record type T: the class operations with T's class filled in.
 template <class T>
-class QVLModel : public QVLApiModel {
+class QVL_EXPORT QVLModel : public QVLApiModel {
  public:
   static std::shared_ptr<T> newObjectWithJSONDictionary(const nlohmann::json& dictionary,
                                                         qvl::Store* realm) {

@@ -6,12 +6,13 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
 
 /// Primary key `audienceId`; resources "audiences" / "audience". Relation: "posts" (list).
 /// Threads: those of every record (qvl::Object).
-class QVLAudience : public QVLModel<QVLAudience> {
+class QVL_EXPORT QVLAudience : public QVLModel<QVLAudience> {
  public:
   enum Property : int {
     kAudienceId,

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Platform/Region.h"
@@ -17,7 +18,7 @@ class QVLBeaconCategory;
 /// Inverse: shops and beaconCategories whose beacons list holds the beacon.
 /// Ignored by the store: `_uuid`, the parsed-UUID cache of uuid().
 /// Threads: those of every record (qvl::Object).
-class QVLBeacon : public QVLModel<QVLBeacon> {
+class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
  public:
   enum Property : int {
     kBeaconId,

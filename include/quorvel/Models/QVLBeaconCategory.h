@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLBeacon.h"
 
 /// Primary key `beaconCategoryId`; resources "beaconcategories" / "beaconcategory". Relation:
 /// "beacons" (list).
 /// Threads: those of every record (qvl::Object).
-class QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
+class QVL_EXPORT QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
  public:
   enum Property : int {
     kBeaconCategoryId,

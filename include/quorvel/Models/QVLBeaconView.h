@@ -4,13 +4,14 @@
 #include <cstdint>
 #include <optional>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 /// No primary key (never parsed from JSON; built locally and sent with toDictionary());
 /// resources "beaconviews" / "beaconview". JSON: "guest_id", "beacon_id", "enter",
 /// "exit", absent values left out. beaconViewId is local and never sent.
 /// Threads: those of every record (qvl::Object).
-class QVLBeaconView : public QVLModel<QVLBeaconView> {
+class QVL_EXPORT QVLBeaconView : public QVLModel<QVLBeaconView> {
  public:
   enum Property : int {
     kBeaconViewId,

@@ -5,13 +5,14 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Platform/Region.h"
 
 /// Primary key `geofenceId`; resources "geofences" / "geofence". Relation: "posts" (list).
 /// Threads: those of every record (qvl::Object).
-class QVLGeofence : public QVLModel<QVLGeofence> {
+class QVL_EXPORT QVLGeofence : public QVLModel<QVLGeofence> {
  public:
   enum Property : int {
     kGeofenceId,

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLAction.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
@@ -15,7 +16,7 @@
 /// "redemptions" (lists). Protected (kept only on the device, never overwritten by a
 /// refresh): shops (the guest's subscriptions) and posts (the guest's inbox).
 /// Threads: those of every record (qvl::Object).
-class QVLGuest : public QVLModel<QVLGuest> {
+class QVL_EXPORT QVLGuest : public QVLModel<QVLGuest> {
  public:
   enum Property : int {
     kGuestId,

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/Url.h"
 
@@ -17,7 +18,7 @@ enum QVLMediaSize : int {
 
 /// Primary key `mediaId`; resources "media" / "media". The URLs arrive nested under
 /// "urls" and are written back as flat keys such as "urls.original".
-class QVLMedia : public QVLModel<QVLMedia> {
+class QVL_EXPORT QVLMedia : public QVLModel<QVLMedia> {
  public:
   enum Property : int {
     kMediaId,

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLAudience.h"
 #include "quorvel/Models/QVLMedia.h"
@@ -20,7 +21,7 @@
 /// "shopcategories", "regions", "audiences" (lists), "image" and "logo" (media, written
 /// back as "image_id" and "logo_id").
 /// Threads: those of every record (qvl::Object).
-class QVLOrganization : public QVLModel<QVLOrganization> {
+class QVL_EXPORT QVLOrganization : public QVLModel<QVLOrganization> {
  public:
   enum Property : int {
     kOrganizationId,

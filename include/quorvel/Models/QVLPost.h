@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLMedia.h"
 #include "quorvel/Models/QVLPostField.h"
@@ -19,7 +20,7 @@ class QVLAudience;
 /// Protected (local state the service never overwrites): read, saved.
 /// Inverse: beacons and audiences whose posts list holds the post.
 /// Threads: those of every record (qvl::Object).
-class QVLPost : public QVLModel<QVLPost> {
+class QVL_EXPORT QVLPost : public QVLModel<QVLPost> {
  public:
   enum Property : int {
     kPostId,

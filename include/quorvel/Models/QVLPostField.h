@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 class QVLPost;
@@ -22,7 +23,7 @@ enum QVLPostFieldType : std::int64_t {
 /// Primary key `postFieldId`; resources "postfields" / "postfield"; no relations.
 /// Inverse: posts (the posts whose postFields list holds the field).
 /// Threads: those of every record (qvl::Object).
-class QVLPostField : public QVLModel<QVLPostField> {
+class QVL_EXPORT QVLPostField : public QVLModel<QVLPostField> {
  public:
   enum Property : int {
     kPostFieldId,

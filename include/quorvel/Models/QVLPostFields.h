@@ -14,11 +14,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLPostField.h"
 #include "quorvel/Platform/Url.h"
 
 /// Type 1: plain text.
-class QVLPostFieldText {
+class QVL_EXPORT QVLPostFieldText {
  public:
   static std::optional<QVLPostFieldText> initWithPostField(const QVLPostField& field);
 
@@ -31,7 +32,7 @@ class QVLPostFieldText {
 };
 
 /// Type 2: a JSON object describing images.
-class QVLPostFieldImages {
+class QVL_EXPORT QVLPostFieldImages {
  public:
   static std::optional<QVLPostFieldImages> initWithPostField(const QVLPostField& field);
 
@@ -45,7 +46,7 @@ class QVLPostFieldImages {
 };
 
 /// Type 3: a video URL as text.
-class QVLPostFieldVideo {
+class QVL_EXPORT QVLPostFieldVideo {
  public:
   static std::optional<QVLPostFieldVideo> initWithPostField(const QVLPostField& field);
 
@@ -63,7 +64,7 @@ class QVLPostFieldVideo {
 /// value counts, trimmed of white space and line breaks (Unicode's, no-break space
 /// included); a missing key, a value of another kind (a number included) or a text that
 /// trims to nothing gives nullopt.
-class QVLPostFieldCoupon {
+class QVL_EXPORT QVLPostFieldCoupon {
  public:
   static std::optional<QVLPostFieldCoupon> initWithPostField(const QVLPostField& field);
 
@@ -82,7 +83,7 @@ class QVLPostFieldCoupon {
 
 /// Type 7: a call to action as a JSON object. Unlike the coupon's, its texts are neither
 /// trimmed nor required to be text.
-class QVLPostFieldCallToAction {
+class QVL_EXPORT QVLPostFieldCallToAction {
  public:
   static std::optional<QVLPostFieldCallToAction> initWithPostField(const QVLPostField& field);
 

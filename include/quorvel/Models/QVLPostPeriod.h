@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <optional>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 /// Primary key `postPeriodId`; resources "postperiods" / "postPeriod" (capital P, as the
 /// service names it); no relations.
 /// Threads: those of every record (qvl::Object).
-class QVLPostPeriod : public QVLModel<QVLPostPeriod> {
+class QVL_EXPORT QVLPostPeriod : public QVLModel<QVLPostPeriod> {
  public:
   enum Property : int {
     kPostPeriodId,

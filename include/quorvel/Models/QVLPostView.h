@@ -4,13 +4,14 @@
 #include <cstdint>
 #include <optional>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 /// No primary key (never parsed from JSON; built locally and sent with toDictionary());
 /// resources "postviews" / "postview". JSON: "guest_id", "post_id", "audience_id",
 /// "time_in", "time_out", absent values left out. postViewId is local and never sent.
 /// Threads: those of every record (qvl::Object).
-class QVLPostView : public QVLModel<QVLPostView> {
+class QVL_EXPORT QVLPostView : public QVLModel<QVLPostView> {
  public:
   enum Property : int {
     kPostViewId,

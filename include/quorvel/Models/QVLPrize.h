@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLMedia.h"
 
 /// Primary key `prizeId`; resources "prizes" / "prize". Relation: "image" (media, written
 /// back as "image_id").
 /// Threads: those of every record (qvl::Object).
-class QVLPrize : public QVLModel<QVLPrize> {
+class QVL_EXPORT QVLPrize : public QVLModel<QVLPrize> {
  public:
   enum Property : int {
     kPrizeId,

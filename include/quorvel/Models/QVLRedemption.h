@@ -5,11 +5,12 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 /// Primary key `redemptionId`; resources "redemptions" / "redemption"; no relations.
 /// Threads: those of every record (qvl::Object).
-class QVLRedemption : public QVLModel<QVLRedemption> {
+class QVL_EXPORT QVLRedemption : public QVLModel<QVLRedemption> {
  public:
   enum Property : int {
     kRedemptionId,

@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/Region.h"
 #include "quorvel/Platform/Uuid.h"
 
 /// Primary key `regionId`; resources "regions" / "region"; no relations.
 /// Threads: those of every record (qvl::Object).
-class QVLRegion : public QVLModel<QVLRegion> {
+class QVL_EXPORT QVLRegion : public QVLModel<QVLRegion> {
  public:
   enum Property : int {
     kRegionId,

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
+
 class QVLModelClass;
 /// A record-class reference, resolved lazily so that record types can refer to each other.
 using QVLModelClassRef = const QVLModelClass& (*)();
@@ -16,7 +18,7 @@ enum QVLRelationType : std::int64_t {
 
 /// A plain value; the constructors return a new mapping the caller owns. Any relation
 /// type other than to-many and to-one is skipped by the parser.
-class QVLRelationshipMapping {
+class QVL_EXPORT QVLRelationshipMapping {
  public:
   static QVLRelationshipMapping newToManyRelationWithJsonKey(std::string jsonKey,
                                                              std::string classProperty,

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLBeacon.h"
 #include "quorvel/Models/QVLMedia.h"
@@ -17,7 +18,7 @@ class QVLShopCategory;
 /// "image", "logo", "directions" (media, written back as "image_id", "logo_id",
 /// "directions_id"). Inverse: shopCategories (the categories listing the shop).
 /// Threads: those of every record (qvl::Object).
-class QVLShop : public QVLModel<QVLShop> {
+class QVL_EXPORT QVLShop : public QVLModel<QVLShop> {
  public:
   enum Property : int {
     kShopId,

@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLShop.h"
 
 /// Primary key `shopCategoryId`; resources "shopcategories" / "shopcategory". Relation: "shops"
 /// (list).
 /// Threads: those of every record (qvl::Object).
-class QVLShopCategory : public QVLModel<QVLShopCategory> {
+class QVL_EXPORT QVLShopCategory : public QVLModel<QVLShopCategory> {
  public:
   enum Property : int {
     kShopCategoryId,

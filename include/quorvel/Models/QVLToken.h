@@ -6,13 +6,15 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
+
 /// The host supplies the token (a JSON Web Token) and saves it; the library only reads it,
 /// afresh for every request, so a saved token applies from the next request on.
 ///
 /// Persisted in the standard user defaults (qvl::UserDefaults) under "QVLAuthJWTToken" as a
 /// keyed archive: the JSON object {"$class": "QVLToken", "content": <text or null>}.
 /// Thread-safe: content is guarded, and the defaults are.
-class QVLToken {
+class QVL_EXPORT QVLToken {
  public:
   static constexpr const char* kDefaultsKey = "QVLAuthJWTToken";
 

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 class Clock;
@@ -19,7 +21,7 @@ class Clock;
 /// The host reports its lifecycle here; the library's managers observe the notifications.
 /// Every operation is thread-safe unless it says otherwise. Owned by a shared_ptr (the
 /// environment holds it), so an expiry that comes after the object is gone does nothing.
-class Application : public std::enable_shared_from_this<Application> {
+class QVL_EXPORT Application : public std::enable_shared_from_this<Application> {
  public:
   /// Posted by didBecomeActive() and didEnterBackground() to the environment's notification
   /// centre, with this application as object and sender. The names are the platform's own.

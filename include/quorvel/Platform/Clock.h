@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Date.h"
 
 namespace qvl {
@@ -15,7 +16,7 @@ namespace qvl {
 /// Every time-dependent rule of the library (validity windows, view times, background-task
 /// allowances, the simulated world) asks the clock of the environment in force.
 /// Implementations are thread-safe.
-class Clock {
+class QVL_EXPORT Clock {
  public:
   using TimerId = std::uint64_t;
 
@@ -33,10 +34,10 @@ class Clock {
 };
 
 /// The environment's clock: Env::current().clock->now().
-Date now();
+QVL_EXPORT Date now();
 
 /// Wall-clock time; timers run on one timer thread of the process, started on first use.
-class SystemClock final : public Clock {
+class QVL_EXPORT SystemClock final : public Clock {
  public:
   Date now() override;
   TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
@@ -46,7 +47,7 @@ class SystemClock final : public Clock {
 /// A clock that moves only when told to: tests, and simulations that run faster than real
 /// time. Timers run on the thread that calls advance(), in due order (ties in the order they
 /// were added), each seeing now() equal to its due time.
-class ManualClock final : public Clock {
+class QVL_EXPORT ManualClock final : public Clock {
  public:
   /// Starts at `start` (default 2026-01-01T00:00:00Z).
   explicit ManualClock(Date start = Date{std::chrono::seconds(1767225600)});

@@ -1,10 +1,12 @@
 #pragma once
 // An RGBA colour.
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// Components in 0..1 (not clamped: values outside pass through as given).
-struct Color {
+struct QVL_EXPORT Color {
   double red = 0.0;
   double green = 0.0;
   double blue = 0.0;

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Queue.h"
 #include "quorvel/QVLError.h"
 
@@ -19,7 +20,7 @@ namespace qvl {
 
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
-struct HttpRequest {
+struct QVL_EXPORT HttpRequest {
   std::string method = "GET";
   /// Sent as given: the client adds no percent-encoding, so a query such as
   /// "fields[posts]=title,message" travels literally. A URL libcurl cannot parse fails the
@@ -31,7 +32,7 @@ struct HttpRequest {
   std::string body;
 };
 
-struct HttpResponse {
+struct QVL_EXPORT HttpResponse {
   long statusCode = 0;
   /// The URL that answered (redirects are never followed, so the request's URL).
   std::string url;
@@ -42,7 +43,7 @@ struct HttpResponse {
   std::optional<std::string> header(std::string_view name) const;
 };
 
-struct HttpSessionConfiguration {
+struct QVL_EXPORT HttpSessionConfiguration {
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
   HttpHeaders additionalHeaders;
@@ -67,7 +68,7 @@ enum class TrustDisposition {
   CancelAuthenticationChallenge,  // reject: the handshake fails and no request byte is sent
 };
 
-struct ServerTrustChallenge {
+struct QVL_EXPORT ServerTrustChallenge {
   std::string host;  // as in the URL, without IPv6 brackets
   int port = 0;
   /// The chain that passed default verification (trust anchors and host name), leaf first,
@@ -76,7 +77,7 @@ struct ServerTrustChallenge {
 };
 
 /// Answers server-trust challenges of a session.
-class HttpSessionDelegate {
+class QVL_EXPORT HttpSessionDelegate {
  public:
   virtual ~HttpSessionDelegate() = default;
 
@@ -100,7 +101,7 @@ class HttpSession;
 
 /// Carries requests to servers: libcurl in a real process (makeCurlTransport()), a recording
 /// double in tests. Reached through the environment (Env::transport).
-class HttpTransport {
+class QVL_EXPORT HttpTransport {
  public:
   virtual ~HttpTransport() = default;
   /// Sends one request of `session` (its headers already merged with the session's
@@ -121,11 +122,11 @@ class HttpTransport {
 /// the completion decoded. HTTPS connections trust Env::trustAnchorsFile when set, the
 /// system's CA bundle otherwise. Tasks still running when the process exits are abandoned
 /// without a completion.
-std::shared_ptr<HttpTransport> makeCurlTransport();
+QVL_EXPORT std::shared_ptr<HttpTransport> makeCurlTransport();
 
 /// An HTTP(S) session: default headers, a server-trust delegate and one serial callback
 /// queue, over the environment's transport.
-class HttpSession : public std::enable_shared_from_this<HttpSession> {
+class QVL_EXPORT HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   /// A new session. `delegate` may be null (default trust only); the session keeps it alive.
   /// Thread-safe.

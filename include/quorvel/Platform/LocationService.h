@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Region.h"
 #include "quorvel/Platform/Uuid.h"
 
@@ -33,7 +34,7 @@ enum class AuthorizationStatus : std::int32_t {
 enum class Proximity : std::int64_t { Unknown = 0, Immediate = 1, Near = 2, Far = 3 };
 
 /// One beacon of a ranging report.
-struct RangedBeacon {
+struct QVL_EXPORT RangedBeacon {
   Uuid proximityUUID;
   std::uint16_t major = 0;
   std::uint16_t minor = 0;
@@ -45,7 +46,7 @@ struct RangedBeacon {
 };
 
 /// Receives the location service's events, always on the main queue.
-class LocationServiceDelegate {
+class QVL_EXPORT LocationServiceDelegate {
  public:
   virtual ~LocationServiceDelegate() = default;
   /// One ranging report for a ranged region: the beacons seen, nearest first.
@@ -58,7 +59,7 @@ class LocationServiceDelegate {
 
 /// Region monitoring and beacon ranging. Backends: simulated, device (BlueZ + GeoClue).
 /// Every operation is called on the main queue unless it says otherwise.
-class LocationService {
+class QVL_EXPORT LocationService {
  public:
   virtual ~LocationService() = default;
 

@@ -10,11 +10,13 @@
 #include <type_traits>
 #include <vector>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// One broadcast. The object and user information are type-erased so the system's objects
 /// travel as they stand (a number, a pointer to the posting manager, a dictionary).
-struct Notification {
+struct QVL_EXPORT Notification {
   std::string name;
   std::any object;
   std::any userInfo;
@@ -27,7 +29,7 @@ class NotificationCenter;
 
 /// Keeps one observer registered; destroying or resetting it removes the observer.
 /// Move-only. A token may outlive its centre (removal then does nothing).
-class ObserverToken {
+class QVL_EXPORT ObserverToken {
  public:
   ObserverToken() = default;
   ObserverToken(ObserverToken&& other) noexcept;
@@ -59,7 +61,7 @@ class ObserverToken {
 /// observers (itself included) while it runs; observers added during a delivery are not
 /// called by it, observers removed during it are not called after their removal. Every
 /// operation is thread-safe. An observer that throws is logged and the delivery goes on.
-class NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
+class QVL_EXPORT NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
  public:
   using Observer = std::function<void(const Notification&)>;
 

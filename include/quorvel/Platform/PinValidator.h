@@ -7,24 +7,25 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/HttpSession.h"
 
 namespace qvl {
 
-struct PinnedDomainConfiguration {
+struct QVL_EXPORT PinnedDomainConfiguration {
   std::string domain;  // e.g. "quorvel.example"; compared case-insensitively
   bool includeSubdomains = false;
   std::vector<std::string> reportUris;       // pin failures are POSTed here
   std::vector<std::string> publicKeyHashes;  // base64 SHA-256 of DER SubjectPublicKeyInfo
 };
 
-struct PinningConfiguration {
+struct QVL_EXPORT PinningConfiguration {
   std::vector<PinnedDomainConfiguration> pinnedDomains;
 };
 
 /// Checks a server's verified chain against the pins of its domain. Pinning is enforced: a
 /// chain without a pinned key is rejected. Every operation is thread-safe.
-class PinValidator {
+class QVL_EXPORT PinValidator {
  public:
   /// An unconfigured validator.
   PinValidator();

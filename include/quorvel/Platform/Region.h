@@ -5,12 +5,13 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Uuid.h"
 
 namespace qvl {
 
 /// A position in degrees (WGS 84).
-struct Coordinate {
+struct QVL_EXPORT Coordinate {
   double latitude = 0.0;
   double longitude = 0.0;
 
@@ -20,7 +21,7 @@ struct Coordinate {
 /// A beacon region: every beacon advertising proximityUUID, optionally narrowed to one
 /// major value, and then to one minor value. A minor is only meaningful with a major;
 /// the factories build the three valid forms.
-struct BeaconRegion {
+struct QVL_EXPORT BeaconRegion {
   Uuid proximityUUID;
   std::optional<std::uint16_t> major;
   std::optional<std::uint16_t> minor;
@@ -44,7 +45,7 @@ struct BeaconRegion {
 };
 
 /// A circle on the ground; radius in metres.
-struct CircularRegion {
+struct QVL_EXPORT CircularRegion {
   Coordinate center;
   double radius = 0.0;
   std::string identifier;

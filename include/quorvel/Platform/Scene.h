@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/BluetoothCentral.h"
 #include "quorvel/Platform/LocationService.h"
 #include "quorvel/Platform/Region.h"
@@ -17,7 +18,7 @@
 namespace qvl {
 
 /// How the simulated world hears beacons and decides region crossings. Times in seconds.
-struct SimulationSettings {
+struct QVL_EXPORT SimulationSettings {
   /// A beacon region is left when none of its beacons was heard for this long.
   double exitPeriod = 10.0;
   /// Entering a beacon region needs a filtered RSSI at least this strong (dBm); staying in
@@ -37,7 +38,7 @@ struct SimulationSettings {
 };
 
 /// The device jumps to a position, or walks there in a straight line over `seconds`.
-struct SceneDeviceMove {
+struct QVL_EXPORT SceneDeviceMove {
   Coordinate position;
   /// Horizontal accuracy of the fixes from now on, metres; unset keeps the current one.
   std::optional<double> accuracy;
@@ -47,7 +48,7 @@ struct SceneDeviceMove {
 };
 
 /// Places a beacon (an id not seen before: uuid, major and minor required) or changes one.
-struct SceneBeacon {
+struct QVL_EXPORT SceneBeacon {
   std::string id;
   std::optional<Uuid> uuid;
   std::optional<std::uint16_t> major;
@@ -63,19 +64,19 @@ struct SceneBeacon {
   bool operator==(const SceneBeacon&) const = default;
 };
 
-struct SceneRemoveBeacon {
+struct QVL_EXPORT SceneRemoveBeacon {
   std::string id;
   bool operator==(const SceneRemoveBeacon&) const = default;
 };
 
 /// A label the host can react to (for example the start of an offline spell).
-struct SceneMarker {
+struct QVL_EXPORT SceneMarker {
   std::string text;
   bool operator==(const SceneMarker&) const = default;
 };
 
 /// One step of the timeline, `at` seconds after the scene starts.
-struct SceneStep {
+struct QVL_EXPORT SceneStep {
   using Action = std::variant<SceneDeviceMove, SceneBeacon, SceneRemoveBeacon, BluetoothState,
                               AuthorizationStatus, SceneMarker>;
   double at = 0.0;
@@ -86,7 +87,7 @@ struct SceneStep {
 
 /// A bad scene file: the message names the file and either the line and column of a syntax
 /// error or the path of the field at fault ("timeline[3].beacon.major: ...").
-class SceneError : public std::runtime_error {
+class QVL_EXPORT SceneError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -126,7 +127,7 @@ class SceneError : public std::runtime_error {
 /// - Positions: "x" and "y" in metres east and north of "origin", or "latitude" and
 ///   "longitude" in degrees.
 /// - Unknown keys are errors, so that a misspelt key is not silently ignored.
-struct Scene {
+struct QVL_EXPORT Scene {
   std::string name;
   std::string description;
   SimulationSettings settings;

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// An absolute or relative URL reference.
@@ -16,7 +18,7 @@ namespace qvl {
 ///  - references without a scheme, such as "www.example.com/shop" (scheme() is empty).
 /// It rejects text with white space, control characters, characters a URL cannot
 /// carry unescaped (" < > \ ^ ` { | }) or a '%' not followed by two hex digits.
-class Url {
+class QVL_EXPORT Url {
  public:
   static std::optional<Url> parse(std::string_view text);
 

@@ -10,11 +10,13 @@
 #include <string>
 #include <string_view>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// A UUID value. The default value is the nil UUID (all zero). Ordered and hashable so
 /// that it can key maps. A plain value: safe to copy between threads.
-class Uuid {
+class QVL_EXPORT Uuid {
  public:
   using Bytes = std::array<std::uint8_t, 16>;
 

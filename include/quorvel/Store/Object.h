@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/ObjectClass.h"
 #include "quorvel/Store/Value.h"
 
@@ -28,7 +29,7 @@ class AnyResults;
 ///
 /// Not thread-safe: an unmanaged record belongs to whoever holds it; a managed record
 /// must stay on the thread of its store handle (other threads re-fetch it by key).
-class Object : public std::enable_shared_from_this<Object> {
+class QVL_EXPORT Object : public std::enable_shared_from_this<Object> {
  public:
   virtual ~Object();
   Object(const Object&) = delete;

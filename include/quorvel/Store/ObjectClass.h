@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Value.h"
 
 namespace qvl {
@@ -19,7 +20,7 @@ class ObjectClass;
 /// (a post lists its periods, a beacon's inverse relation names the post list).
 using ObjectClassRef = const ObjectClass& (*)();
 
-struct Property {
+struct QVL_EXPORT Property {
   Property(std::string propertyName, PropertyKind propertyKind, bool isOptional = false,
            ObjectClassRef targetClass = nullptr, std::string origin = {})
       : name(std::move(propertyName)),
@@ -47,7 +48,7 @@ struct Property {
 /// Describes a record type to the store. Instances are long-lived (function-local
 /// statics); the store keys its per-class state by their address. Immutable once built,
 /// so safe to read from any thread.
-class ObjectClass {
+class QVL_EXPORT ObjectClass {
  public:
   using Factory = std::function<std::shared_ptr<Object>()>;
 

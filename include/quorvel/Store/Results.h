@@ -9,13 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Object.h"
 
 namespace qvl {
 
 /// A small typed filter that the store compiles to SQL (and evaluates in memory for
 /// unmanaged lists). Keys name scalar properties of the queried class.
-class Predicate {
+class QVL_EXPORT Predicate {
  public:
   /// Matches every record.
   Predicate() = default;
@@ -51,7 +52,7 @@ class Predicate {
 /// commit on any thread or process, or a change in this handle's open transaction).
 /// Order: store order (insertion) unless scoped to a list. Same thread rules as the
 /// handle it came from. Results over an unmanaged list are a fixed snapshot.
-class AnyResults {
+class QVL_EXPORT AnyResults {
  public:
   AnyResults() = default;
 
@@ -92,7 +93,7 @@ class AnyResults {
 
 /// A handle to one record's list property. Works for unmanaged records (in memory) and
 /// managed ones (reads and writes the store; writes need an open write transaction).
-class AnyList {
+class QVL_EXPORT AnyList {
  public:
   AnyList(std::shared_ptr<Object> owner, int index);
 
@@ -123,7 +124,7 @@ class AnyList {
 };
 
 template <class T>
-class Results {
+class QVL_EXPORT Results {
  public:
   Results() = default;
   explicit Results(AnyResults any) : any_(std::move(any)) {}
@@ -182,7 +183,7 @@ class Results {
 };
 
 template <class T>
-class List {
+class QVL_EXPORT List {
  public:
   List(std::shared_ptr<Object> owner, int index) : any_(std::move(owner), index) {}
   explicit List(AnyList any) : any_(std::move(any)) {}

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Object.h"
 #include "quorvel/Store/Results.h"
 
@@ -23,13 +24,13 @@ struct StoreImpl;
 
 /// Opening failed (file unusable, schema version going backwards, a migration that
 /// threw) or the engine reported an error. what() carries the engine's message.
-class StoreError : public std::runtime_error {
+class QVL_EXPORT StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 /// Given to the migration callback while an older file is brought up to date.
-class Migration {
+class QVL_EXPORT Migration {
  public:
   std::uint64_t oldSchemaVersion() const { return oldVersion_; }
   /// Whether the file being upgraded has the property (a column or a list).
@@ -46,7 +47,7 @@ class Migration {
   std::uint64_t oldVersion_;
 };
 
-struct StoreConfiguration {
+struct QVL_EXPORT StoreConfiguration {
   /// The file; its directory must exist.
   std::string path;
   /// Kept in the file; opening a file of a higher version fails.
@@ -69,7 +70,7 @@ struct StoreConfiguration {
 /// Errors: engine failures throw StoreError; misuse (a change outside a write
 /// transaction, a record of another handle or of a class the file lacks) throws
 /// std::logic_error.
-class Store : public std::enable_shared_from_this<Store> {
+class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
  public:
   /// The calling thread's handle for configuration.path, opened (and the file created or
   /// upgraded) on first use and cached for the thread. Throws StoreError.
@@ -165,7 +166,7 @@ class Store : public std::enable_shared_from_this<Store> {
 };
 
 /// RAII write transaction: commit() or roll back on destruction.
-class WriteTransaction {
+class QVL_EXPORT WriteTransaction {
  public:
   explicit WriteTransaction(Store& store) : store_(store) { store_.beginWrite(); }
   ~WriteTransaction() {
