@@ -74,8 +74,8 @@ class QVL_EXPORT QVLModelClass : public qvl::ObjectClass {
     std::string primaryKey;  ///< The primary-key property (an Int); empty for none.
     /// In index order; filled by the property helpers below.
     std::vector<qvl::Property> properties;
-    /// The service resources: "posts" and "post"; nullopt for a class the client does not
-    /// request (asking for it then raises QVLException).
+    /// The service resources, e.g. "posts" and "post"; nullopt for a class the client does
+    /// not request (asking for it then raises QVLException).
     ///@{
     std::optional<std::string> apiResourcePlural;
     std::optional<std::string> apiResourceSingular;

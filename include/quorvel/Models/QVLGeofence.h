@@ -32,7 +32,7 @@ class QVL_EXPORT QVLGeofence : public QVLModel<QVLGeofence> {
   /// @name Mapped properties
   ///@{
 
-  /// Typed accessors of the stored properties: one getter and setter per property; to-one
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
   /// relations give the related record or null, list properties a live qvl::List handle
   /// (change the list through it) and inverse relations live qvl::Results (read-only). A
   /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag

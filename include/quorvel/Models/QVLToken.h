@@ -22,8 +22,8 @@ class QVL_EXPORT QVLToken {
   /// A new token holding content (the text after "Bearer ").
   static std::shared_ptr<QVLToken> initWithContent(std::optional<std::string> content);
 
-  /// The token text, nullopt when the token is empty. Changing it does not save it: call
-  /// saveToken() for requests to use it.
+  /// The token text (without "Bearer "), or nullopt for none. Changing it does not save
+  /// it: call saveToken() for requests to use it.
   std::optional<std::string> content() const;
   void setContent(std::optional<std::string> content);  ///< @copydoc content()
 

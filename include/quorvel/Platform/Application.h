@@ -32,7 +32,7 @@ class QVL_EXPORT Application : public std::enable_shared_from_this<Application> 
       "UIApplicationDidEnterBackgroundNotification";
   ///@}
 
-  /// Identifies a task from beginBackgroundTask(); ids are not reused within a process.
+  /// Identifies a task from beginBackgroundTask(); an application never reuses an id.
   using BackgroundTaskId = std::uint64_t;
   /// Never a running task; endBackgroundTask() ignores it.
   static constexpr BackgroundTaskId kInvalidBackgroundTask = 0;

@@ -32,10 +32,10 @@ enum class AuthorizationStatus : std::int32_t {
 
 /// Proximity classes, in the platform's numbering.
 enum class Proximity : std::int64_t {
-  Unknown = 0,    ///< Not enough signal to tell.
-  Immediate = 1,  ///< Within about half a metre.
-  Near = 2,       ///< Within a few metres.
-  Far = 3,        ///< Further away, or the signal is weak.
+  Unknown = 0,    ///< No distance estimate (accuracy -1).
+  Immediate = 1,  ///< Estimated under half a metre away.
+  Near = 2,       ///< Estimated half a metre to 3 m away.
+  Far = 3         ///< Estimated over 3 m away.
 };
 
 /// One beacon of a ranging report.

@@ -97,8 +97,8 @@ class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
   /// for other writers as described above; commitWrite() throws std::logic_error without
   /// one, and StoreError when the engine refuses (the transaction then stays open).
   /// cancelWrite() rolls back and never throws: without an open transaction, or on another
-  /// thread, it does nothing. Records read during a cancelled transaction may hold values
-  /// that were never committed: refresh them.
+  /// thread, it does nothing. Records changed during a cancelled transaction keep the
+  /// changed values in memory until refresh().
   void beginWrite();
   void commitWrite();
   void cancelWrite();
