@@ -18,10 +18,11 @@
 /// "QVLStoreErrorDomain": the answer came but the library's store could not be opened or
 /// written (user information {"errorMessage": text}); nothing was stored.
 struct QVL_EXPORT QVLError {
-  std::string domain;
-  long long code = 0;
-  std::optional<nlohmann::json> userInfo;
+  std::string domain;  ///< One of the kQVL...ErrorDomain texts, or a manager's own domain.
+  long long code = 0;  ///< Meaning depends on the domain, as above.
+  std::optional<nlohmann::json> userInfo;  ///< Details as above; absent when there are none.
 
+  /// Equal domain, code and user information.
   bool operator==(const QVLError&) const = default;
 };
 

@@ -26,6 +26,7 @@ class QVL_EXPORT QVLWeakPointerArray {
     if (object && !containsObject(object.get())) slots_.push_back({object, object.get()});
   }
 
+  /// Whether a live slot holds the object (compacts the list, as indexForObject()).
   bool containsObject(const T* object) { return indexForObject(object) != kNotFound; }
 
   /// Removes the object's slot; an absent object is a no-op.

@@ -22,12 +22,16 @@ class QVL_EXPORT QVLDateFormatter {
   /// A new formatter; it converts like the class methods.
   static QVLDateFormatter dateFormatter() { return QVLDateFormatter(); }
 
+  /// The date `text` denotes, or nullopt when it does not match the format above.
   std::optional<qvl::Date> dateFrom(std::string_view text) const;
+  /// The service text of `date`, in UTC ("+0000").
   std::string stringFrom(qvl::Date date) const;
 
+  /// dateFrom() without a formatter object.
   static std::optional<qvl::Date> dateFromString(std::string_view text) {
     return dateFormatter().dateFrom(text);
   }
+  /// stringFrom() without a formatter object.
   static std::string formattedStringFromDate(qvl::Date date) {
     return dateFormatter().stringFrom(date);
   }

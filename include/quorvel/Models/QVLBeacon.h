@@ -20,6 +20,7 @@ class QVLBeaconCategory;
 /// Threads: those of every record (qvl::Object).
 class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kBeaconId,
     kName,
@@ -35,8 +36,19 @@ class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> beaconId() const { return optionalInt(kBeaconId); }
   void setBeaconId(std::optional<std::int64_t> v) { setOptionalInt(kBeaconId, v); }
   /// The service's "description".
@@ -63,6 +75,7 @@ class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
   /// uuidString parsed, then kept for the life of this object: a later change of
   /// uuidString through the same object is not seen. nullopt (and nothing kept) while

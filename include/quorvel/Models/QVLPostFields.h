@@ -21,8 +21,10 @@
 /// Type 1: plain text.
 class QVL_EXPORT QVLPostFieldText {
  public:
+  /// The view of a type-1 field; nullopt for another type (see the file comment).
   static std::optional<QVLPostFieldText> initWithPostField(const QVLPostField& field);
 
+  /// The field's content as it was, absent included.
   const std::optional<std::string>& content() const { return content_; }
   /// The content.
   const std::optional<std::string>& text() const { return content_; }
@@ -34,8 +36,10 @@ class QVL_EXPORT QVLPostFieldText {
 /// Type 2: a JSON object describing images.
 class QVL_EXPORT QVLPostFieldImages {
  public:
+  /// The view of a type-2 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldImages> initWithPostField(const QVLPostField& field);
 
+  /// The parsed content: always a JSON object.
   const nlohmann::json& json() const { return json_; }
   /// json["imageText"]: text as it stands; another kind of value as its JSON text;
   /// nullopt when absent or null.
@@ -48,8 +52,10 @@ class QVL_EXPORT QVLPostFieldImages {
 /// Type 3: a video URL as text.
 class QVL_EXPORT QVLPostFieldVideo {
  public:
+  /// The view of a type-3 field; nullopt for another type.
   static std::optional<QVLPostFieldVideo> initWithPostField(const QVLPostField& field);
 
+  /// The field's content as it was, absent included.
   const std::optional<std::string>& content() const { return content_; }
   /// The content as a URL; nullopt when absent or not a URL.
   std::optional<qvl::Url> youtubeURL() const;
@@ -66,13 +72,18 @@ class QVL_EXPORT QVLPostFieldVideo {
 /// trims to nothing gives nullopt.
 class QVL_EXPORT QVLPostFieldCoupon {
  public:
+  /// The view of a type-6 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldCoupon> initWithPostField(const QVLPostField& field);
 
+  /// The parsed content: always a JSON object.
   const nlohmann::json& json() const { return json_; }
+  ///@{
+  /// The trimmed text under "text", "price_before", "price" and "discount", as above.
   std::optional<std::string> text() const;
   std::optional<std::string> priceBefore() const;
   std::optional<std::string> price() const;
   std::optional<std::string> discount() const;
+  ///@}
   /// True when the key "redeemable" is present, whatever its value ("redeemable": false
   /// included); false only when it is absent.
   bool redeemable() const;
@@ -85,8 +96,10 @@ class QVL_EXPORT QVLPostFieldCoupon {
 /// trimmed nor required to be text.
 class QVL_EXPORT QVLPostFieldCallToAction {
  public:
+  /// The view of a type-7 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldCallToAction> initWithPostField(const QVLPostField& field);
 
+  /// The parsed content: always a JSON object.
   const nlohmann::json& json() const { return json_; }
   /// json["text"]: text as it stands; another kind of value as its JSON text; nullopt
   /// when absent or null.

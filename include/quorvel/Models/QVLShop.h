@@ -20,6 +20,7 @@ class QVLShopCategory;
 /// Threads: those of every record (qvl::Object).
 class QVL_EXPORT QVLShop : public QVLModel<QVLShop> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kShopId,
     kName,
@@ -38,8 +39,19 @@ class QVL_EXPORT QVLShop : public QVLModel<QVLShop> {
     kBeacons,
     kShopCategories,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> shopId() const { return optionalInt(kShopId); }
   void setShopId(std::optional<std::int64_t> v) { setOptionalInt(kShopId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
@@ -76,7 +88,9 @@ class QVL_EXPORT QVLShop : public QVLModel<QVLShop> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
+  /// The shop's beacons, as a live list handle.
   qvl::List<QVLBeacon> beacons() const { return listOf<QVLBeacon>(kBeacons); }
   /// The categories whose shops list holds this shop (empty while unmanaged).
   qvl::Results<QVLShopCategory> shopCategories() const {

@@ -18,6 +18,8 @@ enum class BluetoothState : std::int64_t {
   PoweredOn = 5,
 };
 
+/// Receives a central's state changes. Implemented by the library's beacon manager; owned
+/// by whoever registers it (the central holds it weakly).
 class QVL_EXPORT BluetoothCentralDelegate {
  public:
   virtual ~BluetoothCentralDelegate() = default;

@@ -18,10 +18,12 @@ namespace qvl {
 /// Implementations are thread-safe.
 class QVL_EXPORT Clock {
  public:
+  /// Identifies a timer from runAfter(); never 0 for a scheduled task.
   using TimerId = std::uint64_t;
 
   virtual ~Clock() = default;
 
+  /// The current time on this clock. Callable from any thread.
   virtual Date now() = 0;
 
   /// Runs `task` once, when `delay` has passed on this clock, and returns an id for
@@ -39,6 +41,7 @@ QVL_EXPORT Date now();
 /// Wall-clock time; timers run on one timer thread of the process, started on first use.
 class QVL_EXPORT SystemClock final : public Clock {
  public:
+  /// std::chrono::system_clock's time.
   Date now() override;
   TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
   void cancel(TimerId id) override;
@@ -52,6 +55,7 @@ class QVL_EXPORT ManualClock final : public Clock {
   /// Starts at `start` (default 2026-01-01T00:00:00Z).
   explicit ManualClock(Date start = Date{std::chrono::seconds(1767225600)});
 
+  /// The time last set or advanced to; it does not move on its own.
   Date now() override;
   TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
   void cancel(TimerId id) override;

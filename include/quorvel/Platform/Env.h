@@ -99,7 +99,9 @@ struct QVL_EXPORT Env {
 /// nest; they are process-wide, not per thread.
 class QVL_EXPORT ScopedEnv {
  public:
+  /// Installs the environment in force with `change` applied (see Env::update()).
   explicit ScopedEnv(const std::function<void(Env&)>& change);
+  /// Installs `env` as it is.
   explicit ScopedEnv(Env env);
   ~ScopedEnv();
   ScopedEnv(const ScopedEnv&) = delete;

@@ -18,22 +18,26 @@
 
 namespace qvl {
 
+/// Header name/value pairs in order; a name may repeat.
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
+/// One request as a session sends it. A plain value: the session copies it.
 struct QVL_EXPORT HttpRequest {
-  std::string method = "GET";
+  std::string method = "GET";  ///< The HTTP method, sent as given (upper case expected).
   /// Sent as given: the client adds no percent-encoding, so a query such as
   /// "fields[posts]=title,message" travels literally. A URL libcurl cannot parse fails the
   /// task with CURLE_URL_MALFORMAT.
   std::string url;
+  /// Sent after the session's additional headers, replacing those of the same name.
   HttpHeaders headers;
   /// Sent when not empty; POST, PUT and PATCH always send one (Content-Length: 0 when empty).
   /// Without a Content-Type header libcurl labels it application/x-www-form-urlencoded.
   std::string body;
 };
 
+/// The head of an answer; the body is handed over separately by the completion.
 struct QVL_EXPORT HttpResponse {
-  long statusCode = 0;
+  long statusCode = 0;  ///< The HTTP status, e.g. 200; any status counts as an answer.
   /// The URL that answered (redirects are never followed, so the request's URL).
   std::string url;
   /// In the order received, names as the server wrote them.
@@ -43,6 +47,7 @@ struct QVL_EXPORT HttpResponse {
   std::optional<std::string> header(std::string_view name) const;
 };
 
+/// Fixed when the session is created; a session never changes it.
 struct QVL_EXPORT HttpSessionConfiguration {
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
@@ -62,15 +67,18 @@ struct QVL_EXPORT HttpSessionConfiguration {
   std::size_t maximumDecodedBytes = std::size_t{64} << 20;
 };
 
+/// A delegate's answer to a server-trust challenge.
 enum class TrustDisposition {
-  UseCredential,                  // accept the server
-  PerformDefaultHandling,         // accept, as default verification already succeeded
-  CancelAuthenticationChallenge,  // reject: the handshake fails and no request byte is sent
+  UseCredential,                  ///< Accept the server.
+  PerformDefaultHandling,         ///< Accept, as default verification already succeeded.
+  CancelAuthenticationChallenge,  ///< Reject: the handshake fails and no request byte is sent.
 };
 
+/// A server that passed default verification, offered to the delegate for a further check
+/// (certificate pinning) before any request byte is sent.
 struct QVL_EXPORT ServerTrustChallenge {
-  std::string host;  // as in the URL, without IPv6 brackets
-  int port = 0;
+  std::string host;  ///< As in the URL, without IPv6 brackets.
+  int port = 0;      ///< The port connected to (the scheme's default when the URL has none).
   /// The chain that passed default verification (trust anchors and host name), leaf first,
   /// each certificate in DER.
   std::vector<std::string> certificateChainDer;
@@ -137,6 +145,7 @@ class QVL_EXPORT HttpSession : public std::enable_shared_from_this<HttpSession> 
   HttpSession(const HttpSession&) = delete;
   HttpSession& operator=(const HttpSession&) = delete;
 
+  /// The configuration the session was created with.
   const HttpSessionConfiguration& configuration() const { return configuration_; }
 
   /// The serial queue on which this session's completions run, one after another.

@@ -31,6 +31,7 @@ namespace qvl {
 /// and the queue goes on.
 class QVL_EXPORT MainQueue : public std::enable_shared_from_this<MainQueue> {
  public:
+  /// The host's hook: schedules `drain` to run soon on the host's main thread.
   using HostPost = std::function<void(std::function<void()> drain)>;
 
   /// A queue driven by run() or runUntilIdle().

@@ -20,6 +20,7 @@ class QVL_EXPORT SerialQueue {
  public:
   /// A queue on the executor of the environment in force.
   SerialQueue();
+  /// A queue whose tasks run as jobs of `executor`, which the queue keeps alive.
   explicit SerialQueue(std::shared_ptr<Executor> executor);
   ~SerialQueue();
 

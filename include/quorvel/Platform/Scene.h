@@ -34,25 +34,31 @@ struct QVL_EXPORT SimulationSettings {
   /// How long fixes must stay on one side of a circle's boundary before it counts.
   double dwell = 5.0;
 
+  /// Member-wise equality.
   bool operator==(const SimulationSettings&) const = default;
 };
 
 /// The device jumps to a position, or walks there in a straight line over `seconds`.
 struct QVL_EXPORT SceneDeviceMove {
-  Coordinate position;
+  Coordinate position;  ///< Where the device ends up.
   /// Horizontal accuracy of the fixes from now on, metres; unset keeps the current one.
   std::optional<double> accuracy;
   double seconds = 0.0;  ///< 0: a jump
 
+  /// Member-wise equality.
   bool operator==(const SceneDeviceMove&) const = default;
 };
 
 /// Places a beacon (an id not seen before: uuid, major and minor required) or changes one.
 struct QVL_EXPORT SceneBeacon {
-  std::string id;
+  std::string id;  ///< The scene's name for the beacon; later steps refer to it.
+  /// What the beacon advertises; unset fields keep their current values.
+  ///@{
   std::optional<Uuid> uuid;
   std::optional<std::uint16_t> major;
   std::optional<std::uint16_t> minor;
+  ///@}
+  /// Advertised RSSI at 1 m (dBm, -127..-1), used for the accuracy estimate.
   std::optional<std::int8_t> measuredPower;
   /// Where it is; the RSSI then follows the distance to the device.
   std::optional<Coordinate> position;
@@ -61,27 +67,35 @@ struct QVL_EXPORT SceneBeacon {
   /// Not heard at all ("rssi": null), until an RSSI or a position is given again.
   bool silent = false;
 
+  /// Member-wise equality.
   bool operator==(const SceneBeacon&) const = default;
 };
 
+/// Takes a placed beacon away; it is no longer heard.
 struct QVL_EXPORT SceneRemoveBeacon {
-  std::string id;
+  std::string id;  ///< The id the beacon was placed with.
+  /// Equal ids.
   bool operator==(const SceneRemoveBeacon&) const = default;
 };
 
 /// A label the host can react to (for example the start of an offline spell).
 struct QVL_EXPORT SceneMarker {
-  std::string text;
+  std::string text;  ///< Passed to the world's marker handler as given.
+  /// Equal texts.
   bool operator==(const SceneMarker&) const = default;
 };
 
 /// One step of the timeline, `at` seconds after the scene starts.
 struct QVL_EXPORT SceneStep {
+  /// What happens. A BluetoothState sets the central's state; an AuthorizationStatus is
+  /// the user's answer (applied at once unless the status is still NotDetermined, in which
+  /// case it answers the next authorization request).
   using Action = std::variant<SceneDeviceMove, SceneBeacon, SceneRemoveBeacon, BluetoothState,
                               AuthorizationStatus, SceneMarker>;
-  double at = 0.0;
-  Action action;
+  double at = 0.0;  ///< Seconds after the scene starts.
+  Action action;    ///< The one action of the step.
 
+  /// Member-wise equality.
   bool operator==(const SceneStep&) const = default;
 };
 
@@ -128,10 +142,10 @@ class QVL_EXPORT SceneError : public std::runtime_error {
 ///   "longitude" in degrees.
 /// - Unknown keys are errors, so that a misspelt key is not silently ignored.
 struct QVL_EXPORT Scene {
-  std::string name;
-  std::string description;
-  SimulationSettings settings;
-  std::vector<SceneStep> timeline;
+  std::string name;                 ///< "name"; empty when absent.
+  std::string description;          ///< "description"; empty when absent.
+  SimulationSettings settings;      ///< "settings", defaults filled in.
+  std::vector<SceneStep> timeline;  ///< "timeline", in order, positions already in degrees.
 
   /// Reads a scene; `source` names it in error messages. Throws SceneError.
   static Scene parse(std::string_view json, std::string_view source = "scene");

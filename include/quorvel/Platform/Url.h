@@ -20,8 +20,10 @@ namespace qvl {
 /// carry unescaped (" < > \ ^ ` { | }) or a '%' not followed by two hex digits.
 class QVL_EXPORT Url {
  public:
+  /// The URL of `text`, or nullopt when it is rejected as described above.
   static std::optional<Url> parse(std::string_view text);
 
+  /// The text exactly as parsed.
   const std::string& absoluteString() const { return text_; }
   /// Lower-cased scheme; empty for a reference without one.
   const std::string& scheme() const { return scheme_; }
@@ -29,8 +31,10 @@ class QVL_EXPORT Url {
   const std::string& host() const { return host_; }
   /// Path as written (still percent-encoded).
   const std::string& path() const { return path_; }
+  /// The port written in the URL; nullopt when none is (the scheme's default applies).
   std::optional<int> port() const { return port_; }
 
+  /// Equal texts: URLs that differ only in spelling ("HTTP:" vs "http:") differ.
   bool operator==(const Url& other) const { return text_ == other.text_; }
 
  private:

@@ -39,7 +39,7 @@ class QVL_EXPORT UserDefaults {
   /// pending changes to the old one first) and reads the new one on next use.
   static UserDefaults& standard();
 
-  /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/<application id>.defaults, the application
+  /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/\<application id\>.defaults, the application
   /// id being the bundle information's "CFBundleIdentifier" or "default" ('/' becomes '_').
   static std::string defaultStandardPath();
 
