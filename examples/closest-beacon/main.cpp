@@ -5,11 +5,14 @@
 //   closest-beacon <sandbox-dir>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -17,6 +20,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Managers/QVLBeaconManager.h"
 #include "quorvel/Models/QVLBeacon.h"
@@ -30,10 +34,10 @@ namespace {
 
 class PrintClosest : public QVLBeaconManagerDelegate {
  public:
-  std::shared_ptr<QVLBeacon> closest;
+  bool announced = false;
   void beaconManagerClosestBeaconChangedTo(const std::shared_ptr<QVLBeacon>& beacon) override {
-    closest = beacon;
     if (beacon) {
+      announced = true;
       std::cout << "closest beacon: " << beacon->name().value_or("(unnamed)") << " ("
                 << beacon->uuidString().value_or("") << " " << beacon->major().value_or(0) << "."
                 << beacon->minor().value_or(0) << ")\n";
@@ -74,29 +78,44 @@ int main(int argc, char** argv) {
   QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);
   auto mainQueue = qvl::Env::current()->mainQueue;
 
-  // Fetch: the completion comes on the main queue.
-  std::optional<qvl::Results<QVLBeacon>> beacons;
-  bool done = false;
-  QVLApiClient::sharedClient().getObjects<QVLBeacon>(
-      std::nullopt, std::nullopt, [&](auto results, std::optional<QVLError> error) {
-        if (error) std::cerr << "fetch failed: " << error->domain << " " << error->code << "\n";
-        beacons = std::move(results);
-        done = true;
-      });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!done && std::chrono::steady_clock::now() < deadline) {
-    mainQueue->runUntilIdle();
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  // Fetch the beacons with their posts and the posts' periods: a beacon counts once it has
+  // a post running now. The completion runs on the request's own thread: it only says that the
+  // beacons are stored; this thread then reads them through its own store handle.
+  std::mutex mutex;
+  std::condition_variable fetched;
+  std::optional<std::optional<QVLError>> outcome;
+  QVLApiClient::sharedClient().getObjects<QVLBeacon>(std::string("posts.postperiods"), std::nullopt,
+                                                     [&](auto, std::optional<QVLError> error) {
+                                                       std::lock_guard lock(mutex);
+                                                       outcome = std::move(error);
+                                                       fetched.notify_all();
+                                                     });
+  {
+    std::unique_lock lock(mutex);
+    if (!fetched.wait_for(lock, std::chrono::seconds(30), [&] { return outcome.has_value(); })) {
+      std::cerr << "no answer from the service within 30 s\n";
+      return 1;
+    }
+    if (*outcome) {
+      std::cerr << "fetch failed: " << (*outcome)->domain << " " << (*outcome)->code << "\n";
+      return 1;
+    }
   }
-  if (!beacons || beacons->size() == 0) {
-    std::cerr << "no beacons fetched\n";
+  auto store = QVLRealm::realm();
+  if (!store) {
+    std::cerr << "cannot open the store in " << storeDir << "\n";
     return 1;
   }
-  std::cout << "fetched " << beacons->size() << " beacons\n";
+  const auto beacons = QVLBeacon::allObjectsInRealm(*store);
+  if (beacons.empty()) {
+    std::cerr << "the service has no beacons\n";
+    return 1;
+  }
+  std::cout << "fetched " << beacons.size() << " beacons\n";
 
   // Place them 3, 6, 9, ... metres east of the device: the first is the closest.
   double x = 3;
-  for (const auto& beacon : *beacons) {
+  for (const auto& beacon : beacons) {
     qvl::SceneBeacon placed;
     placed.id = std::to_string(beacon->beaconId().value_or(0));
     placed.uuid = beacon->uuid();
@@ -111,12 +130,12 @@ int main(int argc, char** argv) {
   auto& manager = QVLBeaconManager::sharedManager();
   manager.addDelegate(printer);
   manager.requestLocationAlwaysAuthorization();
-  manager.startSearchingForBeacons(*beacons);
-  for (int second = 0; second < 15 && !printer->closest; ++second) {
+  manager.startSearchingForBeacons(beacons);
+  for (int second = 0; second < 15 && !printer->announced; ++second) {
     world->advance(1);
     mainQueue->runUntilIdle();
   }
   manager.stopSearchingForBeacons();
   std::filesystem::remove_all(storeDir);
-  return printer->closest ? 0 : 1;
+  return printer->announced ? 0 : 1;
 }
