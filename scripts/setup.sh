@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds with. Idempotent and quiet
 # when everything is present; needs root (or sudo) only when something is missing.
+#   scripts/setup.sh [package ...]    also installs the packages named (fuzzer, packaging)
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcurl4-openssl-dev libssl-dev
-  nlohmann-json3-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev)
+  nlohmann-json3-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
+  "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

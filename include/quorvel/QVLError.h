@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
+
 /// An error: a domain text, an integer code and optional user information.
 /// "QVLApiClientErrorDomain": the service answered with a failure status (code = HTTP
 /// status, user information = the parsed answer body) or, with code 0, a request lacked
@@ -15,11 +17,12 @@
 /// (user information {"errorMessage": text}).
 /// "QVLStoreErrorDomain": the answer came but the library's store could not be opened or
 /// written (user information {"errorMessage": text}); nothing was stored.
-struct QVLError {
-  std::string domain;
-  long long code = 0;
-  std::optional<nlohmann::json> userInfo;
+struct QVL_EXPORT QVLError {
+  std::string domain;  ///< One of the kQVL...ErrorDomain texts, or a manager's own domain.
+  long long code = 0;  ///< Meaning depends on the domain, as above.
+  std::optional<nlohmann::json> userInfo;  ///< Details as above; absent when there are none.
 
+  /// Equal domain, code and user information.
   bool operator==(const QVLError&) const = default;
 };
 

@@ -1,6 +1,8 @@
 #pragma once
 // What the device can do for proximity: Bluetooth, location authorization, beacons.
 
+#include "quorvel/Export.h"
+
 /// Yes-or-no capability queries for hosts and for the analytics manager. Each reads the
 /// platform's state at the moment of the call (no snapshot) and is lenient: only an
 /// explicit "powered off" makes Bluetooth disabled, only an explicit "unsupported" makes
@@ -9,7 +11,7 @@
 /// bluetoothEnabled() and supportsBeacons() go through QVLBeaconManager::sharedManager(),
 /// so the first of them creates the beacon manager (with its side effects: see
 /// QVLBeaconManager). Callable from any thread once the beacon manager exists.
-class QVLBeaconSupport {
+class QVL_EXPORT QVLBeaconSupport {
  public:
   QVLBeaconSupport() = delete;
 

@@ -7,13 +7,15 @@
 #include <memory>
 #include <vector>
 
+#include "quorvel/Export.h"
+
 /// Slots in insertion order, each a weak reference that empties itself when its object
 /// goes away. An object is present at most once; every comparison is by identity (the
 /// object's address). The list never keeps an object alive.
 ///
 /// Not thread-safe: the beacon manager uses it on the main queue only.
 template <class T>
-class QVLWeakPointerArray {
+class QVL_EXPORT QVLWeakPointerArray {
  public:
   /// What indexForObject() answers for an absent object: the largest signed word.
   static constexpr std::size_t kNotFound =
@@ -24,6 +26,7 @@ class QVLWeakPointerArray {
     if (object && !containsObject(object.get())) slots_.push_back({object, object.get()});
   }
 
+  /// Whether a live slot holds the object (compacts the list, as indexForObject()).
   bool containsObject(const T* object) { return indexForObject(object) != kNotFound; }
 
   /// Removes the object's slot; an absent object is a no-op.

@@ -6,8 +6,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
+
 /// Stateless; safe on any thread.
-class QVLPostFieldHelper {
+class QVL_EXPORT QVLPostFieldHelper {
  public:
   /// The JSON object in text (standard JSON, no comments or other extensions). On a parse
   /// error, on nesting deeper than kQVLMaxJSONDepth, or when the text holds a value other than an

@@ -6,12 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Store.h"
 
 /// The library's store: "QuorvelSDK.realm" in the store directory, schema version 19.
-class QVLRealm {
+class QVL_EXPORT QVLRealm {
  public:
+  /// Raised whenever the record classes change shape, so that older files are upgraded.
   static constexpr std::uint64_t kSchemaVersion = 19;
+  /// The file name inside the store directory.
   static constexpr const char* kFileName = "QuorvelSDK.realm";
 
   /// The calling thread's handle on the library's store, or nullptr when it cannot be
@@ -28,8 +31,11 @@ class QVLRealm {
   /// Where the store file lives: the environment's storeDirectory, by default
   /// $XDG_DATA_HOME/quorvel, else $HOME/.local/share/quorvel (created owner-only on first
   /// open). The setter is a shortcut that installs a changed environment; thread-safe.
+  /// Handles already open stay on the old file.
+  ///@{
   static void setStoreDirectory(std::string directory);
   static std::string storeDirectory();
+  ///@}
 
   /// Every persisted record class of the library.
   static const std::vector<qvl::ObjectClassRef>& objectClasses();

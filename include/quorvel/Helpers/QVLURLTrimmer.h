@@ -4,10 +4,11 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Url.h"
 
 /// Stateless; safe on any thread.
-class QVLURLTrimmer {
+class QVL_EXPORT QVLURLTrimmer {
  public:
   /// Trims spaces and tabs (not line breaks) from both ends; empty gives nullopt. Text
   /// that parses as a URL with a scheme is returned unchanged; otherwise "http://" is put

@@ -8,6 +8,7 @@
 #include <optional>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLAudience.h"
 #include "quorvel/Models/QVLBeacon.h"
@@ -40,8 +41,9 @@ class CenterObservation;
 /// "UIApplicationDidBecomeActiveNotification" on the environment's notification centre; a
 /// use that finds another centre in force observes that one too and sends the kept views,
 /// as a creation does.
-class QVLAnalyticsManager {
+class QVL_EXPORT QVLAnalyticsManager {
  public:
+  /// The one manager, created on first use (sending the kept views); see above.
   static QVLAnalyticsManager& sharedManager();
 
   /// Opens a post view (the audience may be null). Needs a guest in the store and a post
@@ -57,6 +59,7 @@ class QVLAnalyticsManager {
   void startBeaconViewOfBeacon(const std::shared_ptr<QVLBeacon>& beacon);
   /// Closes and sends the open view of the beacon (by beaconId), if any.
   void finishBeaconViewOfBeacon(const std::shared_ptr<QVLBeacon>& beacon);
+  /// Whether a beacon view is open for the beacon id (nullopt matches a view without one).
   bool beaconViewIsStarted(std::optional<std::int64_t> beaconId) const;
   /// Closes and sends every open beacon view.
   void finishAllUnfinishedBeaconViews();
@@ -64,11 +67,13 @@ class QVLAnalyticsManager {
   /// Sends one closed view; keeps it in the store when no answer comes. An invalid view is
   /// dropped.
   void sendOrSaveFinishedView(const std::shared_ptr<QVLApiModel>& view);
+  ///@{
   /// Sends every kept view of the type in one batch, unless a batch of that type is on its
-  /// way or none is kept.
+  /// way or none is kept. sendAllFinishedViews() does both types.
   void sendFinishedPostViews();
   void sendFinishedBeaconViews();
   void sendAllFinishedViews();
+  ///@}
   /// A post view with postId, timeIn and timeOut, or a beacon view with beaconId,
   /// enterDate and exitDate (no check of durations); anything else is invalid.
   static bool validateView(const std::shared_ptr<QVLApiModel>& view);
@@ -76,12 +81,16 @@ class QVLAnalyticsManager {
   /// The first guest in the calling thread's store, or null.
   std::shared_ptr<QVLGuest> currentGuest() const;
 
+  ///@{
   /// Copies of the open views, in opening order.
   std::vector<std::shared_ptr<QVLPostView>> unfinishedPostViews() const;
   std::vector<std::shared_ptr<QVLBeaconView>> unfinishedBeaconViews() const;
+  ///@}
+  ///@{
   /// True while a batch of the type is on its way.
   bool sendingPostViews() const { return sendingPostViews_.load(); }
   bool sendingBeaconViews() const { return sendingBeaconViews_.load(); }
+  ///@}
 
  private:
   QVLAnalyticsManager();

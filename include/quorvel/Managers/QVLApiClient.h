@@ -13,16 +13,18 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/QVLError.h"
 #include "quorvel/Store/Store.h"
 
+/// Which service deployment the client talks to; the value picks the host of baseURL().
 enum QVLApiEnvironment : std::int32_t {
   QVLApiEnvironmentUnset = 0,  ///< "dev", with a warning on every base URL
-  QVLApiEnvironmentDev = 1,
-  QVLApiEnvironmentApi = 2,
-  QVLApiEnvironmentPlay = 3,
+  QVLApiEnvironmentDev = 1,    ///< The development deployment, host "dev.<domain>".
+  QVLApiEnvironmentApi = 2,    ///< Production, host "api.<domain>".
+  QVLApiEnvironmentPlay = 3,   ///< The sandbox for trying integrations, host "play.<domain>".
 };
 
 /// The service client.
@@ -47,17 +49,24 @@ enum QVLApiEnvironment : std::int32_t {
 ///
 /// Configuration (bundle information, token, API domain, pins: see qvl::Env) is read afresh
 /// per request.
-class QVLApiClient : public qvl::HttpSessionDelegate,
-                     public std::enable_shared_from_this<QVLApiClient> {
+class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
+                                public std::enable_shared_from_this<QVLApiClient> {
  public:
   /// Field limits: resource type to comma-separated field names, sent in this order as
   /// fields[type]=names.
   using LimitFields = std::vector<std::pair<std::string, std::string>>;
+  /// @name Completions
+  ///@{
+
+  /// Called exactly once, on the request's callback queue (see above), with either the
+  /// stored records (or record) and no error, or no records (nullopt, null) and the error.
+  /// ErrorCompletion gets only the error, absent on success.
   using ListCompletion =
       std::function<void(std::optional<qvl::AnyResults> records, std::optional<QVLError> error)>;
   using ObjectCompletion =
       std::function<void(std::shared_ptr<QVLApiModel> record, std::optional<QVLError> error)>;
   using ErrorCompletion = std::function<void(std::optional<QVLError> error)>;
+  ///@}
 
   /// The process-wide client, created on first call (thread-safe) and never destroyed.
   static QVLApiClient& sharedClient();
@@ -66,21 +75,27 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
 
   /// Set once by the host at start-up. Setting a different value configures pinning for
   /// the new environment (setupPinning); setting the current value does nothing.
+  ///@{
   QVLApiEnvironment environment() const { return environment_.load(std::memory_order_relaxed); }
   void setEnvironment(QVLApiEnvironment environment);
+  ///@}
 
   /// The service's API domain, shared by every environment host and the pinned domain.
   static constexpr const char* kDefaultApiDomain = "quorvel.io";
   /// The API domain of the environment in force (Env::apiDomain), default
   /// kDefaultApiDomain. The setter is a shortcut that installs a changed environment; it
   /// takes effect on the next request and the next pinning set-up.
+  ///@{
   static void setApiDomain(std::string domain);
   static std::string apiDomain();
+  ///@}
   /// The service certificates' SubjectPublicKeyInfo pins (base64 SHA-256) of the
   /// environment in force (Env::publicKeyHashes), four built-in ones by default. The setter
   /// is a shortcut onto the environment; pins take effect at the next pinning set-up.
+  ///@{
   static std::vector<std::string> publicKeyHashes();
   static void setPublicKeyHashes(std::vector<std::string> pins);
+  ///@}
 
   /// "https://<dev|api|play>.<domain>"; environment 0 logs "QuorvelSDK: No valid
   /// ApiEnvironment key provided - using dev environment" on every call; an environment
@@ -190,15 +205,19 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
   /// qvl::StoreError like saveObject.
   qvl::AnyResults saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
                               const QVLModelClass& cls);
+  ///@{
   /// Parse, save, and call back before returning, on the calling thread. The error is a
   /// "QVLMappingErrorDomain" or "QVLStoreErrorDomain" one; otherwise absent.
   void parseAndSaveJSONObjectData(const std::string& data, const QVLModelClass& cls,
                                   const ObjectCompletion& completion);
   void parseAndSaveJSONArrayData(const std::string& data, const QVLModelClass& cls,
                                  const ListCompletion& completion);
+  ///@}
 
   // ---- typed fronts -------------------------------------------------------------------------
 
+  /// getObjects() for the record type T: the same request and completion rules, the
+  /// results typed.
   template <class T>
   void getObjects(
       const std::optional<std::string>& includes, const std::optional<LimitFields>& limitFields,
@@ -211,6 +230,8 @@ class QVLApiClient : public qvl::HttpSessionDelegate,
                  completion(std::move(typed), std::move(error));
                });
   }
+  /// getObject() for the record type T: the same request and completion rules, the record
+  /// cast to T.
   template <class T>
   void getObject(std::int64_t withId, const std::optional<std::string>& includes,
                  const std::optional<LimitFields>& limitFields,

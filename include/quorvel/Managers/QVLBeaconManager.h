@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quorvel/Categories/QVLWeakPointerArray.h"
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLBeacon.h"
 #include "quorvel/Models/QVLGeofence.h"
 #include "quorvel/Platform/BluetoothCentral.h"
@@ -23,7 +24,7 @@ class QVLAnalyticsManager;
 /// What the beacon manager tells its delegates. Every operation is optional: the defaults
 /// do nothing. Calls arrive on the main queue, synchronously, in the order documented on
 /// QVLBeaconManager. Records passed in belong to the main queue's store handle.
-class QVLBeaconManagerDelegate {
+class QVL_EXPORT QVLBeaconManagerDelegate {
  public:
   virtual ~QVLBeaconManagerDelegate() = default;
 
@@ -33,15 +34,21 @@ class QVLBeaconManagerDelegate {
   virtual void beaconManagerDidRangeActiveBeacons(const std::vector<std::shared_ptr<QVLBeacon>>&) {}
   /// The watched, sighted beacons, in report order; last of a report.
   virtual void beaconManagerDidRangeBeacons(const std::vector<std::shared_ptr<QVLBeacon>>&) {}
+  /// Entry into a watched beacon's own region, after its beacon view was opened.
   virtual void beaconManagerDidEnterRegionWithBeacon(const std::shared_ptr<QVLBeacon>&) {}
   /// Entry into a watched raw beacon region.
   virtual void beaconManagerDidEnterRegion(const qvl::BeaconRegion&) {}
   /// Entry into a watched geofence; null when its record is no longer in the store.
   virtual void beaconManagerDidEnterRegionWithGeofence(const std::shared_ptr<QVLGeofence>&) {}
+  /// Exit from a watched beacon's own region, after its beacon view was finished.
   virtual void beaconManagerDidExitRegionWithBeacon(const std::shared_ptr<QVLBeacon>&) {}
+  /// Exit from a watched raw beacon region.
   virtual void beaconManagerDidExitRegion(const qvl::BeaconRegion&) {}
+  /// Exit from a watched geofence; null when its record is no longer in the store.
   virtual void beaconManagerDidExitRegionWithGeofence(const std::shared_ptr<QVLGeofence>&) {}
+  /// The location service's authorization changed.
   virtual void beaconManagerDidChangeAuthorizationStatus(qvl::AuthorizationStatus) {}
+  /// The Bluetooth central's state changed.
   virtual void beaconManagerDidChangeBluetoothState(qvl::BluetoothState) {}
   /// The closest beacon changed (null: none any more).
   virtual void beaconManagerClosestBeaconChangedTo(const std::shared_ptr<QVLBeacon>&) {}
@@ -49,12 +56,13 @@ class QVLBeaconManagerDelegate {
 
 /// The identity of one watched beacon, taken when its watch starts (later changes of the
 /// record are not seen). A plain value.
-struct QVLBeaconInternal {
-  std::optional<std::int64_t> beaconId;
-  std::optional<qvl::Uuid> uuid;
-  std::optional<std::int64_t> major;
-  std::optional<std::int64_t> minor;
+struct QVL_EXPORT QVLBeaconInternal {
+  std::optional<std::int64_t> beaconId;  ///< The record's key; watches are keyed by it.
+  std::optional<qvl::Uuid> uuid;         ///< The advertised UUID; nullopt when unparsable.
+  std::optional<std::int64_t> major;     ///< The advertised major number.
+  std::optional<std::int64_t> minor;     ///< The advertised minor number.
 
+  /// A new identity holding the given values.
   static std::shared_ptr<QVLBeaconInternal> newWithBeaconId(std::optional<std::int64_t> beaconId,
                                                             std::optional<qvl::Uuid> uuid,
                                                             std::optional<std::int64_t> major,
@@ -92,14 +100,17 @@ struct QVLBeaconInternal {
 /// with the new status as a std::int32_t object; "QVLBeaconManagerDidChangeBluetoothState"
 /// with this manager (QVLBeaconManager*) as object, after every open beacon view was
 /// finished when the state is "powered off".
-class QVLBeaconManager : public qvl::LocationServiceDelegate,
-                         public qvl::BluetoothCentralDelegate,
-                         public std::enable_shared_from_this<QVLBeaconManager> {
+class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
+                                    public qvl::BluetoothCentralDelegate,
+                                    public std::enable_shared_from_this<QVLBeaconManager> {
  public:
+  ///@{
+  /// The names of the notifications described above.
   static constexpr const char* kDidChangeLocationAuthorizationStatusNotification =
       "QVLBeaconManagerDidChangeLocationAuthorizationStatus";
   static constexpr const char* kDidChangeBluetoothStateNotification =
       "QVLBeaconManagerDidChangeBluetoothState";
+  ///@}
   /// The identifier of the ranging region.
   static constexpr const char* kRangingRegionIdentifier = "Beacons";
 
@@ -109,8 +120,10 @@ class QVLBeaconManager : public qvl::LocationServiceDelegate,
 
   /// Delegates are held weakly, once each, in registration order; a released delegate is
   /// skipped and its slot dropped at the next add or remove.
+  ///@{
   void addDelegate(const std::shared_ptr<QVLBeaconManagerDelegate>& delegate);
   void removeDelegate(const QVLBeaconManagerDelegate* delegate);
+  ///@}
 
   /// startSearchingForBeacon() for each record, in order.
   template <class Range>
@@ -125,23 +138,40 @@ class QVLBeaconManager : public qvl::LocationServiceDelegate,
   void startSearchingForBeacon(const std::shared_ptr<QVLBeacon>& beacon);
   /// Stops monitoring it and finishes its beacon view.
   void stopSearchingForBeacon(const std::shared_ptr<QVLBeacon>& beacon);
+  /// Monitors a raw beacon region (an equal region already watched: nothing happens) and
+  /// ranges its UUID when nothing is ranged yet.
   void startSearchingForBeaconRegion(const qvl::BeaconRegion& region);
+  /// Stops monitoring an equal watched region (else nothing happens); ranging as described
+  /// above.
   void stopSearchingForBeaconRegion(const qvl::BeaconRegion& region);
-  /// Geofences never touch ranging.
+  ///@{
+  /// Monitors, or stops monitoring, the geofence's circular region (compared by value: a
+  /// second start does nothing); a null geofence is ignored. Geofences never touch ranging.
   void startSearchingForGeofence(const std::shared_ptr<QVLGeofence>& geofence);
   void stopSearchingForGeofence(const std::shared_ptr<QVLGeofence>& geofence);
+  ///@}
 
   /// Clears the closest beacon, stops ranging the old UUID and ranges `uuid` (none: stops).
   /// Setting the UUID already ranged restarts ranging all the same.
   void setRangedUUID(std::optional<qvl::Uuid> uuid);
+  /// The UUID being ranged, or nullopt.
   const std::optional<qvl::Uuid>& rangedUUID() const { return rangedUUID_; }
 
+  /// @name Watch membership
+  ///@{
+
+  /// Whether the beacon (by beaconId) or an equal region is being watched.
   bool isBeaconMonitoring(const QVLBeacon& beacon) const;
   bool isCLBeaconRegionMonitoring(const qvl::BeaconRegion& region) const;
   bool isCLCircularRegionMonitoring(const qvl::CircularRegion& region) const;
+  ///@}
 
-  // Lookups; each answers null when nothing matches. Only watched beacons are found; two
-  // watched records with one UUID, major and minor resolve to the one started first.
+  /// @name Lookups
+  /// Each answers null when nothing matches. Only watched beacons are found; two watched
+  /// records with one UUID, major and minor resolve to the one started first.
+  ///@{
+
+  /// The identity watched under the beacon id.
   std::shared_ptr<QVLBeaconInternal> internalBeaconFromBeaconId(
       std::optional<std::int64_t> beaconId) const;
   /// A missing major or minor never matches.
@@ -152,6 +182,7 @@ class QVLBeaconManager : public qvl::LocationServiceDelegate,
   std::shared_ptr<QVLBeacon> beaconFromUUID(const qvl::Uuid& uuid,
                                             std::optional<std::int64_t> major,
                                             std::optional<std::int64_t> minor) const;
+  /// beaconFromUUID() with a ranged beacon's UUID, major and minor.
   std::shared_ptr<QVLBeacon> beaconFromCLBeacon(const qvl::RangedBeacon& beacon) const;
   /// Null for a circular region and for a beacon region without both major and minor.
   std::shared_ptr<QVLBeacon> beaconFromRegion(const qvl::Region& region) const;
@@ -159,6 +190,7 @@ class QVLBeaconManager : public qvl::LocationServiceDelegate,
   /// only are 0), read from the store.
   std::shared_ptr<QVLGeofence> geofenceFromCLCircularRegion(
       const qvl::CircularRegion& region) const;
+  ///@}
 
   /// The current closest active beacon, or null.
   const std::shared_ptr<QVLBeacon>& closestBeacon() const { return closestBeacon_; }
@@ -166,9 +198,11 @@ class QVLBeaconManager : public qvl::LocationServiceDelegate,
   const std::vector<std::shared_ptr<QVLBeaconInternal>>& searchingBeacons() const {
     return searchingBeacons_;
   }
+  /// The watched raw beacon regions, in start order.
   const std::vector<qvl::BeaconRegion>& searchingBeaconRegions() const {
     return beaconRegions_.ordered;
   }
+  /// The watched geofences' regions, in start order.
   const std::vector<qvl::CircularRegion>& searchingGeofences() const { return geofences_.ordered; }
 
   /// The Bluetooth central's state now. Thread-safe.

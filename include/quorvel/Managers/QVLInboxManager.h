@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Store/Results.h"
@@ -37,11 +38,14 @@ class CenterObservation;
 ///
 /// Creation and environment: created on first use, never destroyed; it observes the
 /// notification centre of the environment in force, and another centre met by a later use.
-class QVLInboxManager {
+class QVL_EXPORT QVLInboxManager {
  public:
+  /// Posted after every change, as described above.
   static constexpr const char* kDidUpdateInboxNotification = "QVLInboxManagerDidUpdateInbox";
+  /// The name of the sync's background task.
   static constexpr const char* kSyncTaskName = "SyncInbox";
 
+  /// The one manager, created on first use; see above.
   static QVLInboxManager& sharedManager();
 
   /// The guest's posts that have a postId, in inbox order (live results; empty without a
@@ -50,24 +54,32 @@ class QVLInboxManager {
   /// The posts of allPosts() active at the moment of the call (a post without periods is
   /// active).
   qvl::Results<QVLPost> activePosts() const;
+  ///@{
+  /// The saved posts among allPosts(), and among activePosts().
   qvl::Results<QVLPost> savedPosts() const;
   qvl::Results<QVLPost> activeSavedPosts() const;
+  ///@}
   /// Unread posts among activePosts().
   std::size_t numberOfUnreadPosts() const;
-  /// Membership by postId.
+  ///@{
+  /// Membership by postId, in allPosts() and in savedPosts(); false for a post without one.
   bool isPostAdded(const QVLPost& post) const;
   bool isPostSaved(const QVLPost& post) const;
+  ///@}
 
   /// Appends the post unless its postId is in the inbox, and marks it unread.
   void addPost(const std::shared_ptr<QVLPost>& post);
   /// Removes the post's entry (the record stays in the store).
   void removePost(const std::shared_ptr<QVLPost>& post);
+  /// Empties the inbox (the records stay in the store); nothing happens without a guest.
   void removeAllPosts();
   /// Removes every post inactive now; a change even when none was.
   void removeAllInactivePosts();
+  ///@{
   /// Set the flag when it differs; need neither a guest nor the post in the inbox.
   void markPostAsRead(const std::shared_ptr<QVLPost>& post, bool read);
   void markPostAsSaved(const std::shared_ptr<QVLPost>& post, bool saved);
+  ///@}
 
   /// The tail of every change: badge, notification, flag.
   void changesMade();
@@ -76,7 +88,9 @@ class QVLInboxManager {
   /// Sets the icon badge to numberOfUnreadPosts() on the main queue, when enabled.
   void updateApplicationIconBadgeNumber();
 
+  /// The first guest in the calling thread's store, or null.
   std::shared_ptr<QVLGuest> currentGuest() const;
+  /// True when the inbox changed since the last successful sync (see above).
   bool changesMadeSinceLastSync() const { return changesMadeSinceLastSync_.load(); }
 
  private:

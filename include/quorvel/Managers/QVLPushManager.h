@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/QVLError.h"
 
@@ -23,11 +24,15 @@
 /// not JSON; "QVLPushManagerError" code 1 (no endpoint yet, {"info": "No existing endpoint
 /// id"}) or 500 (the create answer has no "id", or 0; the answer as user information). A
 /// failed create leaves the stored id alone. Nothing is logged or retried.
-class QVLPushManager {
+class QVL_EXPORT QVLPushManager {
  public:
+  ///@{
+  /// The error domains and the user-defaults key described above.
   static constexpr const char* kErrorDomain = "QVLPushManagerError";
   static constexpr const char* kJSONErrorDomain = "QVLJSONErrorDomain";
   static constexpr const char* kEndpointIdKey = "QVLPushManagerEndpointIdKey";
+  ///@}
+  /// Called exactly once, as described above; the error is absent on success.
   using Completion = std::function<void(std::optional<QVLError> error)>;
 
   QVLPushManager() = delete;
@@ -38,8 +43,12 @@ class QVLPushManager {
   /// PUT "endpoints/<id>" {"guest_id"} for the stored endpoint id.
   static void updateGuestIdForEndpointWithCompletion(Completion completion);
 
+  ///@{
+  /// The request the operation above sends, built now (guest id and endpoint id read
+  /// afresh); nothing is sent.
   static qvl::HttpRequest createRequestWithDeviceToken(const std::string& deviceToken);
   static qvl::HttpRequest updateRequest();
+  ///@}
   /// A request with the method and the body as compact JSON; no headers (the session adds
   /// the client's).
   static qvl::HttpRequest requestWithURL(std::string url, std::string method,
@@ -50,6 +59,7 @@ class QVLPushManager {
   static std::int64_t guestId();
   /// The bytes as plain lower-case hexadecimal, two digits each, no separators.
   static std::string stringFromDeviceToken(const std::string& deviceToken);
+  /// The stored endpoint id, 0 when none is stored. Read from the defaults on every call.
   static std::int64_t endpointId();
   /// Stored and written through at once.
   static void setEndpointId(std::int64_t endpointId);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Models/QVLShop.h"
 
@@ -24,25 +25,32 @@ class CenterObservation;
 /// background task.
 ///
 /// Creation and environment: as QVLInboxManager.
-class QVLSubscriptionManager {
+class QVL_EXPORT QVLSubscriptionManager {
  public:
+  /// The name of the sync's background task.
   static constexpr const char* kSyncTaskName = "SyncSubscriptions";
 
+  /// The one manager, created on first use; see above.
   static QVLSubscriptionManager& sharedManager();
 
   /// Whether this stored shop record is in the guest's list. False for no shop; true for
   /// every shop while there is no guest (the changes check for a guest themselves).
   bool isShopSubscribedTo(const std::shared_ptr<QVLShop>& shop) const;
+  /// Appends the shop to the guest's list unless it is there; nothing happens without a
+  /// shop or a guest.
   void subscribeToShop(const std::shared_ptr<QVLShop>& shop);
   /// Removes the link; the shop record stays.
   void unsubscribeFromShop(const std::shared_ptr<QVLShop>& shop);
+  /// Unsubscribes when isShopSubscribedTo(), else subscribes.
   void toggleSubscriptionForShop(const std::shared_ptr<QVLShop>& shop);
   /// syncSubscriptions() when the list changed since the last successful sync.
   void checkIfSyncShouldBeDone();
   /// Sends the list whether it changed or not (needs a guest).
   void syncSubscriptions();
 
+  /// The first guest in the calling thread's store, or null.
   std::shared_ptr<QVLGuest> currentGuest() const;
+  /// True when the list changed since the last successful sync (see above).
   bool changesMadeSinceLastSync() const { return changesMadeSinceLastSync_.load(); }
 
  private:

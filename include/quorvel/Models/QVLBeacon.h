@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Platform/Region.h"
@@ -17,8 +18,9 @@ class QVLBeaconCategory;
 /// Inverse: shops and beaconCategories whose beacons list holds the beacon.
 /// Ignored by the store: `_uuid`, the parsed-UUID cache of uuid().
 /// Threads: those of every record (qvl::Object).
-class QVLBeacon : public QVLModel<QVLBeacon> {
+class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kBeaconId,
     kName,
@@ -34,8 +36,19 @@ class QVLBeacon : public QVLModel<QVLBeacon> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> beaconId() const { return optionalInt(kBeaconId); }
   void setBeaconId(std::optional<std::int64_t> v) { setOptionalInt(kBeaconId, v); }
   /// The service's "description".
@@ -62,6 +75,7 @@ class QVLBeacon : public QVLModel<QVLBeacon> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
   /// uuidString parsed, then kept for the life of this object: a later change of
   /// uuidString through the same object is not seen. nullopt (and nothing kept) while

@@ -6,14 +6,16 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLBeacon.h"
 
 /// Primary key `beaconCategoryId`; resources "beaconcategories" / "beaconcategory". Relation:
 /// "beacons" (list).
 /// Threads: those of every record (qvl::Object).
-class QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
+class QVL_EXPORT QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kBeaconCategoryId,
     kName,
@@ -21,8 +23,19 @@ class QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> beaconCategoryId() const { return optionalInt(kBeaconCategoryId); }
   void setBeaconCategoryId(std::optional<std::int64_t> v) { setOptionalInt(kBeaconCategoryId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
@@ -32,4 +45,5 @@ class QVLBeaconCategory : public QVLModel<QVLBeaconCategory> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 };

@@ -5,14 +5,16 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
 #include "quorvel/Platform/Region.h"
 
 /// Primary key `geofenceId`; resources "geofences" / "geofence". Relation: "posts" (list).
 /// Threads: those of every record (qvl::Object).
-class QVLGeofence : public QVLModel<QVLGeofence> {
+class QVL_EXPORT QVLGeofence : public QVLModel<QVLGeofence> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kGeofenceId,
     kName,
@@ -24,8 +26,19 @@ class QVLGeofence : public QVLModel<QVLGeofence> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> geofenceId() const { return optionalInt(kGeofenceId); }
   void setGeofenceId(std::optional<std::int64_t> v) { setOptionalInt(kGeofenceId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
@@ -44,6 +57,7 @@ class QVLGeofence : public QVLModel<QVLGeofence> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
   /// (latitude, longitude) as stored.
   qvl::Coordinate coordinate() const { return {latitude(), longitude()}; }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLAction.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLPost.h"
@@ -15,8 +16,9 @@
 /// "redemptions" (lists). Protected (kept only on the device, never overwritten by a
 /// refresh): shops (the guest's subscriptions) and posts (the guest's inbox).
 /// Threads: those of every record (qvl::Object).
-class QVLGuest : public QVLModel<QVLGuest> {
+class QVL_EXPORT QVLGuest : public QVLModel<QVLGuest> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kGuestId,
     kBalance,
@@ -31,8 +33,19 @@ class QVLGuest : public QVLModel<QVLGuest> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> guestId() const { return optionalInt(kGuestId); }
   void setGuestId(std::optional<std::int64_t> v) { setOptionalInt(kGuestId, v); }
   /// Balance points.
@@ -54,4 +67,5 @@ class QVLGuest : public QVLModel<QVLGuest> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 };

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLAudience.h"
 #include "quorvel/Models/QVLMedia.h"
@@ -20,8 +21,9 @@
 /// "shopcategories", "regions", "audiences" (lists), "image" and "logo" (media, written
 /// back as "image_id" and "logo_id").
 /// Threads: those of every record (qvl::Object).
-class QVLOrganization : public QVLModel<QVLOrganization> {
+class QVL_EXPORT QVLOrganization : public QVLModel<QVLOrganization> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kOrganizationId,
     kName,
@@ -41,8 +43,19 @@ class QVLOrganization : public QVLModel<QVLOrganization> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> organizationId() const { return optionalInt(kOrganizationId); }
   void setOrganizationId(std::optional<std::int64_t> v) { setOptionalInt(kOrganizationId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
@@ -83,6 +96,7 @@ class QVLOrganization : public QVLModel<QVLOrganization> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
   /// urlString as a URL; nullopt when absent or not a URL.
   std::optional<qvl::Url> url() const;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLMedia.h"
 #include "quorvel/Models/QVLPostField.h"
@@ -19,8 +20,9 @@ class QVLAudience;
 /// Protected (local state the service never overwrites): read, saved.
 /// Inverse: beacons and audiences whose posts list holds the post.
 /// Threads: those of every record (qvl::Object).
-class QVLPost : public QVLModel<QVLPost> {
+class QVL_EXPORT QVLPost : public QVLModel<QVLPost> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kPostId,
     kName,
@@ -37,8 +39,19 @@ class QVLPost : public QVLModel<QVLPost> {
     kRead,
     kSaved,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> postId() const { return optionalInt(kPostId); }
   void setPostId(std::optional<std::int64_t> v) { setOptionalInt(kPostId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
@@ -70,6 +83,7 @@ class QVLPost : public QVLModel<QVLPost> {
   void setRead(bool v) { setValue(kRead, v); }
   bool saved() const { return boolValue(kSaved); }
   void setSaved(bool v) { setValue(kSaved, v); }
+  ///@}
 
   /// True without periods; otherwise true when any period is active.
   bool active() const;

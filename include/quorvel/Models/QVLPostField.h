@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 
 class QVLPost;
@@ -22,8 +23,9 @@ enum QVLPostFieldType : std::int64_t {
 /// Primary key `postFieldId`; resources "postfields" / "postfield"; no relations.
 /// Inverse: posts (the posts whose postFields list holds the field).
 /// Threads: those of every record (qvl::Object).
-class QVLPostField : public QVLModel<QVLPostField> {
+class QVL_EXPORT QVLPostField : public QVLModel<QVLPostField> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kPostFieldId,
     kPostFieldTypeId,
@@ -33,8 +35,19 @@ class QVLPostField : public QVLModel<QVLPostField> {
     kUpdatedAt,
     kPosts,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> postFieldId() const { return optionalInt(kPostFieldId); }
   void setPostFieldId(std::optional<std::int64_t> v) { setOptionalInt(kPostFieldId, v); }
   /// A QVLPostFieldType value (the service's "postFieldType_id").
@@ -50,4 +63,5 @@ class QVLPostField : public QVLModel<QVLPostField> {
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
   qvl::Results<QVLPost> posts() const { return qvl::Results<QVLPost>(linkingObjects(kPosts)); }
+  ///@}
 };

@@ -14,14 +14,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLPostField.h"
 #include "quorvel/Platform/Url.h"
 
 /// Type 1: plain text.
-class QVLPostFieldText {
+class QVL_EXPORT QVLPostFieldText {
  public:
+  /// The view of a type-1 field; nullopt for another type (see the file comment).
   static std::optional<QVLPostFieldText> initWithPostField(const QVLPostField& field);
 
+  /// The field's content as it was, absent included.
   const std::optional<std::string>& content() const { return content_; }
   /// The content.
   const std::optional<std::string>& text() const { return content_; }
@@ -31,10 +34,12 @@ class QVLPostFieldText {
 };
 
 /// Type 2: a JSON object describing images.
-class QVLPostFieldImages {
+class QVL_EXPORT QVLPostFieldImages {
  public:
+  /// The view of a type-2 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldImages> initWithPostField(const QVLPostField& field);
 
+  /// The parsed content: always a JSON object.
   const nlohmann::json& json() const { return json_; }
   /// json["imageText"]: text as it stands; another kind of value as its JSON text;
   /// nullopt when absent or null.
@@ -45,10 +50,12 @@ class QVLPostFieldImages {
 };
 
 /// Type 3: a video URL as text.
-class QVLPostFieldVideo {
+class QVL_EXPORT QVLPostFieldVideo {
  public:
+  /// The view of a type-3 field; nullopt for another type.
   static std::optional<QVLPostFieldVideo> initWithPostField(const QVLPostField& field);
 
+  /// The field's content as it was, absent included.
   const std::optional<std::string>& content() const { return content_; }
   /// The content as a URL; nullopt when absent or not a URL.
   std::optional<qvl::Url> youtubeURL() const;
@@ -63,15 +70,20 @@ class QVLPostFieldVideo {
 /// value counts, trimmed of white space and line breaks (Unicode's, no-break space
 /// included); a missing key, a value of another kind (a number included) or a text that
 /// trims to nothing gives nullopt.
-class QVLPostFieldCoupon {
+class QVL_EXPORT QVLPostFieldCoupon {
  public:
+  /// The view of a type-6 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldCoupon> initWithPostField(const QVLPostField& field);
 
+  /// The parsed content: always a JSON object.
   const nlohmann::json& json() const { return json_; }
+  ///@{
+  /// The trimmed text under "text", "price_before", "price" and "discount", as above.
   std::optional<std::string> text() const;
   std::optional<std::string> priceBefore() const;
   std::optional<std::string> price() const;
   std::optional<std::string> discount() const;
+  ///@}
   /// True when the key "redeemable" is present, whatever its value ("redeemable": false
   /// included); false only when it is absent.
   bool redeemable() const;
@@ -82,10 +94,12 @@ class QVLPostFieldCoupon {
 
 /// Type 7: a call to action as a JSON object. Unlike the coupon's, its texts are neither
 /// trimmed nor required to be text.
-class QVLPostFieldCallToAction {
+class QVL_EXPORT QVLPostFieldCallToAction {
  public:
+  /// The view of a type-7 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldCallToAction> initWithPostField(const QVLPostField& field);
 
+  /// The parsed content: always a JSON object.
   const nlohmann::json& json() const { return json_; }
   /// json["text"]: text as it stands; another kind of value as its JSON text; nullopt
   /// when absent or null.

@@ -6,14 +6,16 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLMedia.h"
 
 /// Primary key `prizeId`; resources "prizes" / "prize". Relation: "image" (media, written
 /// back as "image_id").
 /// Threads: those of every record (qvl::Object).
-class QVLPrize : public QVLModel<QVLPrize> {
+class QVL_EXPORT QVLPrize : public QVLModel<QVLPrize> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kPrizeId,
     kTitle,
@@ -31,8 +33,19 @@ class QVLPrize : public QVLModel<QVLPrize> {
     kCreatedAt,
     kUpdatedAt,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> prizeId() const { return optionalInt(kPrizeId); }
   void setPrizeId(std::optional<std::int64_t> v) { setOptionalInt(kPrizeId, v); }
   std::optional<std::string> title() const { return stringValue(kTitle); }
@@ -71,6 +84,7 @@ class QVLPrize : public QVLModel<QVLPrize> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
   /// limits contains "USER_GROUP_MAX" with its double quotes (the key as written in the
   /// JSON text; the text is searched, not parsed). False without limits.

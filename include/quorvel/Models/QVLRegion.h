@@ -6,14 +6,16 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/Region.h"
 #include "quorvel/Platform/Uuid.h"
 
 /// Primary key `regionId`; resources "regions" / "region"; no relations.
 /// Threads: those of every record (qvl::Object).
-class QVLRegion : public QVLModel<QVLRegion> {
+class QVL_EXPORT QVLRegion : public QVLModel<QVLRegion> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kRegionId,
     kStart,
@@ -22,8 +24,19 @@ class QVLRegion : public QVLModel<QVLRegion> {
     kMajor,
     kMinor,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> regionId() const { return optionalInt(kRegionId); }
   void setRegionId(std::optional<std::int64_t> v) { setOptionalInt(kRegionId, v); }
   std::optional<qvl::Date> start() const { return dateValue(kStart); }
@@ -37,6 +50,7 @@ class QVLRegion : public QVLModel<QVLRegion> {
   void setMajor(std::optional<std::int64_t> v) { setOptionalInt(kMajor, v); }
   std::optional<std::int64_t> minor() const { return optionalInt(kMinor); }
   void setMinor(std::optional<std::int64_t> v) { setOptionalInt(kMinor, v); }
+  ///@}
 
   /// "qvl_region;" followed by the decimal regionId (nothing after the ';' without one).
   std::string regionIdentifier() const;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Models/QVLBeacon.h"
 #include "quorvel/Models/QVLMedia.h"
@@ -17,8 +18,9 @@ class QVLShopCategory;
 /// "image", "logo", "directions" (media, written back as "image_id", "logo_id",
 /// "directions_id"). Inverse: shopCategories (the categories listing the shop).
 /// Threads: those of every record (qvl::Object).
-class QVLShop : public QVLModel<QVLShop> {
+class QVL_EXPORT QVLShop : public QVLModel<QVLShop> {
  public:
+  /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kShopId,
     kName,
@@ -37,8 +39,19 @@ class QVLShop : public QVLModel<QVLShop> {
     kBeacons,
     kShopCategories,
   };
+  /// The class descriptor: store shape, service resources and JSON mapping.
   static const QVLModelClass& modelClass();
 
+  /// @name Mapped properties
+  ///@{
+
+  /// Typed accessor of one stored property. Each property has a getter and a setter; to-one
+  /// relations give the related record or null, list properties a live qvl::List handle
+  /// (change the list through it) and inverse relations live qvl::Results (read-only). A
+  /// getter reads nullopt for an absent value, and 0 or false for a plain number or flag
+  /// never set. Setting a property of a managed record needs an open write transaction on
+  /// its handle and writes through (see qvl::Object). Which JSON key fills each property
+  /// is the class's mapping (modelClass()).
   std::optional<std::int64_t> shopId() const { return optionalInt(kShopId); }
   void setShopId(std::optional<std::int64_t> v) { setOptionalInt(kShopId, v); }
   std::optional<std::string> name() const { return stringValue(kName); }
@@ -75,7 +88,9 @@ class QVLShop : public QVLModel<QVLShop> {
   void setCreatedAt(std::optional<qvl::Date> v) { setDate(kCreatedAt, v); }
   std::optional<qvl::Date> updatedAt() const { return dateValue(kUpdatedAt); }
   void setUpdatedAt(std::optional<qvl::Date> v) { setDate(kUpdatedAt, v); }
+  ///@}
 
+  /// The shop's beacons, as a live list handle.
   qvl::List<QVLBeacon> beacons() const { return listOf<QVLBeacon>(kBeacons); }
   /// The categories whose shops list holds this shop (empty while unmanaged).
   qvl::Results<QVLShopCategory> shopCategories() const {

@@ -6,21 +6,26 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
+
 /// The host supplies the token (a JSON Web Token) and saves it; the library only reads it,
 /// afresh for every request, so a saved token applies from the next request on.
 ///
 /// Persisted in the standard user defaults (qvl::UserDefaults) under "QVLAuthJWTToken" as a
-/// keyed archive: the JSON object {"$class": "QVLToken", "content": <text or null>}.
+/// keyed archive: the JSON object {"$class": "QVLToken", "content": \<text or null\>}.
 /// Thread-safe: content is guarded, and the defaults are.
-class QVLToken {
+class QVL_EXPORT QVLToken {
  public:
+  /// The user-defaults key the archive is saved under.
   static constexpr const char* kDefaultsKey = "QVLAuthJWTToken";
 
   /// A new token holding content (the text after "Bearer ").
   static std::shared_ptr<QVLToken> initWithContent(std::optional<std::string> content);
 
+  /// The token text (without "Bearer "), or nullopt for none. Changing it does not save
+  /// it: call saveToken() for requests to use it.
   std::optional<std::string> content() const;
-  void setContent(std::optional<std::string> content);
+  void setContent(std::optional<std::string> content);  ///< @copydoc content()
 
   /// Archives this token under "QVLAuthJWTToken", replacing the current one, and forces
   /// the defaults to disk. Returns false (and logs) when the file could not be written.

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 class Clock;
@@ -19,15 +21,18 @@ class Clock;
 /// The host reports its lifecycle here; the library's managers observe the notifications.
 /// Every operation is thread-safe unless it says otherwise. Owned by a shared_ptr (the
 /// environment holds it), so an expiry that comes after the object is gone does nothing.
-class Application : public std::enable_shared_from_this<Application> {
+class QVL_EXPORT Application : public std::enable_shared_from_this<Application> {
  public:
+  ///@{
   /// Posted by didBecomeActive() and didEnterBackground() to the environment's notification
   /// centre, with this application as object and sender. The names are the platform's own.
   static constexpr const char* kDidBecomeActiveNotification =
       "UIApplicationDidBecomeActiveNotification";
   static constexpr const char* kDidEnterBackgroundNotification =
       "UIApplicationDidEnterBackgroundNotification";
+  ///@}
 
+  /// Identifies a task from beginBackgroundTask(); an application never reuses an id.
   using BackgroundTaskId = std::uint64_t;
   /// Never a running task; endBackgroundTask() ignores it.
   static constexpr BackgroundTaskId kInvalidBackgroundTask = 0;
@@ -57,9 +62,12 @@ class Application : public std::enable_shared_from_this<Application> {
   /// Names of the tasks begun and neither ended nor expired, in the order they began.
   std::vector<std::string> runningBackgroundTasks() const;
 
-  /// 30 s unless changed; applies to tasks begun afterwards.
+  /// How long a background task may run before it expires: 30 s unless changed. A change
+  /// applies to tasks begun afterwards; running tasks keep their deadline.
+  ///@{
   std::chrono::milliseconds backgroundTaskAllowance() const;
   void setBackgroundTaskAllowance(std::chrono::milliseconds allowance);
+  ///@}
 
   /// For a host about to exit: blocks the calling thread until no background task is
   /// running (each ended or expired) or `timeout` (real time) has passed. True when none is

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// The platform's numbering, kept as it stands.
@@ -16,7 +18,9 @@ enum class BluetoothState : std::int64_t {
   PoweredOn = 5,
 };
 
-class BluetoothCentralDelegate {
+/// Receives a central's state changes. Implemented by the library's beacon manager; owned
+/// by whoever registers it (the central holds it weakly).
+class QVL_EXPORT BluetoothCentralDelegate {
  public:
   virtual ~BluetoothCentralDelegate() = default;
   /// The state changed; always on the main queue.
@@ -24,7 +28,7 @@ class BluetoothCentralDelegate {
 };
 
 /// A Bluetooth central used only for its state. Backends: simulated, BlueZ.
-class BluetoothCentral {
+class QVL_EXPORT BluetoothCentral {
  public:
   virtual ~BluetoothCentral() = default;
   /// The current state; Unknown until the backend knows. Thread-safe.

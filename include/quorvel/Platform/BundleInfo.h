@@ -6,12 +6,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// The dictionary lives in the environment (Env::bundleInfo); these are shortcuts for a
 /// host configuring it at start-up. Every operation is thread-safe. Readers take a fresh
 /// copy on every use, so a dictionary set later applies to the next request.
-class BundleInfo {
+class QVL_EXPORT BundleInfo {
  public:
   BundleInfo() = delete;
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Date.h"
 
 namespace qvl {
@@ -15,12 +16,14 @@ namespace qvl {
 /// Every time-dependent rule of the library (validity windows, view times, background-task
 /// allowances, the simulated world) asks the clock of the environment in force.
 /// Implementations are thread-safe.
-class Clock {
+class QVL_EXPORT Clock {
  public:
+  /// Identifies a timer from runAfter(); never 0 for a scheduled task.
   using TimerId = std::uint64_t;
 
   virtual ~Clock() = default;
 
+  /// The current time on this clock. Callable from any thread.
   virtual Date now() = 0;
 
   /// Runs `task` once, when `delay` has passed on this clock, and returns an id for
@@ -33,11 +36,12 @@ class Clock {
 };
 
 /// The environment's clock: Env::current().clock->now().
-Date now();
+QVL_EXPORT Date now();
 
 /// Wall-clock time; timers run on one timer thread of the process, started on first use.
-class SystemClock final : public Clock {
+class QVL_EXPORT SystemClock final : public Clock {
  public:
+  /// std::chrono::system_clock's time.
   Date now() override;
   TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
   void cancel(TimerId id) override;
@@ -46,11 +50,12 @@ class SystemClock final : public Clock {
 /// A clock that moves only when told to: tests, and simulations that run faster than real
 /// time. Timers run on the thread that calls advance(), in due order (ties in the order they
 /// were added), each seeing now() equal to its due time.
-class ManualClock final : public Clock {
+class QVL_EXPORT ManualClock final : public Clock {
  public:
   /// Starts at `start` (default 2026-01-01T00:00:00Z).
   explicit ManualClock(Date start = Date{std::chrono::seconds(1767225600)});
 
+  /// The time last set or advanced to; it does not move on its own.
   Date now() override;
   TimerId runAfter(std::chrono::milliseconds delay, std::function<void()> task) override;
   void cancel(TimerId id) override;

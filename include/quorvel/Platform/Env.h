@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
@@ -39,7 +40,7 @@ struct HttpSessionConfiguration;
 ///
 /// A member left empty (null pointer, empty text) means the standard choice noted beside
 /// it, resolved when used.
-struct Env {
+struct QVL_EXPORT Env {
   /// "now" and delayed work. Standard: SystemClock.
   std::shared_ptr<Clock> clock;
   /// Runs the serial queues of requests. Standard: threadPoolExecutor().
@@ -98,9 +99,11 @@ struct Env {
 /// Installs a changed copy of the environment in force for its own lifetime, then puts the
 /// previous one back. For tests: they swap what they need without calling setters. Scopes
 /// nest; they are process-wide, not per thread.
-class ScopedEnv {
+class QVL_EXPORT ScopedEnv {
  public:
+  /// Installs the environment in force with `change` applied (see Env::update()).
   explicit ScopedEnv(const std::function<void(Env&)>& change);
+  /// Installs `env` as it is.
   explicit ScopedEnv(Env env);
   ~ScopedEnv();
   ScopedEnv(const ScopedEnv&) = delete;

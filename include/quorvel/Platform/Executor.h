@@ -4,11 +4,13 @@
 #include <functional>
 #include <memory>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// Runs jobs handed to it on threads of its own choosing. The library's serial queues (one
 /// per request) post one job per task here. Implementations are thread-safe.
-class Executor {
+class QVL_EXPORT Executor {
  public:
   virtual ~Executor() = default;
   /// Takes the job and returns; the job runs later, exactly once, never inline.
@@ -18,6 +20,6 @@ class Executor {
 /// The process's pool of worker threads: created on demand, capped at
 /// max(8, 2 x hardware threads), never destroyed. At exit, jobs still waiting are dropped and
 /// the exit waits at most a second for running ones.
-std::shared_ptr<Executor> threadPoolExecutor();
+QVL_EXPORT std::shared_ptr<Executor> threadPoolExecutor();
 
 }  // namespace qvl

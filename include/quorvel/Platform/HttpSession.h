@@ -12,27 +12,32 @@
 #include <utility>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Queue.h"
 #include "quorvel/QVLError.h"
 
 namespace qvl {
 
+/// Header name/value pairs in order; a name may repeat.
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
-struct HttpRequest {
-  std::string method = "GET";
+/// One request as a session sends it. A plain value: the session copies it.
+struct QVL_EXPORT HttpRequest {
+  std::string method = "GET";  ///< The HTTP method, sent as given (upper case expected).
   /// Sent as given: the client adds no percent-encoding, so a query such as
   /// "fields[posts]=title,message" travels literally. A URL libcurl cannot parse fails the
   /// task with CURLE_URL_MALFORMAT.
   std::string url;
+  /// Sent after the session's additional headers, replacing those of the same name.
   HttpHeaders headers;
   /// Sent when not empty; POST, PUT and PATCH always send one (Content-Length: 0 when empty).
   /// Without a Content-Type header libcurl labels it application/x-www-form-urlencoded.
   std::string body;
 };
 
-struct HttpResponse {
-  long statusCode = 0;
+/// The head of an answer; the body is handed over separately by the completion.
+struct QVL_EXPORT HttpResponse {
+  long statusCode = 0;  ///< The HTTP status, e.g. 200; any status counts as an answer.
   /// The URL that answered (redirects are never followed, so the request's URL).
   std::string url;
   /// In the order received, names as the server wrote them.
@@ -42,7 +47,8 @@ struct HttpResponse {
   std::optional<std::string> header(std::string_view name) const;
 };
 
-struct HttpSessionConfiguration {
+/// Fixed when the session is created; a session never changes it.
+struct QVL_EXPORT HttpSessionConfiguration {
   /// Sent with every request of the session; a request header of the same name (compared
   /// case-insensitively) replaces the default one.
   HttpHeaders additionalHeaders;
@@ -61,22 +67,25 @@ struct HttpSessionConfiguration {
   std::size_t maximumDecodedBytes = std::size_t{64} << 20;
 };
 
+/// A delegate's answer to a server-trust challenge.
 enum class TrustDisposition {
-  UseCredential,                  // accept the server
-  PerformDefaultHandling,         // accept, as default verification already succeeded
-  CancelAuthenticationChallenge,  // reject: the handshake fails and no request byte is sent
+  UseCredential,                  ///< Accept the server.
+  PerformDefaultHandling,         ///< Accept, as default verification already succeeded.
+  CancelAuthenticationChallenge,  ///< Reject: the handshake fails and no request byte is sent.
 };
 
-struct ServerTrustChallenge {
-  std::string host;  // as in the URL, without IPv6 brackets
-  int port = 0;
+/// A server that passed default verification, offered to the delegate for a further check
+/// (certificate pinning) before any request byte is sent.
+struct QVL_EXPORT ServerTrustChallenge {
+  std::string host;  ///< As in the URL, without IPv6 brackets.
+  int port = 0;      ///< The port connected to (the scheme's default when the URL has none).
   /// The chain that passed default verification (trust anchors and host name), leaf first,
   /// each certificate in DER.
   std::vector<std::string> certificateChainDer;
 };
 
 /// Answers server-trust challenges of a session.
-class HttpSessionDelegate {
+class QVL_EXPORT HttpSessionDelegate {
  public:
   virtual ~HttpSessionDelegate() = default;
 
@@ -100,7 +109,7 @@ class HttpSession;
 
 /// Carries requests to servers: libcurl in a real process (makeCurlTransport()), a recording
 /// double in tests. Reached through the environment (Env::transport).
-class HttpTransport {
+class QVL_EXPORT HttpTransport {
  public:
   virtual ~HttpTransport() = default;
   /// Sends one request of `session` (its headers already merged with the session's
@@ -121,11 +130,11 @@ class HttpTransport {
 /// the completion decoded. HTTPS connections trust Env::trustAnchorsFile when set, the
 /// system's CA bundle otherwise. Tasks still running when the process exits are abandoned
 /// without a completion.
-std::shared_ptr<HttpTransport> makeCurlTransport();
+QVL_EXPORT std::shared_ptr<HttpTransport> makeCurlTransport();
 
 /// An HTTP(S) session: default headers, a server-trust delegate and one serial callback
 /// queue, over the environment's transport.
-class HttpSession : public std::enable_shared_from_this<HttpSession> {
+class QVL_EXPORT HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
   /// A new session. `delegate` may be null (default trust only); the session keeps it alive.
   /// Thread-safe.
@@ -136,6 +145,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   HttpSession(const HttpSession&) = delete;
   HttpSession& operator=(const HttpSession&) = delete;
 
+  /// The configuration the session was created with.
   const HttpSessionConfiguration& configuration() const { return configuration_; }
 
   /// The serial queue on which this session's completions run, one after another.

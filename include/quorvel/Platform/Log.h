@@ -4,6 +4,8 @@
 #include <functional>
 #include <string_view>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// Receives one log line, without a trailing newline. Called on whatever thread logs;
@@ -12,6 +14,6 @@ using LogSink = std::function<void(std::string_view line)>;
 
 /// Writes one line to the environment's sink (Env::logSink; standard error when it has
 /// none). Thread-safe.
-void log(std::string_view line);
+QVL_EXPORT void log(std::string_view line);
 
 }  // namespace qvl

@@ -10,6 +10,8 @@
 #include <optional>
 #include <thread>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// The queue of the host's main thread. The proximity subsystem, every delegate call and
@@ -27,8 +29,9 @@ namespace qvl {
 ///
 /// Running tasks from a second thread throws std::logic_error. A task that throws is logged
 /// and the queue goes on.
-class MainQueue : public std::enable_shared_from_this<MainQueue> {
+class QVL_EXPORT MainQueue : public std::enable_shared_from_this<MainQueue> {
  public:
+  /// The host's hook: schedules `drain` to run soon on the host's main thread.
   using HostPost = std::function<void(std::function<void()> drain)>;
 
   /// A queue driven by run() or runUntilIdle().

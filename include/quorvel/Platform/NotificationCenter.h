@@ -10,14 +10,16 @@
 #include <type_traits>
 #include <vector>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// One broadcast. The object and user information are type-erased so the system's objects
 /// travel as they stand (a number, a pointer to the posting manager, a dictionary).
-struct Notification {
-  std::string name;
-  std::any object;
-  std::any userInfo;
+struct QVL_EXPORT Notification {
+  std::string name;   ///< What happened; observers register for names.
+  std::any object;    ///< The posting object or a value describing the event; may be empty.
+  std::any userInfo;  ///< Extra details, as the notification's poster documents them.
   /// Identity of the object, matched by sender filters: the pointer when the object is a
   /// raw or shared pointer, null otherwise.
   const void* sender = nullptr;
@@ -27,10 +29,12 @@ class NotificationCenter;
 
 /// Keeps one observer registered; destroying or resetting it removes the observer.
 /// Move-only. A token may outlive its centre (removal then does nothing).
-class ObserverToken {
+class QVL_EXPORT ObserverToken {
  public:
   ObserverToken() = default;
+  /// Takes over `other`'s observer; `other` becomes inactive.
   ObserverToken(ObserverToken&& other) noexcept;
+  /// Removes this token's observer (as reset()) and takes over `other`'s.
   ObserverToken& operator=(ObserverToken&& other) noexcept;
   ObserverToken(const ObserverToken&) = delete;
   ObserverToken& operator=(const ObserverToken&) = delete;
@@ -40,6 +44,7 @@ class ObserverToken {
   /// delivery that reaches it later, including a delivery already in progress on this
   /// thread; a call running on another thread may still finish.
   void reset();
+  /// True while the token owns a registration (not reset, released or moved from).
   bool active() const { return id_ != 0; }
   /// Gives up the token's ownership: the observer stays registered for the centre's life.
   void release() { id_ = 0; }
@@ -59,8 +64,9 @@ class ObserverToken {
 /// observers (itself included) while it runs; observers added during a delivery are not
 /// called by it, observers removed during it are not called after their removal. Every
 /// operation is thread-safe. An observer that throws is logged and the delivery goes on.
-class NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
+class QVL_EXPORT NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
  public:
+  /// Called on the posting thread with the notification posted.
   using Observer = std::function<void(const Notification&)>;
 
   /// The centre of the environment in force (Env::current().notificationCenter).
@@ -70,6 +76,8 @@ class NotificationCenter : public std::enable_shared_from_this<NotificationCente
   /// sender is `sender` (any sender when null). The centre must be owned by a shared_ptr.
   [[nodiscard]] ObserverToken addObserver(std::string name, const void* sender, Observer observer);
 
+  /// Delivers `notification` to the observers of its name and sender (its `sender` field
+  /// as given), as described above, before returning.
   void post(Notification notification);
 
   /// Posts `name` with `object` (its identity as sender when it is a pointer).

@@ -7,24 +7,27 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/HttpSession.h"
 
 namespace qvl {
 
-struct PinnedDomainConfiguration {
-  std::string domain;  // e.g. "quorvel.example"; compared case-insensitively
-  bool includeSubdomains = false;
-  std::vector<std::string> reportUris;       // pin failures are POSTed here
-  std::vector<std::string> publicKeyHashes;  // base64 SHA-256 of DER SubjectPublicKeyInfo
+/// The pins of one domain.
+struct QVL_EXPORT PinnedDomainConfiguration {
+  std::string domain;                   ///< E.g. "quorvel.example"; compared case-insensitively.
+  bool includeSubdomains = false;       ///< Whether names under the domain are pinned too.
+  std::vector<std::string> reportUris;  ///< Pin failures are POSTed here.
+  std::vector<std::string> publicKeyHashes;  ///< Base64 SHA-256 of DER SubjectPublicKeyInfo.
 };
 
-struct PinningConfiguration {
-  std::vector<PinnedDomainConfiguration> pinnedDomains;
+/// Everything a PinValidator checks; hosts outside every domain are not pinned.
+struct QVL_EXPORT PinningConfiguration {
+  std::vector<PinnedDomainConfiguration> pinnedDomains;  ///< One entry per pinned domain.
 };
 
 /// Checks a server's verified chain against the pins of its domain. Pinning is enforced: a
 /// chain without a pinned key is rejected. Every operation is thread-safe.
-class PinValidator {
+class QVL_EXPORT PinValidator {
  public:
   /// An unconfigured validator.
   PinValidator();
@@ -37,7 +40,9 @@ class PinValidator {
 
   /// Replaces any previous configuration; challenges from now on use the new one.
   void configure(PinningConfiguration configuration);
+  /// True once configure() has been called.
   bool isConfigured() const;
+  /// A copy of the configuration in use, nullopt while unconfigured.
   std::optional<PinningConfiguration> configuration() const;
 
   /// Decides a server-trust challenge whose chain already passed default verification

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Executor.h"
 
 namespace qvl {
@@ -15,10 +16,11 @@ namespace qvl {
 /// Each task is one job of the executor, so a busy queue cannot starve the others. A task
 /// must not block waiting for tasks of other queues. A task that throws is logged and the
 /// queue goes on with its next task.
-class SerialQueue {
+class QVL_EXPORT SerialQueue {
  public:
   /// A queue on the executor of the environment in force.
   SerialQueue();
+  /// A queue whose tasks run as jobs of `executor`, which the queue keeps alive.
   explicit SerialQueue(std::shared_ptr<Executor> executor);
   ~SerialQueue();
 

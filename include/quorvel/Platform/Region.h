@@ -5,25 +5,29 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/Uuid.h"
 
 namespace qvl {
 
 /// A position in degrees (WGS 84).
-struct Coordinate {
-  double latitude = 0.0;
-  double longitude = 0.0;
+struct QVL_EXPORT Coordinate {
+  double latitude = 0.0;   ///< North positive, -90..90.
+  double longitude = 0.0;  ///< East positive, -180..180.
 
+  /// Exact equality of both degrees.
   bool operator==(const Coordinate&) const = default;
 };
 
 /// A beacon region: every beacon advertising proximityUUID, optionally narrowed to one
 /// major value, and then to one minor value. A minor is only meaningful with a major;
 /// the factories build the three valid forms.
-struct BeaconRegion {
-  Uuid proximityUUID;
-  std::optional<std::uint16_t> major;
-  std::optional<std::uint16_t> minor;
+struct QVL_EXPORT BeaconRegion {
+  Uuid proximityUUID;                  ///< The UUID every matching beacon advertises.
+  std::optional<std::uint16_t> major;  ///< The one major value matched; any when absent.
+  std::optional<std::uint16_t> minor;  ///< The one minor value matched; any when absent.
+  /// Names the region to the location service: starting a region with an identifier
+  /// already in use replaces that region.
   std::string identifier;
 
   /// Every beacon with the UUID.
@@ -40,15 +44,17 @@ struct BeaconRegion {
     return {uuid, major, minor, std::move(identifier)};
   }
 
+  /// Member-wise equality, identifier included.
   bool operator==(const BeaconRegion&) const = default;
 };
 
 /// A circle on the ground; radius in metres.
-struct CircularRegion {
-  Coordinate center;
-  double radius = 0.0;
-  std::string identifier;
+struct QVL_EXPORT CircularRegion {
+  Coordinate center;       ///< The centre of the circle.
+  double radius = 0.0;     ///< In metres.
+  std::string identifier;  ///< As BeaconRegion::identifier.
 
+  /// Member-wise equality, identifier included.
   bool operator==(const CircularRegion&) const = default;
 };
 

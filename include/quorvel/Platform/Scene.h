@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/BluetoothCentral.h"
 #include "quorvel/Platform/LocationService.h"
 #include "quorvel/Platform/Region.h"
@@ -17,7 +18,7 @@
 namespace qvl {
 
 /// How the simulated world hears beacons and decides region crossings. Times in seconds.
-struct SimulationSettings {
+struct QVL_EXPORT SimulationSettings {
   /// A beacon region is left when none of its beacons was heard for this long.
   double exitPeriod = 10.0;
   /// Entering a beacon region needs a filtered RSSI at least this strong (dBm); staying in
@@ -33,25 +34,31 @@ struct SimulationSettings {
   /// How long fixes must stay on one side of a circle's boundary before it counts.
   double dwell = 5.0;
 
+  /// Member-wise equality.
   bool operator==(const SimulationSettings&) const = default;
 };
 
 /// The device jumps to a position, or walks there in a straight line over `seconds`.
-struct SceneDeviceMove {
-  Coordinate position;
+struct QVL_EXPORT SceneDeviceMove {
+  Coordinate position;  ///< Where the device ends up.
   /// Horizontal accuracy of the fixes from now on, metres; unset keeps the current one.
   std::optional<double> accuracy;
   double seconds = 0.0;  ///< 0: a jump
 
+  /// Member-wise equality.
   bool operator==(const SceneDeviceMove&) const = default;
 };
 
 /// Places a beacon (an id not seen before: uuid, major and minor required) or changes one.
-struct SceneBeacon {
-  std::string id;
+struct QVL_EXPORT SceneBeacon {
+  std::string id;  ///< The scene's name for the beacon; later steps refer to it.
+  /// What the beacon advertises; unset fields keep their current values.
+  ///@{
   std::optional<Uuid> uuid;
   std::optional<std::uint16_t> major;
   std::optional<std::uint16_t> minor;
+  ///@}
+  /// Advertised RSSI at 1 m (dBm, -127..-1), used for the accuracy estimate.
   std::optional<std::int8_t> measuredPower;
   /// Where it is; the RSSI then follows the distance to the device.
   std::optional<Coordinate> position;
@@ -60,33 +67,41 @@ struct SceneBeacon {
   /// Not heard at all ("rssi": null), until an RSSI or a position is given again.
   bool silent = false;
 
+  /// Member-wise equality.
   bool operator==(const SceneBeacon&) const = default;
 };
 
-struct SceneRemoveBeacon {
-  std::string id;
+/// Takes a placed beacon away; it is no longer heard.
+struct QVL_EXPORT SceneRemoveBeacon {
+  std::string id;  ///< The id the beacon was placed with.
+  /// Equal ids.
   bool operator==(const SceneRemoveBeacon&) const = default;
 };
 
 /// A label the host can react to (for example the start of an offline spell).
-struct SceneMarker {
-  std::string text;
+struct QVL_EXPORT SceneMarker {
+  std::string text;  ///< Passed to the world's marker handler as given.
+  /// Equal texts.
   bool operator==(const SceneMarker&) const = default;
 };
 
 /// One step of the timeline, `at` seconds after the scene starts.
-struct SceneStep {
+struct QVL_EXPORT SceneStep {
+  /// What happens. A BluetoothState sets the central's state; an AuthorizationStatus is
+  /// the user's answer (applied at once unless the status is still NotDetermined, in which
+  /// case it answers the next authorization request).
   using Action = std::variant<SceneDeviceMove, SceneBeacon, SceneRemoveBeacon, BluetoothState,
                               AuthorizationStatus, SceneMarker>;
-  double at = 0.0;
-  Action action;
+  double at = 0.0;  ///< Seconds after the scene starts.
+  Action action;    ///< The one action of the step.
 
+  /// Member-wise equality.
   bool operator==(const SceneStep&) const = default;
 };
 
 /// A bad scene file: the message names the file and either the line and column of a syntax
 /// error or the path of the field at fault ("timeline[3].beacon.major: ...").
-class SceneError : public std::runtime_error {
+class QVL_EXPORT SceneError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -126,11 +141,11 @@ class SceneError : public std::runtime_error {
 /// - Positions: "x" and "y" in metres east and north of "origin", or "latitude" and
 ///   "longitude" in degrees.
 /// - Unknown keys are errors, so that a misspelt key is not silently ignored.
-struct Scene {
-  std::string name;
-  std::string description;
-  SimulationSettings settings;
-  std::vector<SceneStep> timeline;
+struct QVL_EXPORT Scene {
+  std::string name;                 ///< "name"; empty when absent.
+  std::string description;          ///< "description"; empty when absent.
+  SimulationSettings settings;      ///< "settings", defaults filled in.
+  std::vector<SceneStep> timeline;  ///< "timeline", in order, positions already in degrees.
 
   /// Reads a scene; `source` names it in error messages. Throws SceneError.
   static Scene parse(std::string_view json, std::string_view source = "scene");

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Platform/BluetoothCentral.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/LocationService.h"
@@ -46,7 +47,7 @@ namespace qvl {
 /// clock's thread: inside ManualClock::advance, or SystemClock's timer thread) and the
 /// driving operations below may run on any threads. Delegates are never called with the
 /// world's lock held, so they may call back into it.
-class SimulatedWorld final : public LocationService, public BluetoothCentral {
+class QVL_EXPORT SimulatedWorld final : public LocationService, public BluetoothCentral {
  public:
   /// An empty world: no beacons, the device at (0, 0) with fixes accurate to 5 m, Bluetooth
   /// powered on, authorization not determined. `storeDirectory` empty: the environment's

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// An absolute or relative URL reference.
@@ -16,10 +18,12 @@ namespace qvl {
 ///  - references without a scheme, such as "www.example.com/shop" (scheme() is empty).
 /// It rejects text with white space, control characters, characters a URL cannot
 /// carry unescaped (" < > \ ^ ` { | }) or a '%' not followed by two hex digits.
-class Url {
+class QVL_EXPORT Url {
  public:
+  /// The URL of `text`, or nullopt when it is rejected as described above.
   static std::optional<Url> parse(std::string_view text);
 
+  /// The text exactly as parsed.
   const std::string& absoluteString() const { return text_; }
   /// Lower-cased scheme; empty for a reference without one.
   const std::string& scheme() const { return scheme_; }
@@ -27,8 +31,10 @@ class Url {
   const std::string& host() const { return host_; }
   /// Path as written (still percent-encoded).
   const std::string& path() const { return path_; }
+  /// The port written in the URL; nullopt when none is (the scheme's default applies).
   std::optional<int> port() const { return port_; }
 
+  /// Equal texts: URLs that differ only in spelling ("HTTP:" vs "http:") differ.
   bool operator==(const Url& other) const { return text_ == other.text_; }
 
  private:

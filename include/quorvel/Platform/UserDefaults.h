@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "quorvel/Export.h"
+
 namespace qvl {
 
 /// Keys map to byte strings kept in one file. Every instance is thread-safe; its
@@ -22,7 +24,7 @@ namespace qvl {
 /// Each change is written through at once, so a value set in one process is read by the
 /// next one. Two processes writing the same file at the same time do not merge: the last
 /// writer's whole content wins.
-class UserDefaults {
+class QVL_EXPORT UserDefaults {
  public:
   /// An instance over the file at `path`. Nothing is read until first use; a missing file
   /// reads as empty.
@@ -37,7 +39,7 @@ class UserDefaults {
   /// pending changes to the old one first) and reads the new one on next use.
   static UserDefaults& standard();
 
-  /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/<application id>.defaults, the application
+  /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/\<application id\>.defaults, the application
   /// id being the bundle information's "CFBundleIdentifier" or "default" ('/' becomes '_').
   static std::string defaultStandardPath();
 

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/ObjectClass.h"
 #include "quorvel/Store/Value.h"
 
@@ -28,13 +29,15 @@ class AnyResults;
 ///
 /// Not thread-safe: an unmanaged record belongs to whoever holds it; a managed record
 /// must stay on the thread of its store handle (other threads re-fetch it by key).
-class Object : public std::enable_shared_from_this<Object> {
+class QVL_EXPORT Object : public std::enable_shared_from_this<Object> {
  public:
   virtual ~Object();
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
 
+  /// The record's class; it outlives every record of it.
   const ObjectClass& objectClass() const { return *class_; }
+  /// True when the record is bound to a store handle (see above).
   bool isManaged() const { return store_ != nullptr; }
   /// The handle this record is bound to; nullptr when unmanaged.
   const std::shared_ptr<Store>& store() const { return store_; }
@@ -48,13 +51,19 @@ class Object : public std::enable_shared_from_this<Object> {
   /// The primary-key value; nullopt when absent or when the class has no primary key.
   std::optional<std::int64_t> primaryKeyValue() const;
 
-  // Keyed access. Indexes come from objectClass().propertyIndex(); a property of the
-  // wrong kind or an index out of range throws std::invalid_argument. Setting a value of
-  // the wrong type (text into an integer, null into a plain property) throws it too.
+  /// @name Keyed access
+  ///@{
+
+  /// Indexes come from objectClass().propertyIndex(); a property of the wrong kind or an
+  /// index out of range throws std::invalid_argument. value() and setValue() take scalar
+  /// properties, link() and setLink() to-one links. Setting a value of the wrong type (text
+  /// into an integer, null into a plain property) or linking a record of another class
+  /// throws it too.
   Value value(int index) const;
   void setValue(int index, Value value);
   std::shared_ptr<Object> link(int index) const;
   void setLink(int index, std::shared_ptr<Object> target);
+  ///@}
   /// The list property `index` (kind List) as a live list handle.
   AnyList list(int index);
   /// The inverse relation `index` (kind LinkingObjects). Empty for an unmanaged record.
@@ -70,12 +79,20 @@ class Object : public std::enable_shared_from_this<Object> {
   /// and the protected ones. Setting or changing the property clears the mark. Throws
   /// std::logic_error for a managed record.
   void keepStoredValue(int index);
+  /// Whether property `index` is marked by keepStoredValue().
   bool keepsStoredValue(int index) const;
 
  protected:
+  /// An unmanaged record of `objectClass` with every property null or empty.
   explicit Object(const ObjectClass& objectClass);
 
-  // Typed helpers for record accessors.
+  /// @name Typed helpers for record accessors
+  ///@{
+
+  /// The getters read the held value without a kind check: a null (or a value of another
+  /// type) reads as nullopt, 0, 0.0 or false. linkAs() is link() cast to the target type,
+  /// which the caller guarantees. The setters go through setValue() (nullopt stores null)
+  /// and throw as it does.
   std::optional<std::int64_t> optionalInt(int index) const;
   std::int64_t intValue(int index) const;
   double doubleValue(int index) const;
@@ -91,6 +108,7 @@ class Object : public std::enable_shared_from_this<Object> {
   void setOptionalDouble(int index, std::optional<double> v);
   void setString(int index, std::optional<std::string> v);
   void setDate(int index, std::optional<Date> v);
+  ///@}
 
  private:
   friend class Store;

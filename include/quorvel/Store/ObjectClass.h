@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Value.h"
 
 namespace qvl {
@@ -19,7 +20,9 @@ class ObjectClass;
 /// (a post lists its periods, a beacon's inverse relation names the post list).
 using ObjectClassRef = const ObjectClass& (*)();
 
-struct Property {
+/// One persisted property of a record type.
+struct QVL_EXPORT Property {
+  /// `targetClass` and `origin` as for the members of the same meaning below.
   Property(std::string propertyName, PropertyKind propertyKind, bool isOptional = false,
            ObjectClassRef targetClass = nullptr, std::string origin = {})
       : name(std::move(propertyName)),
@@ -28,8 +31,8 @@ struct Property {
         target(targetClass),
         originProperty(std::move(origin)) {}
 
-  std::string name;
-  PropertyKind kind = PropertyKind::Int;
+  std::string name;                       ///< Unique within the class; also the column name.
+  PropertyKind kind = PropertyKind::Int;  ///< What the property holds.
   /// Int and Double may be optional (null allowed); String, Date and Link always are;
   /// Int32 and Bool never are.
   bool optional = false;
@@ -38,6 +41,7 @@ struct Property {
   /// LinkingObjects: the name of the list property of `target` that this inverts.
   std::string originProperty;
 
+  /// True for the kinds held as a Value (everything but Link, List and LinkingObjects).
   bool isScalar() const {
     return kind != PropertyKind::Link && kind != PropertyKind::List &&
            kind != PropertyKind::LinkingObjects;
@@ -47,8 +51,9 @@ struct Property {
 /// Describes a record type to the store. Instances are long-lived (function-local
 /// statics); the store keys its per-class state by their address. Immutable once built,
 /// so safe to read from any thread.
-class ObjectClass {
+class QVL_EXPORT ObjectClass {
  public:
+  /// Makes a new unmanaged instance of the record type (its concrete C++ class).
   using Factory = std::function<std::shared_ptr<Object>()>;
 
   /// Throws std::invalid_argument when a name repeats, the primary key is not an Int
@@ -59,12 +64,16 @@ class ObjectClass {
   ObjectClass(const ObjectClass&) = delete;
   ObjectClass& operator=(const ObjectClass&) = delete;
 
+  /// The class name; unique among the classes of a store.
   const std::string& name() const { return name_; }
+  /// Every property in declaration order; a property's position is its index.
   const std::vector<Property>& properties() const { return properties_; }
+  /// The property at `index`; throws std::out_of_range for an index out of range.
   const Property& property(int index) const { return properties_.at(static_cast<size_t>(index)); }
   /// Name of the primary-key property; empty when the class has none (rows are then
   /// identified by the store alone).
   const std::string& primaryKey() const { return primaryKey_; }
+  /// Index of the primary-key property, or -1 when the class has none.
   int primaryKeyIndex() const { return primaryKeyIndex_; }
   /// Index of the named property, or -1.
   int propertyIndex(std::string_view name) const;

@@ -9,13 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Object.h"
 
 namespace qvl {
 
 /// A small typed filter that the store compiles to SQL (and evaluates in memory for
 /// unmanaged lists). Keys name scalar properties of the queried class.
-class Predicate {
+class QVL_EXPORT Predicate {
  public:
   /// Matches every record.
   Predicate() = default;
@@ -28,6 +29,7 @@ class Predicate {
   /// Both must hold.
   Predicate operator&&(const Predicate& other) const;
 
+  /// True for the default predicate (no clause).
   bool matchesAll() const { return clauses_.empty(); }
   /// In-memory evaluation; throws std::invalid_argument for an unknown key.
   bool matches(const Object& object) const;
@@ -51,12 +53,16 @@ class Predicate {
 /// commit on any thread or process, or a change in this handle's open transaction).
 /// Order: store order (insertion) unless scoped to a list. Same thread rules as the
 /// handle it came from. Results over an unmanaged list are a fixed snapshot.
-class AnyResults {
+class QVL_EXPORT AnyResults {
  public:
+  /// Empty results of no class.
   AnyResults() = default;
 
+  /// The class of the records; nullptr for default-constructed results.
   const ObjectClass* objectClass() const { return class_; }
+  /// The number of matching records, re-running the query when the store changed.
   std::size_t size() const;
+  /// size() == 0.
   bool empty() const { return size() == 0; }
   /// Throws std::out_of_range past the end.
   std::shared_ptr<Object> at(std::size_t index) const;
@@ -92,27 +98,43 @@ class AnyResults {
 
 /// A handle to one record's list property. Works for unmanaged records (in memory) and
 /// managed ones (reads and writes the store; writes need an open write transaction).
-class AnyList {
+class QVL_EXPORT AnyList {
  public:
+  /// The list property `index` of `owner`, which the handle keeps alive. Throws
+  /// std::invalid_argument when owner is null or the property is not a list.
   AnyList(std::shared_ptr<Object> owner, int index);
 
+  /// The class of the elements.
   const ObjectClass& objectClass() const;
   /// The class name of the elements, e.g. "QVLPost".
   const std::string& objectClassName() const { return objectClass().name(); }
+  /// @name Reading
+  ///@{
+
+  /// Reads the list now (from the store when managed). at() throws std::out_of_range past
+  /// the end; elements() returns every element in list order.
   std::size_t size() const;
   bool empty() const { return size() == 0; }
   std::shared_ptr<Object> at(std::size_t index) const;
   std::vector<std::shared_ptr<Object>> elements() const;
+  ///@}
   /// Position of the first element that is the same record, if any.
   std::optional<std::size_t> indexOf(const Object& element) const;
 
-  /// Elements must be of the list's class; for a managed list, managed by the same
-  /// handle or unmanaged (then added to the store, as create-or-update does).
+  /// @name Changing
+  ///@{
+
+  /// Elements must be of the list's class (else std::invalid_argument, as for a null
+  /// element); for a managed list, managed by the same handle or unmanaged (then added to
+  /// the store, as create-or-update does). insert() at size() appends; an index past that,
+  /// or remove() past the end, throws std::out_of_range. assign() replaces the whole list.
+  /// Removing only takes the element out of the list: the record itself stays stored.
   void append(const std::shared_ptr<Object>& element);
   void insert(std::size_t index, const std::shared_ptr<Object>& element);
   void remove(std::size_t index);
   void removeAll();
   void assign(const std::vector<std::shared_ptr<Object>>& elements);
+  ///@}
 
   /// The list as live results (list order), ready to filter.
   AnyResults results() const;
@@ -122,31 +144,51 @@ class AnyList {
   int index_;
 };
 
+/// AnyResults typed for the record type T: the same live query and rules, records cast to
+/// T. The caller guarantees the results are of T's class (Store::objects<T>() does).
 template <class T>
-class Results {
+class QVL_EXPORT Results {
  public:
   Results() = default;
+  /// Wraps untyped results of T's class.
   explicit Results(AnyResults any) : any_(std::move(any)) {}
 
+  /// @name Typed forms of the AnyResults operations
+  ///@{
+
+  /// As the AnyResults member of the same name; operator[] is at() (also range-checked).
   std::size_t size() const { return any_.size(); }
   bool empty() const { return any_.empty(); }
   std::shared_ptr<T> at(std::size_t i) const { return std::static_pointer_cast<T>(any_.at(i)); }
   std::shared_ptr<T> operator[](std::size_t i) const { return at(i); }
   std::vector<std::shared_ptr<T>> snapshot() const { return cast(any_.snapshot()); }
   Results<T> filter(const Predicate& p) const { return Results<T>(any_.filter(p)); }
+  ///@}
+  /// The untyped results underneath.
   const AnyResults& any() const { return any_; }
 
   /// Iteration works over a snapshot taken when begin() is called.
+  /// A forward iterator over the snapshot, which it shares; valid however the store changes.
   class iterator {
    public:
+    /// @name Standard iterator types
+    ///@{
+
+    /// Elements are the records' shared pointers, read-only.
     using iterator_category = std::forward_iterator_tag;
     using value_type = std::shared_ptr<T>;
     using difference_type = std::ptrdiff_t;
     using pointer = const value_type*;
     using reference = const value_type&;
+    ///@}
     iterator() = default;
+    /// Position `i` of `items` (shared, never copied).
     iterator(std::shared_ptr<const std::vector<value_type>> items, std::size_t i)
         : items_(std::move(items)), i_(i) {}
+    /// @name Iteration
+    ///@{
+
+    /// Usual forward-iterator operations; dereferencing the end is undefined.
     reference operator*() const { return (*items_)[i_]; }
     pointer operator->() const { return &(*items_)[i_]; }
     iterator& operator++() {
@@ -158,12 +200,15 @@ class Results {
       ++i_;
       return old;
     }
+    ///@}
+    /// Compares positions only (see end()).
     bool operator==(const iterator& o) const { return i_ == o.i_; }
 
    private:
     std::shared_ptr<const std::vector<value_type>> items_;
     std::size_t i_ = 0;
   };
+  /// Takes the snapshot that the loop then walks.
   iterator begin() const {
     auto items = std::make_shared<const std::vector<std::shared_ptr<T>>>(snapshot());
     return iterator(items, 0);
@@ -181,12 +226,20 @@ class Results {
   AnyResults any_;
 };
 
+/// AnyList typed for the element type T: the same handle and rules, elements cast to T.
+/// The record types' list accessors return these.
 template <class T>
-class List {
+class QVL_EXPORT List {
  public:
+  /// As AnyList(owner, index); the property's elements must be of T's class.
   List(std::shared_ptr<Object> owner, int index) : any_(std::move(owner), index) {}
+  /// Wraps an untyped list of T's class.
   explicit List(AnyList any) : any_(std::move(any)) {}
 
+  /// @name Typed forms of the AnyList operations
+  ///@{
+
+  /// As the AnyList member of the same name; operator[] is at() (also range-checked).
   std::size_t size() const { return any_.size(); }
   bool empty() const { return any_.empty(); }
   std::shared_ptr<T> at(std::size_t i) const { return std::static_pointer_cast<T>(any_.at(i)); }
@@ -205,11 +258,19 @@ class List {
     any_.assign(std::vector<std::shared_ptr<Object>>(elements.begin(), elements.end()));
   }
   Results<T> results() const { return Results<T>(any_.results()); }
+  ///@}
+  /// The untyped handle underneath.
   const AnyList& any() const { return any_; }
+  /// The class name of the elements, e.g. "QVLPost".
   const std::string& objectClassName() const { return any_.objectClassName(); }
 
+  /// @name Iteration
+  ///@{
+
+  /// Over a snapshot of the list taken by begin(), as for Results.
   auto begin() const { return results().begin(); }
   auto end() const { return typename Results<T>::iterator(nullptr, size()); }
+  ///@}
 
  private:
   AnyList any_;

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "quorvel/Export.h"
 #include "quorvel/Store/Object.h"
 #include "quorvel/Store/Results.h"
 
@@ -23,14 +24,15 @@ struct StoreImpl;
 
 /// Opening failed (file unusable, schema version going backwards, a migration that
 /// threw) or the engine reported an error. what() carries the engine's message.
-class StoreError : public std::runtime_error {
+class QVL_EXPORT StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 /// Given to the migration callback while an older file is brought up to date.
-class Migration {
+class QVL_EXPORT Migration {
  public:
+  /// The schema version the file had before this upgrade.
   std::uint64_t oldSchemaVersion() const { return oldVersion_; }
   /// Whether the file being upgraded has the property (a column or a list).
   bool hasProperty(const std::string& className, const std::string& name) const;
@@ -46,7 +48,8 @@ class Migration {
   std::uint64_t oldVersion_;
 };
 
-struct StoreConfiguration {
+/// What Store::open() needs to open or create a file; the path identifies the cached handle.
+struct QVL_EXPORT StoreConfiguration {
   /// The file; its directory must exist.
   std::string path;
   /// Kept in the file; opening a file of a higher version fails.
@@ -69,7 +72,7 @@ struct StoreConfiguration {
 /// Errors: engine failures throw StoreError; misuse (a change outside a write
 /// transaction, a record of another handle or of a class the file lacks) throws
 /// std::logic_error.
-class Store : public std::enable_shared_from_this<Store> {
+class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
  public:
   /// The calling thread's handle for configuration.path, opened (and the file created or
   /// upgraded) on first use and cached for the thread. Throws StoreError.
@@ -81,14 +84,26 @@ class Store : public std::enable_shared_from_this<Store> {
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
+  /// The file this handle is open on.
   const std::string& path() const { return path_; }
+  /// The schema version the file was opened (or upgraded) at.
   std::uint64_t schemaVersion() const { return schemaVersion_; }
 
-  // Write transactions. Prefer write() or WriteTransaction, which roll back on exceptions.
+  /// @name Write transactions
+  ///@{
+
+  /// Prefer write() or WriteTransaction, which roll back on exceptions. beginWrite() throws
+  /// std::logic_error when this handle already has one open (they do not nest) and waits
+  /// for other writers as described above; commitWrite() throws std::logic_error without
+  /// one, and StoreError when the engine refuses (the transaction then stays open).
+  /// cancelWrite() rolls back and never throws: without an open transaction, or on another
+  /// thread, it does nothing. Records changed during a cancelled transaction keep the
+  /// changed values in memory until refresh().
   void beginWrite();
   void commitWrite();
   void cancelWrite();
   bool isInWriteTransaction() const { return inWrite_; }
+  ///@}
   /// Runs block inside a write transaction; commits when it returns, rolls back and
   /// rethrows when it throws.
   template <class F>
@@ -108,6 +123,7 @@ class Store : public std::enable_shared_from_this<Store> {
   /// its links and lists (matched by their own keys; records without a key are inserted).
   /// Returns the managed record; the argument stays unmanaged. Needs a write transaction.
   std::shared_ptr<Object> addOrUpdate(const std::shared_ptr<Object>& object);
+  /// addOrUpdate() returning the record as its own type.
   template <class T>
   std::shared_ptr<T> addOrUpdate(const std::shared_ptr<T>& object) {
     return std::static_pointer_cast<T>(addOrUpdate(std::shared_ptr<Object>(object)));
@@ -130,15 +146,19 @@ class Store : public std::enable_shared_from_this<Store> {
 
   /// Whether the file's schema holds the class.
   bool hasClass(const ObjectClass& objectClass) const;
+  /// The records of a class matching `predicate` (all by default), as live results in store
+  /// order. Throws std::invalid_argument for a key that is not a scalar property.
   AnyResults objects(const ObjectClass& objectClass, const Predicate& predicate = {});
   /// The record whose primary key equals key (a null key finds a record stored without
   /// one), or nullptr. Throws std::logic_error for a class without a primary key.
   std::shared_ptr<Object> object(const ObjectClass& objectClass, std::optional<std::int64_t> key);
 
+  /// objects() for the record type T (its modelClass()).
   template <class T>
   Results<T> objects(const Predicate& predicate = {}) {
     return Results<T>(objects(T::modelClass(), predicate));
   }
+  /// object() for the record type T (its modelClass()).
   template <class T>
   std::shared_ptr<T> object(std::optional<std::int64_t> key) {
     return std::static_pointer_cast<T>(object(T::modelClass(), key));
@@ -165,14 +185,17 @@ class Store : public std::enable_shared_from_this<Store> {
 };
 
 /// RAII write transaction: commit() or roll back on destruction.
-class WriteTransaction {
+class QVL_EXPORT WriteTransaction {
  public:
+  /// Begins a write transaction on `store` (see Store::beginWrite()), which must outlive
+  /// this object.
   explicit WriteTransaction(Store& store) : store_(store) { store_.beginWrite(); }
   ~WriteTransaction() {
     if (!done_) store_.cancelWrite();
   }
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
+  /// Commits; when that throws, the destructor still rolls back.
   void commit() {
     store_.commitWrite();
     done_ = true;
