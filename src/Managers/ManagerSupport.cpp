@@ -53,7 +53,8 @@ bool CenterObservation::observeCurrentCenter() {
   }
   centers_.push_back(center);
   for (const auto& [name, handler] : handlers_) {
-    center->addObserver(name, nullptr, [handler](const Notification&) { handler(); }).release();
+    center->addObserver(name, nullptr, [handler = handler](const Notification&) { handler(); })
+        .release();
   }
   return true;
 }
