@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The main job until the sandbox and demo exist: builds the SDK and runs its benchmarks
-# (the store import and the end-to-end fetch against a loopback HTTPS server).
+# Builds the SDK and runs its benchmarks: the store import (against plain SQLite) and the
+# end-to-end fetch from a loopback HTTPS server. Each prints its figures and a "ratios:" line.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
