@@ -97,9 +97,13 @@ class Timeline {
   std::mutex mutex_;
 };
 
+// Requests of the SDK may still be running on their threads: leave without tearing down the
+// singletons under them.
 [[noreturn]] void fail(const std::string& message) {
-  std::cerr << "qvl-demo: " << message << "\n";
-  std::exit(1);
+  std::cout.flush();
+  std::fflush(stdout);
+  std::cerr << "qvl-demo: " << message << std::endl;
+  std::_Exit(1);
 }
 
 // Polls `done` until it holds or `limit` (real time) has passed.
