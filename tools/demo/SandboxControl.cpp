@@ -37,7 +37,7 @@ ControlAnswer SandboxControl::call(const std::string& method, const std::string&
                         out.body = nlohmann::json::parse(data, nullptr, false);
                       } else if (error) {
                         out.error = error->domain + " " + std::to_string(error->code);
-                        if (error->userInfo) out.error += " " + error->userInfo->dump();
+                        if (error->userInfo) out.error.append(" ").append(error->userInfo->dump());
                       }
                       answer->set_value(std::move(out));
                     });

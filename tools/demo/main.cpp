@@ -131,6 +131,13 @@ std::string describe(const std::optional<QVLError>& error) {
 
 std::string nameOf(const std::optional<std::string>& name) { return name.value_or("(unnamed)"); }
 
+// "name" in quotes, appended piecewise ("literal" + std::string trips GCC 12's -Wrestrict).
+std::string quoted(const std::optional<std::string>& name) {
+  std::string out = "\"";
+  out.append(nameOf(name)).append("\"");
+  return out;
+}
+
 template <class T>
 std::size_t keptCount() {
   auto realm = QVLRealm::realm();
@@ -224,7 +231,7 @@ class Host : public QVLBeaconManagerDelegate {
   void open(Slot& slot, const std::shared_ptr<QVLPost>& post) {
     QVLAnalyticsManager::sharedManager().startPostViewOfPost(post);
     slot = {post, timeline_.seconds()};
-    timeline_.print("post shown", "\"" + nameOf(post->name()) + "\" (post view opened)");
+    timeline_.print("post shown", quoted(post->name()) + " (post view opened)");
   }
 
   void close(Slot& slot) {
@@ -232,7 +239,7 @@ class Host : public QVLBeaconManagerDelegate {
     QVLAnalyticsManager::sharedManager().finishPostViewOfPost(slot.post);
     const double now = timeline_.seconds();
     expected_.postViews.push_back({*slot.post->postId(), slot.openedAt, now});
-    timeline_.print("post closed", "\"" + nameOf(slot.post->name()) + "\" after " +
+    timeline_.print("post closed", quoted(slot.post->name()) + " after " +
                                        std::to_string(std::lround(now - slot.openedAt)) +
                                        " s (post view closed)");
     slot = {};
@@ -241,7 +248,7 @@ class Host : public QVLBeaconManagerDelegate {
   void collect(const std::shared_ptr<QVLPost>& post) {
     auto& inbox = QVLInboxManager::sharedManager();
     inbox.addPost(post);
-    timeline_.print("inbox", "\"" + nameOf(post->name()) + "\" added: " +
+    timeline_.print("inbox", quoted(post->name()) + " added: " +
                                  std::to_string(inbox.numberOfUnreadPosts()) + " unread");
     inbox.markPostAsRead(post, true);
     inbox.markPostAsSaved(post, true);
