@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the shared library and the tools, makes the Debian packages, unpacks them into a
 # temporary root and builds the example against that root twice (CMake's find_package and
-# pkg-config), then runs both against the installed sandbox. Checks that the shared library
-# exports nothing but the public API.
+# pkg-config), then runs both, and the installed demo, against the installed sandbox. Checks
+# that the shared library exports nothing but the public API.
 #   scripts/package.sh          packages end up in build-pkg/*.deb
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -57,3 +57,6 @@ echo "== find_package build"
 timeout 60 "$work/cmake/closest-beacon" "$work/sandbox"
 echo "== pkg-config build"
 timeout 60 "$work/closest-beacon-pc" "$work/sandbox"
+echo "== installed qvl-demo"
+timeout 120 "$root/usr/bin/qvl-demo" --sandbox-dir "$work/sandbox" \
+  --scene "$root/usr/share/quorvel/scenes/mall-walk.json"
