@@ -1,5 +1,6 @@
 #pragma once
-// The error value every completion of the library carries.
+/// @file
+/// The error value every completion of the library carries.
 
 #include <optional>
 #include <string>
@@ -26,7 +27,11 @@ struct QVL_EXPORT QVLError {
   bool operator==(const QVLError&) const = default;
 };
 
+/// The service answered with a failure status.
 inline constexpr const char* kQVLApiClientErrorDomain = "QVLApiClientErrorDomain";
+/// No answer came.
 inline constexpr const char* kQVLTransportErrorDomain = "QVLTransportErrorDomain";
+/// A record of the answer could not be mapped.
 inline constexpr const char* kQVLMappingErrorDomain = "QVLMappingErrorDomain";
+/// The store could not be opened or written.
 inline constexpr const char* kQVLStoreErrorDomain = "QVLStoreErrorDomain";

@@ -1,5 +1,6 @@
 #pragma once
-// What the device can do for proximity: Bluetooth, location authorization, beacons.
+/// @file
+/// What the device can do for proximity: Bluetooth, location authorization, beacons.
 
 #include "quorvel/Export.h"
 

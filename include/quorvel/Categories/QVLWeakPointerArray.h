@@ -1,5 +1,6 @@
 #pragma once
-// An ordered list of weak references without duplicates: the beacon manager's delegates.
+/// @file
+/// An ordered list of weak references without duplicates: the beacon manager's delegates.
 
 #include <cstddef>
 #include <cstdint>

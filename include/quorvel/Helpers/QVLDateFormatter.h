@@ -1,5 +1,6 @@
 #pragma once
-// Conversion between the service's date text and dates.
+/// @file
+/// Conversion between the service's date text and dates.
 
 #include <optional>
 #include <string>

@@ -1,5 +1,6 @@
 #pragma once
-// Reads the JSON that some post fields carry.
+/// @file
+/// Reads the JSON that some post fields carry.
 
 #include <optional>
 #include <string_view>

@@ -1,5 +1,6 @@
 #pragma once
-// Opens the library's own store file.
+/// @file
+/// Opens the library's own store file.
 
 #include <cstdint>
 #include <memory>

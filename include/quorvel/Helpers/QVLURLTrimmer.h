@@ -1,5 +1,6 @@
 #pragma once
-// Turns loosely typed web addresses from the service into URLs.
+/// @file
+/// Turns loosely typed web addresses from the service into URLs.
 
 #include <optional>
 #include <string>

@@ -1,5 +1,6 @@
 #pragma once
-// Times how long the guest looks at posts and stays near beacons, and reports those views.
+/// @file
+/// Times how long the guest looks at posts and stays near beacons, and reports those views.
 
 #include <atomic>
 #include <cstdint>

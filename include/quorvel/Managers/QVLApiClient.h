@@ -1,6 +1,7 @@
 #pragma once
-// The library's one door to the service: environment, headers, requests, pinning, and the
-// operations that move records between the service and the store.
+/// @file
+/// The library's one door to the service: environment, headers, requests, pinning, and the
+/// operations that move records between the service and the store.
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,7 @@
 #pragma once
-// The proximity engine: watches beacons, raw beacon regions and geofences through the
-// location service, maps sightings back to records and tells its delegates.
+/// @file
+/// The proximity engine: watches beacons, raw beacon regions and geofences through the
+/// location service, maps sightings back to records and tells its delegates.
 
 #include <cstdint>
 #include <memory>

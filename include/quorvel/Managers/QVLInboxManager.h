@@ -1,5 +1,6 @@
 #pragma once
-// The guest's inbox: collected posts with read and saved flags, and the icon badge.
+/// @file
+/// The guest's inbox: collected posts with read and saved flags, and the icon badge.
 
 #include <atomic>
 #include <cstddef>

@@ -1,5 +1,6 @@
 #pragma once
-// Registers the device as a push-message endpoint and attaches the guest to it.
+/// @file
+/// Registers the device as a push-message endpoint and attaches the guest to it.
 
 #include <cstdint>
 #include <functional>

@@ -1,5 +1,6 @@
 #pragma once
-// The shops the guest follows.
+/// @file
+/// The shops the guest follows.
 
 #include <atomic>
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
-// Something that changed the guest's balance.
+/// @file
+/// Something that changed the guest's balance.
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,6 @@
 #pragma once
-// The base of every service record and the one mechanism that maps JSON to records and back.
+/// @file
+/// The base of every service record and the one mechanism that maps JSON to records and back.
 
 #include <cstdint>
 #include <memory>

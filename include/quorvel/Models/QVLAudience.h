@@ -1,5 +1,6 @@
 #pragma once
-// A group of guests that a set of posts is meant for.
+/// @file
+/// A group of guests that a set of posts is meant for.
 
 #include <cstdint>
 #include <memory>

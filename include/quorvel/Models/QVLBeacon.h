@@ -1,5 +1,6 @@
 #pragma once
-// A Bluetooth beacon placed by the organization.
+/// @file
+/// A Bluetooth beacon placed by the organization.
 
 #include <cstdint>
 #include <optional>

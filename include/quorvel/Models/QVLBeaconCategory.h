@@ -1,5 +1,6 @@
 #pragma once
-// A category that groups beacons.
+/// @file
+/// A category that groups beacons.
 
 #include <cstdint>
 #include <memory>

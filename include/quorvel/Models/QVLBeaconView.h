@@ -1,5 +1,6 @@
 #pragma once
-// When the guest entered and left a beacon's range: analytics sent to the service.
+/// @file
+/// When the guest entered and left a beacon's range: analytics sent to the service.
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,6 @@
 #pragma once
-// A circular area on the ground that the organization watches.
+/// @file
+/// A circular area on the ground that the organization watches.
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,6 @@
 #pragma once
-// The app user as the service knows them.
+/// @file
+/// The app user as the service knows them.
 
 #include <cstdint>
 #include <optional>

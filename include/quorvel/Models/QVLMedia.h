@@ -1,5 +1,6 @@
 #pragma once
-// An image that organizations, shops, posts and prizes point to.
+/// @file
+/// An image that organizations, shops, posts and prizes point to.
 
 #include <cstdint>
 #include <optional>
@@ -9,6 +10,7 @@
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/Url.h"
 
+/// The renditions a media record holds, by the service's size numbers.
 enum QVLMediaSize : int {
   QVLMediaSizeOriginal = 1,
   QVLMediaSizeLarge = 2,

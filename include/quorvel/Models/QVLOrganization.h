@@ -1,5 +1,6 @@
 #pragma once
-// The organization that owns shops, regions, audiences and posts.
+/// @file
+/// The organization that owns shops, regions, audiences and posts.
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,6 @@
 #pragma once
-// The position rule shared by records that may lack coordinates.
+/// @file
+/// The position rule shared by records that may lack coordinates.
 
 #include <optional>
 

@@ -1,5 +1,6 @@
 #pragma once
-// A message or offer shown to the guest.
+/// @file
+/// A message or offer shown to the guest.
 
 #include <cstdint>
 #include <memory>

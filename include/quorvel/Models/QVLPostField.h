@@ -1,5 +1,6 @@
 #pragma once
-// One typed piece of a post's body.
+/// @file
+/// One typed piece of a post's body.
 
 #include <cstdint>
 #include <optional>

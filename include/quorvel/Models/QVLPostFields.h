@@ -1,13 +1,14 @@
 #pragma once
-// Typed views of a post field's content. Plain values, never stored; made on demand.
-//
-// Each view's initWithPostField() returns nullopt when the field's postFieldTypeId is not
-// the view's type (silently) and, for the JSON views (images, coupon, call to action),
-// when the content is absent or not a JSON object (then QVLPostFieldHelper logs one
-// line). The text and video views copy the content as it is, absent included.
-//
-// The views are values independent of the field they came from: copy them freely, use
-// them on any thread.
+/// @file
+/// Typed views of a post field's content. Plain values, never stored; made on demand.
+///
+/// Each view's initWithPostField() returns nullopt when the field's postFieldTypeId is not
+/// the view's type (silently) and, for the JSON views (images, coupon, call to action),
+/// when the content is absent or not a JSON object (then QVLPostFieldHelper logs one
+/// line). The text and video views copy the content as it is, absent included.
+///
+/// The views are values independent of the field they came from: copy them freely, use
+/// them on any thread.
 
 #include <optional>
 #include <string>

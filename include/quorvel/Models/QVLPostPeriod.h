@@ -1,5 +1,6 @@
 #pragma once
-// A time window in which a post is valid.
+/// @file
+/// A time window in which a post is valid.
 
 #include <cstdint>
 #include <optional>

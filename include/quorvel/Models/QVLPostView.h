@@ -1,5 +1,6 @@
 #pragma once
-// How long the guest looked at a post: analytics sent to the service.
+/// @file
+/// How long the guest looked at a post: analytics sent to the service.
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,6 @@
 #pragma once
-// A prize the guest can redeem with balance points.
+/// @file
+/// A prize the guest can redeem with balance points.
 
 #include <cstdint>
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
-// A prize the guest redeemed.
+/// @file
+/// A prize the guest redeemed.
 
 #include <cstdint>
 #include <optional>

@@ -1,6 +1,7 @@
 #pragma once
-// A beacon region of the service: one proximity UUID, optionally narrowed by major and
-// minor, valid in a time window.
+/// @file
+/// A beacon region of the service: one proximity UUID, optionally narrowed by major and
+/// minor, valid in a time window.
 
 #include <cstdint>
 #include <optional>

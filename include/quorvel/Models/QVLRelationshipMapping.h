@@ -1,5 +1,6 @@
 #pragma once
-// Describes one relation of a record type's JSON.
+/// @file
+/// Describes one relation of a record type's JSON.
 
 #include <cstdint>
 #include <optional>

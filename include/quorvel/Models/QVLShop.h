@@ -1,5 +1,6 @@
 #pragma once
-// A shop of the organization.
+/// @file
+/// A shop of the organization.
 
 #include <cstdint>
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
-// A category that groups shops.
+/// @file
+/// A category that groups shops.
 
 #include <cstdint>
 #include <memory>

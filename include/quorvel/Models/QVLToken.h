@@ -1,5 +1,6 @@
 #pragma once
-// The bearer token that authorises the client's requests.
+/// @file
+/// The bearer token that authorises the client's requests.
 
 #include <memory>
 #include <mutex>

@@ -1,6 +1,7 @@
 #pragma once
-// The host application as the library sees it: lifecycle events, background tasks and the
-// icon badge.
+/// @file
+/// The host application as the library sees it: lifecycle events, background tasks and the
+/// icon badge.
 
 #include <chrono>
 #include <condition_variable>

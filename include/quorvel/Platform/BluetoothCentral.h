@@ -1,5 +1,6 @@
 #pragma once
-// The device's Bluetooth radio, as far as the library needs it: its state.
+/// @file
+/// The device's Bluetooth radio, as far as the library needs it: its state.
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,7 @@
 #pragma once
-// The host application's information dictionary: its identity, version and the library's
-// settings, supplied by the host instead of a bundled property list.
+/// @file
+/// The host application's information dictionary: its identity, version and the library's
+/// settings, supplied by the host instead of a bundled property list.
 
 #include <string>
 

@@ -1,5 +1,6 @@
 #pragma once
-// The library's source of "now" and of delayed work.
+/// @file
+/// The library's source of "now" and of delayed work.
 
 #include <chrono>
 #include <cstdint>

@@ -1,5 +1,6 @@
 #pragma once
-// An RGBA colour.
+/// @file
+/// An RGBA colour.
 
 #include "quorvel/Export.h"
 

@@ -1,5 +1,6 @@
 #pragma once
-// The library's point in time.
+/// @file
+/// The library's point in time.
 
 #include <chrono>
 

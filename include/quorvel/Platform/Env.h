@@ -1,5 +1,6 @@
 #pragma once
-// Every platform facility the library reaches, in one place.
+/// @file
+/// Every platform facility the library reaches, in one place.
 
 #include <functional>
 #include <memory>

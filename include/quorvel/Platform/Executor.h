@@ -1,5 +1,6 @@
 #pragma once
-// Where the library's serial queues run their tasks.
+/// @file
+/// Where the library's serial queues run their tasks.
 
 #include <functional>
 #include <memory>

@@ -1,6 +1,7 @@
 #pragma once
-// HTTPS client sessions: default headers, data tasks with a completion, a serial callback
-// queue per session and a server-trust hook for certificate pinning.
+/// @file
+/// HTTPS client sessions: default headers, data tasks with a completion, a serial callback
+/// queue per session and a server-trust hook for certificate pinning.
 
 #include <chrono>
 #include <cstddef>

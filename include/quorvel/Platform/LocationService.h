@@ -1,5 +1,6 @@
 #pragma once
-// The device's location service: region monitoring and beacon ranging.
+/// @file
+/// The device's location service: region monitoring and beacon ranging.
 
 #include <cstdint>
 #include <memory>
@@ -17,6 +18,7 @@ namespace qvl {
 /// they are of the same kind with the same identifier and the same geometry.
 using Region = std::variant<BeaconRegion, CircularRegion>;
 
+/// The identifier of either kind of region.
 inline const std::string& regionIdentifier(const Region& region) {
   return std::visit([](const auto& r) -> const std::string& { return r.identifier; }, region);
 }

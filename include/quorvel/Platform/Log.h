@@ -1,5 +1,6 @@
 #pragma once
-// The library's diagnostic log: one plain line per message.
+/// @file
+/// The library's diagnostic log: one plain line per message.
 
 #include <functional>
 #include <string_view>

@@ -1,5 +1,6 @@
 #pragma once
-// The host application's main thread, as a queue.
+/// @file
+/// The host application's main thread, as a queue.
 
 #include <condition_variable>
 #include <cstddef>

@@ -1,5 +1,6 @@
 #pragma once
-// Broadcast notifications by name.
+/// @file
+/// Broadcast notifications by name.
 
 #include <any>
 #include <cstdint>

@@ -1,6 +1,7 @@
 #pragma once
-// TLS public-key pinning: decides server-trust challenges for pinned domains and reports
-// pin failures.
+/// @file
+/// TLS public-key pinning: decides server-trust challenges for pinned domains and reports
+/// pin failures.
 
 #include <memory>
 #include <optional>

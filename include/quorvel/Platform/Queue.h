@@ -1,5 +1,6 @@
 #pragma once
-// Serial queues over an executor.
+/// @file
+/// Serial queues over an executor.
 
 #include <functional>
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
-// Geographic positions and the regions the location service watches.
+/// @file
+/// Geographic positions and the regions the location service watches.
 
 #include <cstdint>
 #include <optional>

@@ -1,5 +1,6 @@
 #pragma once
-// A scene: a timeline of what happens around the device, for the simulated world to replay.
+/// @file
+/// A scene: a timeline of what happens around the device, for the simulated world to replay.
 
 #include <cstdint>
 #include <optional>

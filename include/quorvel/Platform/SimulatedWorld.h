@@ -1,5 +1,6 @@
 #pragma once
-// A deterministic stand-in for a phone's location service and Bluetooth radio.
+/// @file
+/// A deterministic stand-in for a phone's location service and Bluetooth radio.
 
 #include <functional>
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
-// A URL value: the text as given, checked, with its parts.
+/// @file
+/// A URL value: the text as given, checked, with its parts.
 
 #include <optional>
 #include <string>

@@ -1,5 +1,6 @@
 #pragma once
-// A small persistent key-value store per host application, the library's user defaults.
+/// @file
+/// A small persistent key-value store per host application, the library's user defaults.
 
 #include <map>
 #include <mutex>

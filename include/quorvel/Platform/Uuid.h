@@ -1,5 +1,6 @@
 #pragma once
-// A 128-bit universally unique identifier, as beacons advertise it.
+/// @file
+/// A 128-bit universally unique identifier, as beacons advertise it.
 
 #include <array>
 #include <compare>

@@ -1,5 +1,6 @@
 #pragma once
-// The base of every persisted record.
+/// @file
+/// The base of every persisted record.
 
 #include <cstdint>
 #include <memory>

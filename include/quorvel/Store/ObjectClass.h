@@ -1,5 +1,6 @@
 #pragma once
-// The persisted shape of one record type: its properties, primary key and factory.
+/// @file
+/// The persisted shape of one record type: its properties, primary key and factory.
 
 #include <functional>
 #include <memory>

@@ -1,5 +1,6 @@
 #pragma once
-// Queries over the store (live results), ordered lists and the typed fronts of both.
+/// @file
+/// Queries over the store (live results), ordered lists and the typed fronts of both.
 
 #include <cstddef>
 #include <cstdint>

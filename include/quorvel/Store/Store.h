@@ -1,5 +1,6 @@
 #pragma once
-// The object store: one SQLite file, a handle per thread, serialised write transactions.
+/// @file
+/// The object store: one SQLite file, a handle per thread, serialised write transactions.
 
 #include <cstdint>
 #include <functional>

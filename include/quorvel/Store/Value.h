@@ -1,5 +1,6 @@
 #pragma once
-// Scalar values as the object store keeps them.
+/// @file
+/// Scalar values as the object store keeps them.
 
 #include <cstdint>
 #include <optional>
@@ -14,6 +15,7 @@ namespace qvl {
 /// hold std::int64_t here and are range-checked when set.
 using Value = std::variant<std::monostate, std::int64_t, double, bool, std::string, Date>;
 
+/// True when the value is the null alternative.
 inline bool isNull(const Value& value) { return std::holds_alternative<std::monostate>(value); }
 
 /// Kinds of persisted properties.
