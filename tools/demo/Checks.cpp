@@ -52,6 +52,21 @@ CheckResult failed(std::string name, std::string reason) {
   return {std::move(name), false, "", std::move(reason)};
 }
 
+// The last PUT of the guest's `relationship` list, when the service accepted it; otherwise
+// null, with `whyNot` saying what arrived instead.
+const json* acceptedRelationshipPut(const json& requests, const std::string& relationship,
+                                    std::string& whyNot) {
+  const json* put = lastRelationshipPut(requests, relationship);
+  if (!put) {
+    whyNot = "no PUT of the guest's " + relationship + " arrived";
+  } else if (put->value("status", 0) != 200) {
+    whyNot = "the PUT of the guest's " + relationship + " answered " +
+             std::to_string(put->value("status", 0));
+    put = nullptr;
+  }
+  return put;
+}
+
 CheckResult checkRecords(const Expectations& expected, const json& requests) {
   for (const json& request : requests) {
     if (request.value("method", "") == "GET" && request.value("status", 0) != 200) {
@@ -141,12 +156,9 @@ CheckResult checkViews(const Expectations& expected, Arrivals& arrivals) {
 
 CheckResult checkInbox(const Expectations& expected, const json& requests) {
   if (!expected.inboxPostId) return failed("inbox", "the walk added no post to the inbox");
-  const json* put = lastRelationshipPut(requests, "posts");
-  if (!put) return failed("inbox", "no PUT of the guest's posts arrived");
-  if (put->value("status", 0) != 200) {
-    return failed("inbox", "the PUT of the guest's posts answered " +
-                               std::to_string(put->value("status", 0)));
-  }
+  std::string whyNot;
+  const json* put = acceptedRelationshipPut(requests, "posts", whyNot);
+  if (!put) return failed("inbox", whyNot);
   for (const json& entry : put->value("body", json::array())) {
     if (entry.value("type", "") == "posts" &&
         entry.value("id", std::int64_t{0}) == *expected.inboxPostId) {
@@ -163,12 +175,9 @@ CheckResult checkInbox(const Expectations& expected, const json& requests) {
 
 CheckResult checkSubscriptions(const Expectations& expected, const json& requests) {
   if (!expected.subscribedShopId) return failed("subscriptions", "the walk subscribed no shop");
-  const json* put = lastRelationshipPut(requests, "subscriptions");
-  if (!put) return failed("subscriptions", "no PUT of the guest's subscriptions arrived");
-  if (put->value("status", 0) != 200) {
-    return failed("subscriptions", "the PUT of the guest's subscriptions answered " +
-                                       std::to_string(put->value("status", 0)));
-  }
+  std::string whyNot;
+  const json* put = acceptedRelationshipPut(requests, "subscriptions", whyNot);
+  if (!put) return failed("subscriptions", whyNot);
   const json shop = {{"type", "shops"}, {"id", *expected.subscribedShopId}};
   for (const json& entry : put->value("body", json::array())) {
     if (entry == shop) return {"subscriptions", true, "ok", ""};
