@@ -40,10 +40,7 @@ double msSince(Clock::time_point start, Clock::time_point end = Clock::now()) {
   return std::chrono::duration<double, std::milli>(end - start).count();
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using qvl::bench::median;
 
 [[noreturn]] void fail(const std::string& message) {
   std::fprintf(stderr, "bench_fetch: %s\n", message.c_str());

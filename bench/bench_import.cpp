@@ -51,10 +51,7 @@ double floorOnce(const std::string& text, const std::string& path) {
   return msSince(start);
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using qvl::bench::median;
 
 }  // namespace
 

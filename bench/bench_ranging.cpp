@@ -38,10 +38,7 @@ double usSince(Clock::time_point start) {
   return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
+using qvl::bench::median;
 
 [[noreturn]] void fail(const std::string& message) {
   std::fprintf(stderr, "bench_ranging: %s\n", message.c_str());

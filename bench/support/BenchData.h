@@ -2,9 +2,11 @@
 // Service-shaped post answers for benchmarks and load tests, and the floor they are measured
 // against: the same answer stored with plain SQLite.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -12,6 +14,12 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace qvl::bench {
+
+/// The middle sample (the upper one of an even count); `samples` must not be empty.
+inline double median(std::vector<double> samples) {
+  std::nth_element(samples.begin(), samples.begin() + samples.size() / 2, samples.end());
+  return samples[samples.size() / 2];
+}
 
 /// A JSON array of `count` posts, each with 2 periods, 3 post fields and a thumbnail,
 /// shaped as the service sends them. Ids are unique across the whole array.
