@@ -1,14 +1,18 @@
 // Fetches 10,000 posts (2 periods, 3 fields and a thumbnail each) with the service client
 // from a loopback HTTPS server, end to end: request, parse, merge, store, stale-record
 // removal, until the completion runs. The floor for the same work: the same bytes fetched
-// with plain libcurl, parsed by the same JSON library and inserted with plain prepared SQLite
-// statements in one transaction. Also times the stale-record test both ways: a linear search
-// of the answer's keys for every stored key, and the store's own removal.
+// with plain libcurl, parsed by the same JSON library and the same rows written into the
+// library's layout (tables, columns, key indexes, list tables, date encoding) with plain
+// prepared statements in one transaction. Both sides open an existing store file inside the
+// timed region. Every variant runs in a process of its own, so that its peak memory is its
+// own; the variants alternate over the rounds and the medians are reported. Also times the
+// stale-record test both ways: a linear search of the answer's keys for every stored key, and
+// the store's own removal.
 //
 //   bench_fetch [posts]     prints the times, peak memory, and the ratios line.
 
 #include <curl/curl.h>
-#include <sys/resource.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
@@ -28,6 +32,7 @@
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/Platform/UserDefaults.h"
 #include "support/BenchData.h"
+#include "support/PostsFloor.h"
 #include "support/TempDir.h"
 #include "support/TestCertificates.h"
 
@@ -80,9 +85,8 @@ std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* bo
 }
 
 // The floor: plain libcurl (trusting the test CA) for the same bytes, then the plain
-// SQLite import.
+// SQLite import into the library's layout at `databasePath`.
 double floorOnce(const std::string& url, const std::string& databasePath, std::size_t expected) {
-  qvl::bench::FloorStore floor(databasePath);
   const auto start = Clock::now();
   CURL* curl = curl_easy_init();
   std::string body;
@@ -102,6 +106,7 @@ double floorOnce(const std::string& url, const std::string& databasePath, std::s
     fail(std::string("floor fetch failed: ") + curl_easy_strerror(result) + ", status " +
          std::to_string(status));
   }
+  qvl::bench::PostsFloor floor(databasePath);
   if (floor.importPosts(body) != expected) fail("the floor stored the wrong number of posts");
   return msSince(start);
 }
@@ -135,10 +140,11 @@ double storeStaleRemoval(const std::vector<std::int64_t>& answerKeys, std::size_
 
 int main(int argc, char** argv) {
   const int count = argc > 1 ? std::stoi(argv[1]) : 10000;
-  constexpr int kRounds = 3;
+  constexpr int kRounds = 5;
   curl_global_init(CURL_GLOBAL_DEFAULT);
 
   const auto text = std::make_shared<const std::string>(qvl::bench::postsJson(count).dump());
+  malloc_trim(0);  // the document's memory goes back before any variant forks
   std::printf("posts: %d (2 periods, 3 fields, 1 thumbnail each), %.1f MiB of JSON, %d rounds\n",
               count, static_cast<double>(text->size()) / (1024.0 * 1024.0), kRounds);
 
@@ -155,46 +161,63 @@ int main(int argc, char** argv) {
           response.status = 404;
         }
       });
-
-  qvl::test::TempDir home;
-  qvl::Env::update([&](qvl::Env& env) {
-    env.trustAnchorsFile = TestCertificates::ca().certificatePath;
-    env.userDefaultsPath = home.file("host.defaults");
-    env.bundleInfo = {{"CFBundleShortVersionString", "1.0"}, {"QuorvelSDK", {{"ApiKey", "bench"}}}};
-    env.apiDomain = "localhost:" + std::to_string(server.port());
-    env.publicKeyHashes = {TestCertificates::leaf().pin};
-  });
-  auto& client = QVLApiClient::sharedClient();
-  client.setEnvironment(QVLApiEnvironmentDev);  // sets pinning up for the loopback server
-  const std::string url = client.baseURLV8() + "/posts";
+  const std::string url = "https://dev.localhost:" + std::to_string(server.port()) + "/v8/posts";
 
   std::vector<std::int64_t> keys;
   for (int id = 1; id <= count; ++id) keys.push_back(id);
   const auto size = static_cast<std::size_t>(count);
 
-  std::vector<double> fetches, floors, linear, removals;
+  // The client lives in the child processes only: a forked child has none of its threads.
+  auto clientVariant = [&] {
+    qvl::test::TempDir home;
+    qvl::bench::layOutLibraryStore(home.path());
+    qvl::Env::update([&](qvl::Env& env) {
+      env.trustAnchorsFile = TestCertificates::ca().certificatePath;
+      env.userDefaultsPath = home.file("host.defaults");
+      env.bundleInfo = {{"CFBundleShortVersionString", "1.0"},
+                        {"QuorvelSDK", {{"ApiKey", "bench"}}}};
+      env.apiDomain = "localhost:" + std::to_string(server.port());
+      env.publicKeyHashes = {TestCertificates::leaf().pin};
+      env.storeDirectory = home.path();
+    });
+    auto& client = QVLApiClient::sharedClient();
+    client.setEnvironment(QVLApiEnvironmentDev);  // sets pinning up for the loopback server
+    if (client.baseURLV8() + "/posts" != url) fail("the floor fetches another URL");
+    const double fetch = fetchOnce(size);
+    const double removal = storeStaleRemoval(keys, size);
+    qvl::Store::closeThreadHandles();
+    return std::vector<double>{fetch, removal};
+  };
+  auto floorVariant = [&] {
+    qvl::test::TempDir home;
+    const std::string path = qvl::bench::layOutLibraryStore(home.path());
+    return std::vector<double>{floorOnce(url, path, size)};
+  };
+
+  std::vector<double> fetches, floors, linear, removals, fetchPeaks, floorPeaks;
   std::size_t stale = 0;
   for (int round = 0; round < kRounds; ++round) {
-    qvl::test::TempDir directory;
-    qvl::ScopedEnv store([&](qvl::Env& env) { env.storeDirectory = directory.path(); });
-    fetches.push_back(fetchOnce(size));
-    removals.push_back(storeStaleRemoval(keys, size));
-    qvl::Store::closeThreadHandles();
-    floors.push_back(floorOnce(url, directory.file("floor.sqlite"), size));
+    auto fetch = qvl::bench::runInChild(clientVariant);
+    auto floor = qvl::bench::runInChild(floorVariant);
+    fetches.push_back(fetch.figures.at(0));
+    removals.push_back(fetch.figures.at(1));
+    floors.push_back(floor.figures.at(0));
+    fetchPeaks.push_back(fetch.peakMiB);
+    floorPeaks.push_back(floor.peakMiB);
     linear.push_back(linearStaleTest(keys, keys, &stale));
   }
   if (stale != 0) fail("the linear stale test found stale keys");
 
   const double fetch = median(fetches), floor = median(floors);
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
   std::printf("fetch (request, parse, merge, store, stale removal): %8.1f ms\n", fetch);
   std::printf("floor (libcurl fetch, parse, prepared inserts):      %8.1f ms\n", floor);
   std::printf("stale test, linear search per stored key (%d vs %d): %8.1f ms\n", count, count,
               median(linear));
   std::printf("stale removal, Store::removeAllExceptPrimaryKeys (%d stored, %d kept): %8.1f ms\n",
               count, count, median(removals));
-  std::printf("peak memory (max RSS): %8.1f MiB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
-  std::printf("ratios: fetch/floor=%.2f\n", fetch / floor);
+  std::printf("peak memory (max RSS): fetch %.1f MiB, floor %.1f MiB\n", median(fetchPeaks),
+              median(floorPeaks));
+  std::printf("ratios: fetch/floor=%.2f peak fetch/floor=%.2f\n", fetch / floor,
+              median(fetchPeaks) / median(floorPeaks));
   return 0;
 }

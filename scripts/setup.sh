@@ -4,7 +4,8 @@
 #   scripts/setup.sh [package ...]    also installs the packages named (fuzzer, packaging)
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcurl4-openssl-dev libssl-dev
-  nlohmann-json3-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
+  nlohmann-json3-dev libsimdjson-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
+  zlib1g-dev
   "$@")
 missing=()
 for p in "${packages[@]}"; do

@@ -1,6 +1,9 @@
 #include "support/BenchData.h"
 
 #include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -9,6 +12,49 @@
 #include <vector>
 
 namespace qvl::bench {
+
+VariantRun runInChild(const std::function<std::vector<double>()>& variant) {
+  int channel[2];
+  if (pipe(channel) != 0) {
+    std::perror("pipe");
+    std::exit(1);
+  }
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child < 0) {
+    std::perror("fork");
+    std::exit(1);
+  }
+  if (child == 0) {
+    close(channel[0]);
+    int status = 0;
+    try {
+      const std::vector<double> figures = variant();
+      const auto bytes = static_cast<ssize_t>(figures.size() * sizeof(double));
+      if (write(channel[1], figures.data(), static_cast<size_t>(bytes)) != bytes) status = 1;
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "benchmark variant failed: %s\n", e.what());
+      status = 1;
+    }
+    std::fflush(nullptr);
+    _exit(status);
+  }
+  close(channel[1]);
+  VariantRun run;
+  double figure = 0;
+  while (read(channel[0], &figure, sizeof figure) == static_cast<ssize_t>(sizeof figure)) {
+    run.figures.push_back(figure);
+  }
+  close(channel[0]);
+  int status = 0;
+  rusage usage{};
+  if (wait4(child, &status, 0, &usage) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "a benchmark variant failed\n");
+    std::exit(1);
+  }
+  run.peakMiB = static_cast<double>(usage.ru_maxrss) / 1024.0;
+  return run;
+}
 
 nlohmann::json postsJson(int count) {
   using nlohmann::json;
@@ -256,15 +302,6 @@ void FloorStore::insertPost(PostStatements& st, const json& p) {
     run(st.field);
     insertLink(st.fieldLink, id, position++, f["id"].get<std::int64_t>());
   }
-}
-
-std::size_t FloorStore::importPosts(const std::string& text) {
-  json array = json::parse(text);
-  PostStatements statements(db_);
-  exec(db_, "BEGIN IMMEDIATE");
-  for (const auto& p : array) insertPost(statements, p);
-  exec(db_, "COMMIT");
-  return array.size();
 }
 
 std::size_t FloorStore::importBeacons(const std::string& text) {

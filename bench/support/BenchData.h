@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,18 @@ inline double median(std::vector<double> samples) {
   return samples[samples.size() / 2];
 }
 
+/// What a benchmark variant run in a process of its own reported, and that process's peak
+/// resident memory.
+struct VariantRun {
+  std::vector<double> figures;
+  double peakMiB = 0;
+};
+
+/// Runs `variant` in a forked child process, so that its peak memory is its own, and returns
+/// the figures it gave back. The caller must not have started threads that the child needs.
+/// Exits the process when the child fails.
+VariantRun runInChild(const std::function<std::vector<double>()>& variant);
+
 /// A JSON array of `count` posts, each with 2 periods, 3 post fields and a thumbnail,
 /// shaped as the service sends them. Ids are unique across the whole array.
 nlohmann::json postsJson(int count);
@@ -33,8 +46,8 @@ nlohmann::json beaconsJson(int count, int postsPerBeacon);
 /// The UUID of beaconsJson's beacons.
 inline constexpr const char* kBeaconsUuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
 
-/// The least work that stores a posts answer: one table per record kind and one per list,
-/// filled with plain prepared statements. Exits the process on any SQLite error (it only
+/// The least work that stores and reads a beacons answer: one table per record kind and one
+/// per list, filled with plain prepared statements. Exits the process on any SQLite error (it only
 /// serves benchmarks).
 class FloorStore {
  public:
@@ -44,10 +57,6 @@ class FloorStore {
   FloorStore(const FloorStore&) = delete;
   FloorStore& operator=(const FloorStore&) = delete;
 
-  /// Parses `text` (an array shaped as postsJson) with the same JSON library the client
-  /// uses and inserts every post, its thumbnail, periods and fields and their list rows in
-  /// one transaction. Returns the number of posts.
-  std::size_t importPosts(const std::string& text);
   /// Inserts a beacons answer (shaped as beaconsJson), with the beacons' posts and list rows,
   /// in one transaction. Returns the number of beacons.
   std::size_t importBeacons(const std::string& text);
