@@ -58,7 +58,7 @@ class GraphWriter {
           else
             use.bindNull(position);
         } else {
-          impl_.bindValue(use, position, p, object->value(index));
+          impl_.bindValue(use, position, p, StoreAccess::slot(*object, index).value);
         }
       }
       return position;
@@ -82,12 +82,15 @@ class GraphWriter {
       StatementUse use(upsert ? impl_.upsertStatement(info, keptColumns)
                               : impl_.statement(info.insert));
       // The upsert's update path leaves the last inserted row id alone, which tells an
-      // update of a stored record from an insert.
-      sqlite3_set_last_insert_rowid(impl_.db.get(), 0);
+      // update of a stored record from an insert; only then is the row looked up by its key.
+      sqlite3* db = impl_.db.get();
+      sqlite3_set_last_insert_rowid(db, 0);
       bindColumns(use, false);
-      if (!use.step()) throw StoreError("store: no row written for " + cls.name());
-      row = use.columnInt(0);
-      existed = upsert && sqlite3_last_insert_rowid(impl_.db.get()) == 0;
+      use.step();
+      row = sqlite3_last_insert_rowid(db);
+      existed = upsert && row == 0;
+      if (existed) row = impl_.rowForKey(info, key);
+      if (!row) throw StoreError("store: no row written for " + cls.name());
     }
     auto kept = [&](int index) { return existed && StoreAccess::slot(*object, index).keepStored; };
     rows_[object.get()] = row;

@@ -176,19 +176,7 @@ sqlite3_stmt* detail::StoreImpl::upsertStatement(const ClassInfo& info,
   if (keptColumns.find('1') == std::string::npos) return statement(info.upsert);
   std::string key = "upsert " + info.table + ' ' + keptColumns;
   if (auto it = keepingStatements.find(key); it != keepingStatements.end()) return it->second;
-  std::string pk = quoteIdentifier(info.objectClass->primaryKey());
-  std::vector<std::string> names, marks, updates;
-  for (size_t c = 0; c < info.columns.size(); ++c) {
-    std::string name = quoteIdentifier(info.objectClass->property(info.columns[c]).name);
-    if (keptColumns[c] == '0' && name != pk) updates.push_back(name + "=excluded." + name);
-    names.push_back(std::move(name));
-    marks.emplace_back("?");
-  }
-  // An update that changes nothing still returns the row.
-  if (updates.empty()) updates.push_back(pk + "=excluded." + pk);
-  sqlite3_stmt* stmt = queryStatement(
-      "INSERT INTO " + info.table + "(" + join(names, ",") + ") VALUES(" + join(marks, ",") +
-      ") ON CONFLICT(" + pk + ") DO UPDATE SET " + join(updates, ",") + " RETURNING _rowid");
+  sqlite3_stmt* stmt = queryStatement(upsertSql(info, keptColumns));
   keepingStatements.emplace(std::move(key), stmt);
   return stmt;
 }

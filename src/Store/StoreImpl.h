@@ -32,15 +32,13 @@ Statement prepare(sqlite3* db, const std::string& sql, unsigned flags = 0);
 /// Runs sql (one or more statements without results); throws StoreError.
 void execute(sqlite3* db, const std::string& sql);
 
-/// A prepared statement, reset and unbound when the use ends so that no read
-/// transaction stays open between calls.
+/// A prepared statement, reset when the use ends so that no read transaction stays open
+/// between calls. Every use binds every parameter: bindings are not cleared, and bound text is
+/// not copied, so it must live until the use ends.
 class StatementUse {
  public:
   explicit StatementUse(sqlite3_stmt* stmt) : stmt_(stmt) {}
-  ~StatementUse() {
-    sqlite3_reset(stmt_);
-    sqlite3_clear_bindings(stmt_);
-  }
+  ~StatementUse() { sqlite3_reset(stmt_); }
   StatementUse(const StatementUse&) = delete;
   StatementUse& operator=(const StatementUse&) = delete;
   sqlite3_stmt* get() const { return stmt_; }
@@ -48,7 +46,7 @@ class StatementUse {
   bool step();
   void bindInt(int i, std::int64_t v) { sqlite3_bind_int64(stmt_, i, v); }
   void bindText(int i, const std::string& v) {
-    sqlite3_bind_text(stmt_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt_, i, v.data(), static_cast<int>(v.size()), SQLITE_STATIC);
   }
   void bindNull(int i) { sqlite3_bind_null(stmt_, i); }
   std::int64_t columnInt(int i) const { return sqlite3_column_int64(stmt_, i); }
@@ -83,6 +81,9 @@ struct ClassInfo {
 };
 
 std::string quoteIdentifier(const std::string& name);
+/// INSERT of every column of a class with a primary key that, for a stored key, updates only
+/// the columns not marked '1' in keptColumns (one character per column).
+std::string upsertSql(const ClassInfo& info, const std::string& keptColumns);
 std::string join(const std::vector<std::string>& parts, const char* separator);
 std::int64_t dateToStored(Date date);
 Date storedToDate(std::int64_t stored);
@@ -134,13 +135,14 @@ struct StoreImpl {
   std::vector<std::int64_t> listRows(const ClassInfo::ListInfo& list, std::int64_t owner);
   void writeList(const ClassInfo::ListInfo& list, std::int64_t owner,
                  const std::vector<std::int64_t>& rows);
+  /// Binds `value` (text without a copy: it must outlive the use).
   void bindValue(StatementUse& use, int position, const Property& property, const Value& value);
   std::int64_t rowForKey(const ClassInfo& info, std::optional<std::int64_t> key);
   /// UPDATE of a row's columns except those marked '1' in keptColumns (one character per
   /// column); nullptr when no column is left to write.
   sqlite3_stmt* updateStatement(const ClassInfo& info, const std::string& keptColumns);
   /// INSERT of every column that, for a stored key, updates only the columns not marked
-  /// '1' in keptColumns; returns the row id.
+  /// '1' in keptColumns.
   sqlite3_stmt* upsertStatement(const ClassInfo& info, const std::string& keptColumns);
   /// The rows (a JSON array) of a class selected by one of its key queries
   /// (rowsForKeysIn, rowsNotForKeysIn) with keys bound as a JSON array.

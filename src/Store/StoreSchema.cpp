@@ -121,10 +121,9 @@ std::unique_ptr<ClassInfo> buildClassInfo(const ObjectClass& cls) {
   info->exists = "SELECT 1 FROM " + T + " WHERE _rowid=?";
   info->deleteRowsIn = "DELETE FROM " + T + " WHERE _rowid" + inRows;
   if (names.empty()) {
-    info->insert = "INSERT INTO " + T + " DEFAULT VALUES RETURNING _rowid";
+    info->insert = "INSERT INTO " + T + " DEFAULT VALUES";
   } else {
-    info->insert =
-        "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") + ") RETURNING _rowid";
+    info->insert = "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") + ")";
     std::vector<std::string> sets;
     for (size_t c = 0; c < names.size(); ++c) sets.push_back(names[c] + "=?");
     info->updateRow = "UPDATE " + T + " SET " + join(sets, ",") + " WHERE _rowid=?";
@@ -136,19 +135,33 @@ std::unique_ptr<ClassInfo> buildClassInfo(const ObjectClass& cls) {
     info->rowsForKeysIn = "SELECT _rowid FROM " + T + " WHERE " + pk + inRows;
     info->rowsNotForKeysIn =
         "SELECT _rowid FROM " + T + " WHERE " + pk + " IS NULL OR " + pk + " NOT" + inRows;
-    std::vector<std::string> updates;
-    for (const auto& n : names) {
-      if (n != pk) updates.push_back(n + "=excluded." + n);
-    }
-    if (updates.empty()) updates.push_back(pk + "=excluded." + pk);
-    info->upsert = "INSERT INTO " + T + "(" + cols + ") VALUES(" + join(marks, ",") +
-                   ") ON CONFLICT(" + pk + ") DO UPDATE SET " + join(updates, ",") +
-                   " RETURNING _rowid";
+    info->upsert = upsertSql(*info, std::string(info->columns.size(), '0'));
   }
   return info;
 }
 
 }  // namespace
+
+std::string upsertSql(const ClassInfo& info, const std::string& keptColumns) {
+  const std::string pk = quoteIdentifier(info.objectClass->primaryKey());
+  std::vector<std::string> names, updates;
+  for (size_t c = 0; c < info.columns.size(); ++c) {
+    std::string name = quoteIdentifier(info.objectClass->property(info.columns[c]).name);
+    if (keptColumns[c] == '0' && name != pk) updates.push_back(name + "=excluded." + name);
+    names.push_back(std::move(name));
+  }
+  std::string sql = "INSERT INTO " + info.table + "(" + join(names, ",") + ") VALUES(";
+  for (size_t c = 0; c < names.size(); ++c) sql += c ? ",?" : "?";
+  sql += ") ON CONFLICT(";
+  sql += pk;
+  if (updates.empty()) {
+    sql += ") DO NOTHING";
+  } else {
+    sql += ") DO UPDATE SET ";
+    sql += join(updates, ",");
+  }
+  return sql;
+}
 
 const ClassInfo& ClassInfo::of(const ObjectClass& objectClass) {
   static std::mutex mutex;
