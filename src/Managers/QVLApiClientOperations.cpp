@@ -1,5 +1,6 @@
 #include <unordered_set>
 
+#include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLPost.h"
@@ -67,7 +68,8 @@ void QVLApiClient::parseAndSaveJSONObjectData(const std::string& data, const QVL
   std::shared_ptr<QVLApiModel> saved;
   std::optional<QVLError> error;
   try {
-    saved = saveObject(parseJSONObjectData(data, cls), cls);
+    // The write merges the record with its stored twin; the record itself is not returned.
+    saved = saveObject(qvl::detail::recordToMerge(cls, QVLApiModel::parseJSONData(data)), cls);
   } catch (const QVLMappingError& e) {
     error = mappingError(e.what());
   } catch (const std::exception& e) {  // any failure while storing still completes once
@@ -81,7 +83,7 @@ void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLM
   std::optional<qvl::AnyResults> saved;
   std::optional<QVLError> error;
   try {
-    saved = saveObjects(parseJSONArrayData(data, cls), cls);
+    saved = saveObjects(qvl::detail::recordsToMerge(cls, QVLApiModel::parseJSONData(data)), cls);
   } catch (const QVLMappingError& e) {
     error = mappingError(e.what());
   } catch (const std::exception& e) {  // any failure while storing still completes once
@@ -107,22 +109,22 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
         std::optional<QVLError> error;
         try {
           auto answer = QVLApiModel::parseJSONData(body);
-          auto records = QVLApiModel::newObjectsWithJSONArray(cls, answer);
-          saved = self->saveObjects(records, cls);
-          if (removeStale) {
-            // The answer is the class's complete set: drop every stored record it did not
-            // list. A listed record that was rejected for a bad value keeps its stored copy.
-            std::vector<std::int64_t> keep;
-            if (answer.is_array()) {
-              keep.reserve(answer.size());
-              for (const auto& element : answer) {
-                if (!element.is_object()) continue;
-                auto id = element.find("id");
-                if (id != element.end() && id->is_number_integer()) {
-                  keep.push_back(id->get<std::int64_t>());
-                }
+          std::string().swap(body);  // the document holds the answer now
+          // The answer is the class's complete set: every stored record it does not list is
+          // dropped. A listed record that is rejected for a bad value keeps its stored copy.
+          std::vector<std::int64_t> keep;
+          if (removeStale && answer.is_array()) {
+            keep.reserve(answer.size());
+            for (const auto& element : answer) {
+              if (!element.is_object()) continue;
+              auto id = element.find("id");
+              if (id != element.end() && id->is_number_integer()) {
+                keep.push_back(id->get<std::int64_t>());
               }
             }
+          }
+          saved = self->saveObjects(qvl::detail::recordsToMerge(cls, std::move(answer)), cls);
+          if (removeStale) {
             auto realm = openStore();
             realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
           }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <type_traits>
 
 #include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
@@ -345,6 +346,7 @@ const json* follow(const QVLModelClass& cls, const json& root, const MappingPlan
 // when first needed).
 class MergeStores {
  public:
+  /// A null store merges nested lists with nothing.
   explicit MergeStores(std::shared_ptr<qvl::Store> defaultStore)
       : default_(std::move(defaultStore)), opened_(true) {}
   MergeStores() = default;
@@ -426,7 +428,47 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& diction
   return record;
 }
 
+// One record per element of an array; a document given as modifiable releases each element
+// once it is mapped.
+template <class Array>
+std::vector<std::shared_ptr<QVLApiModel>> parseEach(const QVLModelClass& cls, Array& array,
+                                                    qvl::Store* realm, MergeStores& stores,
+                                                    std::vector<QVLError>* rejected) {
+  std::vector<std::shared_ptr<QVLApiModel>> out;
+  if (!array.is_array()) return out;
+  out.reserve(array.size());
+  for (auto& element : array) {
+    try {
+      if (!element.is_object()) {
+        throw QVLMappingError(cls.name() + ": an array element is not an object");
+      }
+      out.push_back(parse(cls, element, realm, stores));
+    } catch (const QVLMappingError& e) {
+      qvl::log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
+      if (rejected) {
+        rejected->push_back(QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
+      }
+    }
+    if constexpr (!std::is_const_v<Array>) element = nullptr;
+  }
+  return out;
+}
+
 }  // namespace
+
+std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(const QVLModelClass& cls,
+                                                                      json&& array) {
+  qvl::detail::mappingPlan(cls);  // a class without a mapping raises whatever the answer
+  MergeStores none(nullptr);
+  return parseEach(cls, array, nullptr, none, nullptr);
+}
+
+std::shared_ptr<QVLApiModel> qvl::detail::recordToMerge(const QVLModelClass& cls,
+                                                        const json& dictionary) {
+  static const json kAbsent;
+  MergeStores none(nullptr);
+  return parse(cls, dictionary.is_object() ? dictionary : kAbsent, nullptr, none);
+}
 
 const QVLModelClass& QVLApiModel::modelClass() {
   static const QVLModelClass cls(
@@ -458,24 +500,8 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     const QVLModelClass& cls, const json& array, qvl::Store* realm,
     std::vector<QVLError>* rejected) {
-  std::vector<std::shared_ptr<QVLApiModel>> out;
-  if (!array.is_array()) return out;
-  out.reserve(array.size());
   MergeStores stores;
-  for (const auto& element : array) {
-    try {
-      if (!element.is_object()) {
-        throw QVLMappingError(cls.name() + ": an array element is not an object");
-      }
-      out.push_back(parse(cls, element, realm, stores));
-    } catch (const QVLMappingError& e) {
-      qvl::log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
-      if (rejected) {
-        rejected->push_back(QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
-      }
-    }
-  }
-  return out;
+  return parseEach(cls, array, realm, stores, rejected);
 }
 
 json QVLApiModel::parseJSONData(std::string_view data, bool allowExceptions) {
