@@ -2,8 +2,9 @@
 //
 // Input: the record class's name and a newline, then the answer's bytes ("QVLPost\n{...}").
 // An input whose first line names no class picks one by its first byte. Each answer is
-// parsed as the client parses it, mapped against a store that keeps what earlier inputs
-// stored (so merging with stored twins is exercised), written, and turned back into JSON.
+// parsed and saved as the client saves an answer (the merge done in the write), then parsed
+// as the client parses it, mapped against a store that keeps what earlier inputs stored (so
+// merging with stored twins is exercised), written, and turned back into JSON.
 // Rejections the mapping documents (QVLMappingError, a discarded non-JSON answer) are
 // expected; anything else that escapes, and every sanitizer report, is a finding.
 
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "quorvel/Helpers/QVLRealm.h"
+#include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/Env.h"
 
@@ -37,6 +39,26 @@ const QVLModelClass& pickClass(std::string_view& input) {
   }
   const auto selector = input.empty() ? 0u : static_cast<unsigned char>(input.front());
   return static_cast<const QVLModelClass&>(classes[selector % classes.size()]());
+}
+
+// The client's own path for an answer: parse and save in one step, the records merged with
+// the stored ones inside the write. Every outcome is a completion, called exactly once.
+void parseAndSaveAsTheClientDoes(const std::string& body, const QVLModelClass& cls) {
+  auto& client = QVLApiClient::sharedClient();
+  int completions = 0;
+  client.parseAndSaveJSONArrayData(
+      body, cls, [&](std::optional<qvl::AnyResults> saved, std::optional<QVLError>) {
+        ++completions;
+        if (saved) (void)saved->size();
+      });
+  if (cls.primaryKeyIndex() >= 0) {  // classes without a key are never parsed singly
+    client.parseAndSaveJSONObjectData(
+        body, cls, [&](std::shared_ptr<QVLApiModel> saved, std::optional<QVLError>) {
+          ++completions;
+          if (saved) (void)saved->toDictionary().dump();
+        });
+  }
+  if (completions != (cls.primaryKeyIndex() >= 0 ? 2 : 1)) std::abort();
 }
 
 }  // namespace
@@ -60,6 +82,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view input(reinterpret_cast<const char*>(data), size);
   const QVLModelClass& cls = pickClass(input);
+  parseAndSaveAsTheClientDoes(std::string(input), cls);
 
   nlohmann::json answer;
   try {
