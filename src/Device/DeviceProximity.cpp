@@ -186,20 +186,49 @@ struct DeviceProximity::Private {
     on("type='signal',sender='org.freedesktop.GeoClue2',interface='org.freedesktop.GeoClue2."
        "Client',member='LocationUpdated'",
        &Private::onLocationUpdated);
+    on("type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+       "member='NameOwnerChanged',arg0='org.bluez'",
+       &Private::onBluezOwner);
     bus->root = sdbus::createProxy(connection, kBluez, "/");
+    listObjects();
+  }
+
+  // What BlueZ has now: the adapter and the frames of the devices it knows.
+  void listObjects() {
     bus->root->callMethodAsync("GetManagedObjects")
         .onInterface(kObjectManager)
         .withTimeout(kCallTimeout)
-        .uponReplyInvoke([this, &connection](const sdbus::Error* error, const Objects& objects) {
+        .uponReplyInvoke([this](const sdbus::Error* error, const Objects& objects) {
           if (error) {
             log("QuorvelSDK: BlueZ not reachable: " + error->getName());
             setBluetooth(refused(*error) ? BluetoothState::Unauthorized
                                          : BluetoothState::Unsupported);
           } else {
-            onObjects(connection, objects);
+            onObjects(bus->root->getConnection(), objects);
           }
           handledOne();
         });
+  }
+
+  // bluetoothd stopped or started again: a restarted one announces nothing of its own
+  // adapter to old listeners, so it is read afresh.
+  void onBluezOwner(sdbus::Message& message) {
+    std::string name, previous, current;
+    message >> name >> previous >> current;
+    forgetAdapter();
+    if (current.empty()) {
+      log("QuorvelSDK: BlueZ stopped");
+      setBluetooth(BluetoothState::Unsupported);
+    } else {
+      listObjects();
+    }
+  }
+
+  void forgetAdapter() {
+    bus->adapter.reset();
+    bus->adapterPath.clear();
+    bus->frames.clear();
+    bus->discoveryWanted = false;
   }
 
   void teardown() { bus.reset(); }
@@ -311,10 +340,7 @@ struct DeviceProximity::Private {
         if (interface == kDevice) bus->frames.erase(path);
         if (interface == kAdapter && path == bus->adapterPath) {
           log("QuorvelSDK: Bluetooth adapter " + path + " removed");
-          bus->adapter.reset();
-          bus->adapterPath.clear();
-          bus->frames.clear();
-          bus->discoveryWanted = false;
+          forgetAdapter();
           setBluetooth(BluetoothState::Unsupported);
         }
       }

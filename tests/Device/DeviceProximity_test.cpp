@@ -90,7 +90,8 @@ class DeviceProximityTest : public ::testing::Test {
     bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
   }
 
-  // Creates the backend and waits until it discovers; after one tick it reports the state.
+  // Creates the backend and waits until it discovers: BlueZ's objects listed, the filter set,
+  // discovery started and the adapter saying so. After one tick it reports the state.
   void startBackend(bool record = false) {
     DeviceProximitySettings settings;
     settings.busAddress = bus_->address();
@@ -100,7 +101,8 @@ class DeviceProximityTest : public ::testing::Test {
     backend_ = DeviceProximity::create(settings);
     backend_->setDelegate(std::weak_ptr<LocationServiceDelegate>(log_));
     backend_->setDelegate(std::weak_ptr<BluetoothCentralDelegate>(log_));
-    ASSERT_TRUE(eventually([&] { return discovering(); }));
+    ASSERT_TRUE(eventually([&] { return backend_->signalsHandled() >= 4; }));
+    ASSERT_TRUE(discovering());
     tick();
   }
 
@@ -136,8 +138,9 @@ class DeviceProximityTest : public ::testing::Test {
     });
   }
 
+  // Powering on also sets the filter and starts discovery, which the adapter announces.
   void setPowered(bool on) {
-    expectSignals(1, [&] {
+    expectSignals(on ? 4 : 1, [&] {
       bluez_->callMethod("SetPowered").onInterface("org.bluez.Mock").withArguments("hci0", on);
     });
   }
@@ -224,7 +227,7 @@ TEST_F(DeviceProximityTest, PoweringOffReachesTheManagerAndDiscoveryResumesOnPow
   EXPECT_FALSE(QVLBeaconSupport::bluetoothEnabled());
   EXPECT_EQ(notified, 1);
   setPowered(true);
-  EXPECT_TRUE(eventually([&] { return discovering(); }));
+  EXPECT_TRUE(discovering());
   tick();
   EXPECT_EQ(manager.bluetoothState(), BluetoothState::PoweredOn);
   EXPECT_EQ(notified, 2);
@@ -243,6 +246,18 @@ TEST_F(DeviceProximityTest, DiscoveryStoppedBehindOurBackStartsAgainWithItsFilte
   EXPECT_TRUE(filter.at("DuplicateData").get<bool>());
   adapter_->callMethod("StopDiscovery").onInterface("org.bluez.Adapter1");
   EXPECT_TRUE(eventually([&] { return discovering(); }));
+}
+
+TEST_F(DeviceProximityTest, ABluezThatRestartsIsUsedAgain) {
+  startBackend();
+  expectSignals(1, [&] { bus_->stopServices(); });  // the name's owner went
+  tick();
+  EXPECT_EQ(backend_->state(), BluetoothState::Unsupported);
+  bus_->start("bluez_beacons", "org.bluez");
+  bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
+  EXPECT_TRUE(eventually([&] { return discovering(); }));
+  tick();
+  EXPECT_EQ(backend_->state(), BluetoothState::PoweredOn);
 }
 
 TEST_F(DeviceProximityTest, AWalkAcrossAGeofenceEntersOnceAndLeavesOnce) {
@@ -295,10 +310,7 @@ TEST_F(DeviceProximityTest, ARecordedSessionReplaysToTheSameLog) {
     if (second < 16) advertise(1, static_cast<std::int16_t>(-60 - second));
     if (second >= 5 && second % 4 != 0) advertise(2, -75);
     if (second == 10) setPowered(false);
-    if (second == 13) {
-      setPowered(true);
-      ASSERT_TRUE(eventually([&] { return discovering(); }));
-    }
+    if (second == 13) setPowered(true);
     tick();
   }
   const Scene scene = Scene::parse(backend_->recordedScene(), "recorded");

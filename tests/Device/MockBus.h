@@ -99,6 +99,12 @@ class MockBus {
     if (!owned) throw std::runtime_error("mock " + templateName + " did not start");
   }
 
+  /// Stops every mock service started so far, as a crashing daemon would go.
+  void stopServices() {
+    for (pid_t pid : services_) stop(pid);
+    services_.clear();
+  }
+
   /// A proxy on the test's own connection (calls from the test thread only).
   std::unique_ptr<sdbus::IProxy> proxy(const std::string& name, const std::string& path) {
     return sdbus::createProxy(*client_, name, path);
