@@ -187,6 +187,12 @@ TEST_F(DeviceProximityTest, EntersOnTheFirstAdvertisementAndExitsAfterTheExitPer
   advertise(1, -70);
   tick();
   EXPECT_EQ(log_->events, (std::vector<std::string>{"@1 bluetooth 5", "@2 enter b1"}));
+  // BlueZ dropping the device object says nothing about the beacon's presence.
+  expectSignals(1, [&] {
+    adapter_->callMethod("RemoveDevice")
+        .onInterface("org.bluez.Adapter1")
+        .withArguments(sdbus::ObjectPath("/org/bluez/hci0/dev_C0_FF_EE_00_4C_01"));
+  });
   tick(4);  // four seconds of silence: still inside
   EXPECT_EQ(log_->count("exit b1"), 0u);
   tick();
