@@ -128,8 +128,8 @@ class DeviceProximityTest : public ::testing::Test {
   void advertise(std::uint16_t minor, std::int16_t rssi, std::vector<std::uint8_t> data = {},
                  std::uint16_t company = proximity::kIBeaconCompanyId) {
     if (data.empty()) data = frame(minor);
-    char address[18];
-    std::snprintf(address, sizeof address, "C0:FF:EE:00:%02X:%02X", company & 0xFF, minor);
+    char address[24];
+    std::snprintf(address, sizeof address, "C0:FF:EE:00:%02X:%02X", company & 0xFF, minor & 0xFF);
     bool added = addresses_.insert(address).second;
     expectSignals(added ? 2 : 1, [&] {
       bluez_->callMethod("Advertise")
