@@ -5,7 +5,7 @@
 set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libsqlite3-dev libcurl4-openssl-dev libssl-dev
   nlohmann-json3-dev libsimdjson-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
-  zlib1g-dev
+  zlib1g-dev libsdbus-c++-dev libsystemd-dev dbus-daemon python3-dbusmock
   "$@")
 missing=()
 for p in "${packages[@]}"; do

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "Platform/Immortal.h"
+#include "Proximity/StandardBackend.h"
 #include "quorvel/Platform/Application.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/HttpSession.h"
@@ -48,6 +49,8 @@ std::shared_ptr<const Env> completed(Env env) {
   if (!env.notificationCenter) env.notificationCenter = standard.notificationCenter;
   if (!env.application) env.application = standard.application;
   if (!env.pinValidator) env.pinValidator = standard.pinValidator;
+  if (!env.locationService) env.locationService = proximity::standardBackend().locationService;
+  if (!env.bluetoothCentral) env.bluetoothCentral = proximity::standardBackend().bluetoothCentral;
   if (!env.bundleInfo.is_object()) env.bundleInfo = nlohmann::json::object();
   return std::make_shared<const Env>(std::move(env));
 }

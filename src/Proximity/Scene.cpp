@@ -133,7 +133,7 @@ class SceneReader {
   SimulationSettings settings(const json& value) {
     Fields f(value, "settings", source_,
              {"exitPeriod", "entryRssi", "pathLossExponent", "sensitivity", "rssiTimeConstant",
-              "dwell"});
+              "dwell", "beaconsNeedAuthorization"});
     SimulationSettings s;
     s.exitPeriod = f.number("exitPeriod", 1, 3600).value_or(s.exitPeriod);
     s.entryRssi = f.number("entryRssi", -127, -1).value_or(s.entryRssi);
@@ -141,6 +141,11 @@ class SceneReader {
     s.sensitivity = f.number("sensitivity", -127, -1).value_or(s.sensitivity);
     s.rssiTimeConstant = f.number("rssiTimeConstant", 0.1, 60).value_or(s.rssiTimeConstant);
     s.dwell = f.number("dwell", 0, 3600).value_or(s.dwell);
+    if (f.has("beaconsNeedAuthorization")) {
+      const json& need = f.raw("beaconsNeedAuthorization");
+      if (!need.is_boolean()) f.fail(f.child("beaconsNeedAuthorization"), "must be true or false");
+      s.beaconsNeedAuthorization = need.get<bool>();
+    }
     return s;
   }
 

@@ -8,9 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include <nlohmann/json.hpp>
-
-#include "Proximity/ProximityCore.h"
+#include "Proximity/ProximityEngine.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -20,7 +18,6 @@ namespace qvl {
 
 namespace {
 
-using nlohmann::json;
 using proximity::Seconds;
 
 constexpr const char* kRegionsFile = "monitored-regions.json";
@@ -45,100 +42,26 @@ struct Walk {
   Date end;
 };
 
-json regionToJson(const Region& region) {
-  if (const auto* beacon = std::get_if<BeaconRegion>(&region)) {
-    json out = {{"identifier", beacon->identifier}, {"uuid", beacon->proximityUUID.toString()}};
-    if (beacon->major) out["major"] = *beacon->major;
-    if (beacon->minor) out["minor"] = *beacon->minor;
-    return out;
-  }
-  const auto& circle = std::get<CircularRegion>(region);
-  return {{"identifier", circle.identifier},
-          {"latitude", circle.center.latitude},
-          {"longitude", circle.center.longitude},
-          {"radius", circle.radius}};
-}
-
-Region regionFromJson(const json& value) {
-  std::string identifier = value.at("identifier").get<std::string>();
-  if (value.contains("uuid")) {
-    std::optional<Uuid> uuid = Uuid::parse(value.at("uuid").get<std::string>());
-    if (!uuid) throw std::runtime_error("bad UUID");
-    BeaconRegion region{*uuid, std::nullopt, std::nullopt, identifier};
-    if (value.contains("major")) region.major = value.at("major").get<std::uint16_t>();
-    if (value.contains("minor")) region.minor = value.at("minor").get<std::uint16_t>();
-    return region;
-  }
-  return CircularRegion{{value.at("latitude").get<double>(), value.at("longitude").get<double>()},
-                        value.at("radius").get<double>(),
-                        identifier};
-}
-
 }  // namespace
 
 struct SimulatedWorld::Private {
+  Private(const SimulationSettings& settings, std::string regionsPath)
+      : engine(settings, std::move(regionsPath)) {}
+
   mutable std::mutex mutex;
-  SimulationSettings settings;
-  std::string regionsPath;
+  proximity::Engine engine;
 
-  proximity::BeaconTracker tracker;
-  proximity::BeaconRegionMonitor beaconMonitor;
-  proximity::CircleMonitor circleMonitor;
-
-  std::vector<Region> monitored;
-  std::vector<BeaconRegion> ranged;
   std::vector<Beacon> beacons;
   proximity::Fix device{{0, 0}, kDefaultAccuracy};
   std::optional<Walk> walk;
-
-  BluetoothState bluetooth = BluetoothState::PoweredOn;
-  AuthorizationStatus authorization = AuthorizationStatus::NotDetermined;
   AuthorizationStatus answer = AuthorizationStatus::AuthorizedAlways;
 
   std::vector<SceneStep> steps;
   std::size_t nextStep = 0;
   Date sceneStart{};
 
-  std::weak_ptr<LocationServiceDelegate> locationDelegate;
-  std::weak_ptr<BluetoothCentralDelegate> bluetoothDelegate;
   std::function<void(const std::string&)> markerHandler;
   Clock::TimerId tickTimer = 0;
-
-  // Deliveries made under the lock, posted to the main queue after it is released.
-  std::vector<std::function<void()>> outbox;
-
-  void configure(const SimulationSettings& s) {
-    settings = s;
-    proximity::TrackerSettings trackerSettings;
-    trackerSettings.filterTimeConstant = Seconds(s.rssiTimeConstant);
-    trackerSettings.pathLoss.exponent = s.pathLossExponent;
-    tracker.setSettings(trackerSettings);
-    beaconMonitor.setSettings({Seconds(s.exitPeriod), s.entryRssi});
-    proximity::CircleMonitorSettings circleSettings;
-    circleSettings.dwell = Seconds(s.dwell);
-    circleMonitor.setSettings(circleSettings);
-  }
-
-  // Outbox: every event is posted in the order it happened.
-  void sendLocation(std::function<void(LocationServiceDelegate&)> call) {
-    outbox.push_back([delegate = locationDelegate, call = std::move(call)] {
-      if (auto target = delegate.lock()) call(*target);
-    });
-  }
-
-  void setAuthorization(AuthorizationStatus status) {
-    if (status == authorization) return;
-    authorization = status;
-    sendLocation([status](LocationServiceDelegate& d) { d.didChangeAuthorization(status); });
-  }
-
-  void setBluetooth(BluetoothState state) {
-    if (state == bluetooth) return;
-    bluetooth = state;
-    outbox.push_back([delegate = bluetoothDelegate, state] {
-      if (auto target = delegate.lock()) target->bluetoothCentralDidUpdateState(state);
-    });
-  }
 
   Beacon* findBeacon(const std::string& id) {
     auto it = std::find_if(beacons.begin(), beacons.end(),
@@ -191,18 +114,18 @@ struct SimulatedWorld::Private {
     std::erase_if(beacons, [&](const Beacon& beacon) { return beacon.id == remove.id; });
   }
 
-  void applyOne(BluetoothState state, Date) { setBluetooth(state); }
+  void applyOne(BluetoothState state, Date) { engine.setBluetooth(state); }
 
   void applyOne(AuthorizationStatus status, Date) {
     answer = status;
-    if (authorization != AuthorizationStatus::NotDetermined ||
+    if (engine.authorization() != AuthorizationStatus::NotDetermined ||
         status == AuthorizationStatus::NotDetermined) {
-      setAuthorization(status);
+      engine.setAuthorization(status);
     }
   }
 
   void applyOne(const SceneMarker& marker, Date) {
-    outbox.push_back([handler = markerHandler, text = marker.text] {
+    engine.queue([handler = markerHandler, text = marker.text] {
       if (handler) handler(text);
     });
   }
@@ -217,24 +140,12 @@ struct SimulatedWorld::Private {
     if (fraction >= 1.0) walk.reset();
   }
 
-  // The RSSI at which the device hears the beacon now, if it does.
-  std::optional<double> heard(const Beacon& beacon) const {
+  // The RSSI at which the device's radio receives the beacon now, if it does.
+  std::optional<double> signal(const Beacon& beacon) const {
     if (beacon.silent) return std::nullopt;
-    std::optional<double> rssi = beacon.rssi;
-    if (!rssi && beacon.position) {
-      rssi = tracker.settings().pathLoss.rssiAt(
-          proximity::haversineMetres(device.coordinate, *beacon.position),
-          beacon.frame.measuredPower);
-    }
-    if (!rssi || *rssi < settings.sensitivity) return std::nullopt;
-    return rssi;
-  }
-
-  const Region* findMonitored(const std::string& identifier) const {
-    auto it = std::find_if(monitored.begin(), monitored.end(), [&](const Region& region) {
-      return regionIdentifier(region) == identifier;
-    });
-    return it == monitored.end() ? nullptr : &*it;
+    if (beacon.rssi || !beacon.position) return beacon.rssi;
+    return engine.pathLoss().rssiAt(proximity::haversineMetres(device.coordinate, *beacon.position),
+                                    beacon.frame.measuredPower);
   }
 
   void tick(Date now) {
@@ -242,102 +153,18 @@ struct SimulatedWorld::Private {
       apply(steps[nextStep++].action, now);
     }
     moveAlongWalk(now);
-
-    bool monitoring = authorization == AuthorizationStatus::AuthorizedAlways;
-    bool ranging = monitoring || authorization == AuthorizationStatus::AuthorizedWhenInUse;
-    std::vector<proximity::RegionEvent> events;
-    if (bluetooth == BluetoothState::PoweredOn && ranging) {
-      for (const Beacon& beacon : beacons) {
-        std::optional<double> rssi = heard(beacon);
-        if (!rssi) continue;
-        // The advertisement a radio would receive, read as a device backend reads it.
-        std::optional<proximity::BeaconFrame> frame = proximity::parseBeaconFrame(
-            proximity::kIBeaconCompanyId, proximity::encodeBeaconFrame(beacon.frame));
-        double filtered = tracker.observe(now, *frame, *rssi);
-        if (monitoring) beaconMonitor.sighting(now, frame->key, filtered, events);
-      }
+    std::vector<proximity::Heard> heard;
+    for (const Beacon& beacon : beacons) {
+      std::optional<double> rssi = signal(beacon);
+      if (!rssi) continue;
+      // The advertisement a radio would receive, read as a device backend reads it.
+      std::optional<proximity::BeaconFrame> frame = proximity::parseBeaconFrame(
+          proximity::kIBeaconCompanyId, proximity::encodeBeaconFrame(beacon.frame));
+      heard.push_back({*frame, *rssi});
     }
-    if (monitoring) {
-      beaconMonitor.tick(now, events);
-      circleMonitor.update(now, device, events);
-    }
-    for (const proximity::RegionEvent& event : events) {
-      const Region* region = findMonitored(event.identifier);
-      if (!region) continue;
-      bool entry = event.kind == proximity::RegionEvent::Kind::Entry;
-      sendLocation([entry, region = *region](LocationServiceDelegate& d) {
-        entry ? d.didEnterRegion(region) : d.didExitRegion(region);
-      });
-    }
-    if (ranging) {
-      for (const BeaconRegion& region : ranged) {
-        sendLocation([report = tracker.rangingReport(now, region),
-                      region](LocationServiceDelegate& d) { d.didRangeBeacons(report, region); });
-      }
-    }
-    tracker.prune(now);
-  }
-
-  void loadRegions() {
-    std::ifstream file(regionsPath);
-    if (!file) return;
-    try {
-      json saved = json::parse(file);
-      for (const json& value : saved.at("regions")) {
-        Region region = regionFromJson(value);
-        monitor(region);
-        monitored.push_back(std::move(region));
-      }
-    } catch (const std::exception& error) {
-      log("QuorvelSDK: monitored regions in " + regionsPath + " not read: " + error.what());
-    }
-  }
-
-  void saveRegions() const {
-    json regions = json::array();
-    for (const Region& region : monitored) regions.push_back(regionToJson(region));
-    std::error_code error;
-    std::filesystem::path path(regionsPath);
-    std::filesystem::create_directories(path.parent_path(), error);
-    std::filesystem::path temporary = path;
-    temporary += ".tmp";
-    {
-      std::ofstream file(temporary, std::ios::trunc);
-      file << json{{"regions", regions}}.dump(2) << '\n';
-      if (!file.flush()) {
-        log("QuorvelSDK: monitored regions not saved to " + regionsPath);
-        return;
-      }
-    }
-    std::filesystem::rename(temporary, path, error);
-    if (error) log("QuorvelSDK: monitored regions not saved to " + regionsPath);
-  }
-
-  void monitor(const Region& region) {
-    unmonitor(regionIdentifier(region));
-    if (const auto* beacon = std::get_if<BeaconRegion>(&region)) {
-      beaconMonitor.add(*beacon);
-    } else {
-      circleMonitor.add(std::get<CircularRegion>(region));
-    }
-  }
-
-  void unmonitor(const std::string& identifier) {
-    beaconMonitor.remove(identifier);
-    circleMonitor.remove(identifier);
+    engine.tick(now, heard, device);
   }
 };
-
-namespace {
-
-// Posts what the world queued under its lock, in order, to the main queue.
-void post(std::vector<std::function<void()>> outbox) {
-  if (outbox.empty()) return;
-  std::shared_ptr<MainQueue> queue = Env::current()->mainQueue;
-  for (auto& delivery : outbox) queue->async(std::move(delivery));
-}
-
-}  // namespace
 
 std::shared_ptr<SimulatedWorld> SimulatedWorld::create(SimulationSettings settings,
                                                        std::string storeDirectory) {
@@ -348,11 +175,10 @@ std::shared_ptr<SimulatedWorld> SimulatedWorld::create(SimulationSettings settin
 }
 
 SimulatedWorld::SimulatedWorld(SimulationSettings settings, std::string storeDirectory)
-    : d_(std::make_unique<Private>()), clock_(Env::current()->clock) {
+    : clock_(Env::current()->clock) {
   if (storeDirectory.empty()) storeDirectory = QVLRealm::storeDirectory();
-  d_->regionsPath = (std::filesystem::path(storeDirectory) / kRegionsFile).string();
-  d_->configure(settings);
-  d_->loadRegions();
+  d_ = std::make_unique<Private>(settings,
+                                 (std::filesystem::path(storeDirectory) / kRegionsFile).string());
 }
 
 // The clock is never called with the world's lock held: a clock may hold its own lock while
@@ -374,47 +200,47 @@ void SimulatedWorld::scheduleTick() {
   d_->tickTimer = timer;
 }
 
-void SimulatedWorld::tick() {
+// Runs `change` on the private state under the lock, then delivers what it queued.
+template <typename Change>
+auto SimulatedWorld::locked(Change&& change) const {
   std::vector<std::function<void()>> outbox;
-  {
+  if constexpr (std::is_void_v<decltype(change(*d_))>) {
+    {
+      std::lock_guard lock(d_->mutex);
+      change(*d_);
+      outbox = d_->engine.takeOutbox();
+    }
+    proximity::Engine::deliver(std::move(outbox));
+  } else {
     std::lock_guard lock(d_->mutex);
-    d_->tick(clock_->now());
-    outbox.swap(d_->outbox);
+    return change(*d_);
   }
-  post(std::move(outbox));
+}
+
+void SimulatedWorld::tick() {
+  locked([this](Private& d) { d.tick(clock_->now()); });
   scheduleTick();
 }
 
 void SimulatedWorld::play(const Scene& scene) {
-  std::vector<std::function<void()>> outbox;
-  {
-    std::lock_guard lock(d_->mutex);
+  locked([&](Private& d) {
     Date now = clock_->now();
-    d_->configure(scene.settings);
-    d_->steps = scene.timeline;
-    d_->nextStep = 0;
-    d_->sceneStart = now;
-    while (d_->nextStep < d_->steps.size() && d_->steps[d_->nextStep].at <= 0) {
-      d_->apply(d_->steps[d_->nextStep++].action, now);
+    d.engine.configure(scene.settings);
+    d.steps = scene.timeline;
+    d.nextStep = 0;
+    d.sceneStart = now;
+    while (d.nextStep < d.steps.size() && d.steps[d.nextStep].at <= 0) {
+      d.apply(d.steps[d.nextStep++].action, now);
     }
-    outbox.swap(d_->outbox);
-  }
-  post(std::move(outbox));
+  });
 }
 
 bool SimulatedWorld::sceneFinished() const {
-  std::lock_guard lock(d_->mutex);
-  return d_->nextStep == d_->steps.size();
+  return locked([](Private& d) { return d.nextStep == d.steps.size(); });
 }
 
 void SimulatedWorld::apply(const SceneStep::Action& action) {
-  std::vector<std::function<void()>> outbox;
-  {
-    std::lock_guard lock(d_->mutex);
-    d_->apply(action, clock_->now());
-    outbox.swap(d_->outbox);
-  }
-  post(std::move(outbox));
+  locked([&](Private& d) { d.apply(action, clock_->now()); });
 }
 
 void SimulatedWorld::advance(double seconds) {
@@ -424,91 +250,59 @@ void SimulatedWorld::advance(double seconds) {
 }
 
 void SimulatedWorld::setMarkerHandler(std::function<void(const std::string&)> handler) {
-  std::lock_guard lock(d_->mutex);
-  d_->markerHandler = std::move(handler);
+  locked([&](Private& d) { d.markerHandler = std::move(handler); });
 }
 
 Coordinate SimulatedWorld::devicePosition() const {
-  std::lock_guard lock(d_->mutex);
-  return d_->device.coordinate;
+  return locked([](Private& d) { return d.device.coordinate; });
 }
 
 void SimulatedWorld::setDelegate(std::weak_ptr<LocationServiceDelegate> delegate) {
-  std::lock_guard lock(d_->mutex);
-  d_->locationDelegate = std::move(delegate);
+  locked([&](Private& d) { d.engine.setDelegate(std::move(delegate)); });
 }
 
 std::vector<Region> SimulatedWorld::monitoredRegions() const {
-  std::lock_guard lock(d_->mutex);
-  return d_->monitored;
+  return locked([](Private& d) { return d.engine.monitoredRegions(); });
 }
 
 void SimulatedWorld::startMonitoring(const Region& region) {
-  std::lock_guard lock(d_->mutex);
-  auto it = std::find_if(d_->monitored.begin(), d_->monitored.end(), [&](const Region& r) {
-    return regionIdentifier(r) == regionIdentifier(region);
-  });
-  if (it != d_->monitored.end()) {
-    *it = region;
-  } else {
-    d_->monitored.push_back(region);
-  }
-  d_->monitor(region);
-  d_->saveRegions();
+  locked([&](Private& d) { d.engine.startMonitoring(region); });
 }
 
 void SimulatedWorld::stopMonitoring(const Region& region) {
-  std::lock_guard lock(d_->mutex);
-  const std::string& identifier = regionIdentifier(region);
-  if (std::erase_if(d_->monitored,
-                    [&](const Region& r) { return regionIdentifier(r) == identifier; }) == 0) {
-    return;
-  }
-  d_->unmonitor(identifier);
-  d_->saveRegions();
+  locked([&](Private& d) { d.engine.stopMonitoring(region); });
 }
 
 void SimulatedWorld::startRanging(const BeaconRegion& region) {
-  std::lock_guard lock(d_->mutex);
-  std::erase_if(d_->ranged,
-                [&](const BeaconRegion& r) { return r.identifier == region.identifier; });
-  d_->ranged.push_back(region);
+  locked([&](Private& d) { d.engine.startRanging(region); });
 }
 
 void SimulatedWorld::stopRanging(const BeaconRegion& region) {
-  std::lock_guard lock(d_->mutex);
-  std::erase_if(d_->ranged,
-                [&](const BeaconRegion& r) { return r.identifier == region.identifier; });
+  locked([&](Private& d) { d.engine.stopRanging(region); });
 }
 
 std::vector<BeaconRegion> SimulatedWorld::rangedRegions() const {
-  std::lock_guard lock(d_->mutex);
-  return d_->ranged;
+  return locked([](Private& d) { return d.engine.rangedRegions(); });
 }
 
 AuthorizationStatus SimulatedWorld::authorizationStatus() const {
-  std::lock_guard lock(d_->mutex);
-  return d_->authorization;
+  return locked([](Private& d) { return d.engine.authorization(); });
 }
 
 void SimulatedWorld::requestAlwaysAuthorization() {
-  std::vector<std::function<void()>> outbox;
-  {
-    std::lock_guard lock(d_->mutex);
-    if (d_->authorization == AuthorizationStatus::NotDetermined) d_->setAuthorization(d_->answer);
-    outbox.swap(d_->outbox);
-  }
-  post(std::move(outbox));
+  locked([](Private& d) {
+    if (d.engine.authorization() == AuthorizationStatus::NotDetermined) {
+      d.engine.setAuthorization(d.answer);
+    }
+  });
 }
 
 BluetoothState SimulatedWorld::state() const {
-  std::lock_guard lock(d_->mutex);
-  return d_->bluetooth;
+  return locked([](Private& d) { return d.engine.bluetooth(); });
 }
 
 void SimulatedWorld::setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) {
-  std::lock_guard lock(d_->mutex);
-  d_->bluetoothDelegate = std::move(delegate);
+  locked([&](Private& d) { d.engine.setDelegate(std::move(delegate)); });
 }
 
 }  // namespace qvl

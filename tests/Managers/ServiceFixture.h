@@ -30,6 +30,7 @@
 #include "quorvel/Platform/MainQueue.h"
 #include "quorvel/Platform/NotificationCenter.h"
 #include "quorvel/Platform/PinValidator.h"
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TestCertificates.h"
@@ -41,15 +42,7 @@ using nlohmann::json;
 using qvl::devserver::RecordedRequest;
 
 /// Polls until `condition` holds; false after `timeout`.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = 20s) {
-  const auto end = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
+using qvl::test::eventually;
 
 /// A loopback port nobody listens on: connecting is refused at once.
 inline int refusingPort() {

@@ -1,6 +1,7 @@
 // The test binary's entry point: each process gets its own data and config directories, so
 // no test reads or writes the user's real store or defaults, and parallel test processes
-// never share a file by accident.
+// never share a file by accident. No test reaches the machine's system bus either: an
+// environment's standard proximity backend then is always the simulated world.
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@ int main(int argc, char** argv) {
   qvl::test::TempDir home;
   setenv("XDG_DATA_HOME", (home.path() + "/data").c_str(), 1);
   setenv("XDG_CONFIG_HOME", (home.path() + "/config").c_str(), 1);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + home.path() + "/no-system-bus").c_str(), 1);
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -59,9 +59,11 @@ struct QVL_EXPORT Env {
   std::shared_ptr<Application> application;
   /// Decides server-trust challenges of pinned hosts. Standard: one process-wide validator.
   std::shared_ptr<PinValidator> pinValidator;
-  /// Region monitoring and ranging. Standard: chosen by the proximity backend.
+  /// Region monitoring and ranging. Standard: chosen on first use, once per process: the
+  /// device backend (DeviceProximity: BlueZ and GeoClue) when the library was built with it
+  /// and org.bluez is on the system bus, otherwise a SimulatedWorld (with one log line).
   std::shared_ptr<LocationService> locationService;
-  /// The Bluetooth radio's state. Standard: chosen by the proximity backend.
+  /// The Bluetooth radio's state. Standard: the same backend as locationService's.
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
   /// Where log lines go, one line per call, from any thread. Empty: standard error.
   LogSink logSink;

@@ -34,6 +34,10 @@ struct QVL_EXPORT SimulationSettings {
   double rssiTimeConstant = 2.0;
   /// How long fixes must stay on one side of a circle's boundary before it counts.
   double dwell = 5.0;
+  /// Beacons are heard only with location authorization (always or when in use), as on a
+  /// phone. False: heard whatever the authorization, as by a Linux device's own radio;
+  /// circles still need the authorization "always".
+  bool beaconsNeedAuthorization = true;
 
   /// Member-wise equality.
   bool operator==(const SimulationSettings&) const = default;
@@ -114,7 +118,8 @@ class QVL_EXPORT SceneError : public std::runtime_error {
 ///       "description": "free text",
 ///       "origin": {"latitude": 52.52, "longitude": 13.405},
 ///       "settings": {"exitPeriod": 10, "entryRssi": -95, "pathLossExponent": 2,
-///                    "sensitivity": -100, "rssiTimeConstant": 2, "dwell": 5},
+///                    "sensitivity": -100, "rssiTimeConstant": 2, "dwell": 5,
+///                    "beaconsNeedAuthorization": true},
 ///       "timeline": [                                                   (required)
 ///         {"at": 0, "bluetooth": "poweredOn"},
 ///         {"at": 0, "authorization": "authorizedAlways"},

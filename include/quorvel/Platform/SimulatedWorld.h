@@ -98,6 +98,8 @@ class QVL_EXPORT SimulatedWorld final : public LocationService, public Bluetooth
   SimulatedWorld(SimulationSettings settings, std::string storeDirectory);
   void scheduleTick();
   void tick();
+  template <typename Change>
+  auto locked(Change&& change) const;
 
   std::unique_ptr<Private> d_;
   std::shared_ptr<Clock> clock_;

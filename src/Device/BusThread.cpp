@@ -1,0 +1,100 @@
+#include "Device/BusThread.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <system_error>
+
+#include <sdbus-c++/Error.h>
+
+#include "quorvel/Platform/Log.h"
+
+namespace qvl::device {
+
+BusThread::BusThread(std::string address, Task setup, std::function<void()> teardown,
+                     std::function<void(const std::string&)> failed)
+    : wakeFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (wakeFd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  thread_ = std::thread([this, address = std::move(address), setup = std::move(setup),
+                         teardown = std::move(teardown),
+                         failed = std::move(failed)] { run(address, setup, teardown, failed); });
+}
+
+BusThread::~BusThread() {
+  {
+    std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  wake();
+  thread_.join();
+  close(wakeFd_);
+}
+
+void BusThread::post(Task task) {
+  {
+    std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+  }
+  wake();
+}
+
+void BusThread::wake() {
+  std::uint64_t one = 1;
+  [[maybe_unused]] ssize_t written = write(wakeFd_, &one, sizeof one);
+}
+
+void BusThread::run(const std::string& address, const Task& setup,
+                    const std::function<void()>& teardown,
+                    const std::function<void(const std::string&)>& failed) {
+  std::unique_ptr<sdbus::IConnection> connection;
+  try {
+    connection = address.empty() ? sdbus::createSystemBusConnection()
+                                 : sdbus::createSessionBusConnectionWithAddress(address);
+    setup(*connection);
+  } catch (const sdbus::Error& error) {
+    if (connection) teardown();  // what setup made goes before its connection
+    connection.reset();
+    failed(error.getName() + ": " + error.getMessage());
+  }
+  for (;;) {
+    std::deque<Task> tasks;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) break;
+      tasks.swap(tasks_);
+    }
+    if (!connection) {
+      pollfd wakeOnly{wakeFd_, POLLIN, 0};
+      poll(&wakeOnly, 1, -1);
+    } else {
+      for (Task& task : tasks) {
+        try {
+          task(*connection);
+        } catch (const sdbus::Error& error) {
+          log("QuorvelSDK: D-Bus: " + error.getName() + ": " + error.getMessage());
+        }
+      }
+      try {
+        while (connection->processPendingRequest()) {
+        }
+      } catch (const sdbus::Error& error) {
+        // The connection is gone (the bus stopped): nothing more can arrive on it.
+        teardown();
+        connection.reset();
+        failed(error.getName() + ": " + error.getMessage());
+        continue;
+      }
+      if (!tasks.empty()) continue;  // a task may have queued messages
+      sdbus::IConnection::PollData data = connection->getEventLoopPollData();
+      pollfd fds[2] = {{data.fd, data.events, 0}, {wakeFd_, POLLIN, 0}};
+      poll(fds, 2, data.getPollTimeout());
+    }
+    std::uint64_t count;
+    [[maybe_unused]] ssize_t read_ = read(wakeFd_, &count, sizeof count);
+  }
+  if (connection) teardown();
+}
+
+}  // namespace qvl::device

@@ -1,0 +1,47 @@
+#pragma once
+// One D-Bus connection on a thread of its own. The thread makes the connection, runs the
+// owner's setup on it, then dispatches incoming messages and the tasks other threads post,
+// in order, until the BusThread is destroyed. Every sdbus object is made, used and dropped
+// on that thread: sd-bus is not thread-safe, so nothing of it ever crosses to another.
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <sdbus-c++/IConnection.h>
+
+namespace qvl::device {
+
+class BusThread {
+ public:
+  using Task = std::function<void(sdbus::IConnection&)>;
+
+  /// `address` empty: the system bus. `setup` runs first on the thread; `teardown` last,
+  /// before the connection closes (it drops what setup made). `failed` gets the reason
+  /// when the bus cannot be reached; nothing else then runs.
+  BusThread(std::string address, Task setup, std::function<void()> teardown,
+            std::function<void(const std::string&)> failed);
+  /// Runs teardown on the thread and joins it.
+  ~BusThread();
+  BusThread(const BusThread&) = delete;
+  BusThread& operator=(const BusThread&) = delete;
+
+  /// Runs `task` on the bus thread, after the tasks posted before it. Any thread.
+  void post(Task task);
+
+ private:
+  void run(const std::string& address, const Task& setup, const std::function<void()>& teardown,
+           const std::function<void(const std::string&)>& failed);
+  void wake();
+
+  int wakeFd_ = -1;
+  std::mutex mutex_;
+  std::deque<Task> tasks_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace qvl::device

@@ -1,0 +1,353 @@
+#include "quorvel/Linux/DeviceProximity.h"
+
+#include <cstdio>
+#include <set>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "Device/MockBus.h"
+#include "Proximity/ProximityCore.h"
+#include "quorvel/Categories/QVLBeaconSupport.h"
+#include "quorvel/Managers/QVLBeaconManager.h"
+#include "quorvel/Platform/Application.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/Platform/NotificationCenter.h"
+#include "quorvel/Platform/SimulatedWorld.h"
+#include "support/TempDir.h"
+
+namespace qvl {
+namespace {
+
+using test::eventually;
+using test::MockBus;
+
+const Uuid kUuid = *Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+const BeaconRegion kRanging = BeaconRegion::withUuid(kUuid, "Beacons");
+const Coordinate kCentre{52.52, 13.405};
+
+std::vector<std::uint8_t> frame(std::uint16_t minor) {
+  return proximity::encodeBeaconFrame({{kUuid, 1, minor}, -59});
+}
+
+// What a backend tells its delegates, one line each, stamped with the second it came at.
+// Ranging reports list major.minor nearest first; `detailed` adds RSSI, accuracy, proximity.
+class Log : public LocationServiceDelegate, public BluetoothCentralDelegate {
+ public:
+  Log(std::shared_ptr<Clock> clock, bool detailed)
+      : clock_(std::move(clock)), start_(clock_->now()), detailed_(detailed) {}
+  std::vector<std::string> events;
+  std::vector<std::string> reports;
+
+  void didRangeBeacons(const std::vector<RangedBeacon>& beacons, const BeaconRegion&) override {
+    std::ostringstream line;
+    line << stamp() << "ranged";
+    for (const RangedBeacon& b : beacons) {
+      line << ' ' << b.major << '.' << b.minor;
+      if (detailed_) line << '/' << b.rssi << '/' << b.accuracy << '/' << int(b.proximity);
+    }
+    reports.push_back(line.str());
+  }
+  void didEnterRegion(const Region& r) override { add("enter " + regionIdentifier(r)); }
+  void didExitRegion(const Region& r) override { add("exit " + regionIdentifier(r)); }
+  void didChangeAuthorization(AuthorizationStatus s) override {
+    add("authorization " + std::to_string(int(s)));
+  }
+  void bluetoothCentralDidUpdateState(BluetoothState s) override {
+    add("bluetooth " + std::to_string(int(s)));
+  }
+  std::size_t count(const std::string& suffix) const {
+    std::size_t n = 0;
+    for (const auto& e : events) n += e.ends_with(" " + suffix);
+    return n;
+  }
+
+ private:
+  void add(const std::string& text) { events.push_back(stamp() + text); }
+  std::string stamp() const {
+    auto seconds = std::chrono::duration_cast<std::chrono::seconds>(clock_->now() - start_);
+    return "@" + std::to_string(seconds.count()) + " ";
+  }
+  std::shared_ptr<Clock> clock_;
+  Date start_;
+  bool detailed_;
+};
+
+// A private bus with BlueZ (one adapter, hci0) and, on request, GeoClue; the backend on a
+// manual clock, its events on a main queue the test drains after every tick.
+class DeviceProximityTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::string missing = MockBus::missingTools(); !missing.empty()) {
+      if (std::getenv("CI")) FAIL() << "missing in CI: " << missing;
+      GTEST_SKIP() << "missing: " << missing;
+    }
+    bus_ = std::make_unique<MockBus>();
+    bus_->start("bluez_beacons", "org.bluez");
+    bluez_ = bus_->proxy("org.bluez", "/");
+    adapter_ = bus_->proxy("org.bluez", "/org/bluez/hci0");
+    bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
+  }
+
+  // Creates the backend and waits until it discovers: BlueZ's objects listed, the filter set,
+  // discovery started and the adapter saying so. After one tick it reports the state.
+  void startBackend(bool record = false) {
+    DeviceProximitySettings settings;
+    settings.busAddress = bus_->address();
+    settings.storeDirectory = directory_.path();
+    settings.rules.exitPeriod = 5;
+    settings.record = record;
+    backend_ = DeviceProximity::create(settings);
+    backend_->setDelegate(std::weak_ptr<LocationServiceDelegate>(log_));
+    backend_->setDelegate(std::weak_ptr<BluetoothCentralDelegate>(log_));
+    ASSERT_TRUE(eventually([&] { return backend_->signalsHandled() >= 4; }));
+    ASSERT_TRUE(discovering());
+    tick();
+  }
+
+  bool discovering() {
+    bool on = false;
+    sdbus::Variant value;
+    adapter_->callMethod("Get")
+        .onInterface("org.freedesktop.DBus.Properties")
+        .withArguments("org.bluez.Adapter1", "Discovering")
+        .storeResultsTo(value);
+    on = value.get<bool>();
+    return on;
+  }
+
+  // Runs `action` (a call to a mock) and waits until the backend handled `signals` more.
+  void expectSignals(std::uint64_t signals, const std::function<void()>& action) {
+    std::uint64_t before = backend_->signalsHandled();
+    action();
+    ASSERT_TRUE(eventually([&] { return backend_->signalsHandled() >= before + signals; }))
+        << "handled " << backend_->signalsHandled() - before << " of " << signals;
+  }
+
+  void advertise(std::uint16_t minor, std::int16_t rssi, std::vector<std::uint8_t> data = {},
+                 std::uint16_t company = proximity::kIBeaconCompanyId) {
+    if (data.empty()) data = frame(minor);
+    char address[24];
+    std::snprintf(address, sizeof address, "C0:FF:EE:00:%02X:%02X", company & 0xFF, minor & 0xFF);
+    bool added = addresses_.insert(address).second;
+    expectSignals(added ? 2 : 1, [&] {
+      bluez_->callMethod("Advertise")
+          .onInterface("org.bluez.Mock")
+          .withArguments("hci0", std::string(address), rssi, company, data);
+    });
+  }
+
+  // Powering on also sets the filter and starts discovery, which the adapter announces.
+  void setPowered(bool on) {
+    expectSignals(on ? 4 : 1, [&] {
+      bluez_->callMethod("SetPowered").onInterface("org.bluez.Mock").withArguments("hci0", on);
+    });
+  }
+
+  void tick(int seconds = 1) {
+    for (int i = 0; i < seconds; ++i) {
+      clock_->advance(std::chrono::seconds(1));
+      queue_->runUntilIdle();
+    }
+  }
+
+  test::TempDir directory_;
+  std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
+  std::shared_ptr<MainQueue> queue_ = std::make_shared<MainQueue>();
+  ScopedEnv env_{[this](Env& env) {
+    env.clock = clock_;
+    env.mainQueue = queue_;
+    env.storeDirectory = directory_.path();
+  }};
+  std::shared_ptr<Log> log_ = std::make_shared<Log>(clock_, false);
+  std::unique_ptr<MockBus> bus_;
+  std::unique_ptr<sdbus::IProxy> bluez_, adapter_;
+  std::set<std::string> addresses_;
+  std::shared_ptr<DeviceProximity> backend_;  // last: goes before the bus
+};
+
+TEST_F(DeviceProximityTest, RangesOnlyIBeaconFramesNearestFirst) {
+  startBackend();
+  backend_->startRanging(kRanging);
+  std::vector<std::uint8_t> shortFrame = frame(4);
+  shortFrame.pop_back();
+  advertise(1, -80);
+  advertise(2, -60);
+  advertise(3, -70);
+  advertise(4, -50, shortFrame);
+  advertise(5, -50, frame(5), 0x0059);  // another company
+  tick();
+  EXPECT_EQ(log_->reports.back(), "@2 ranged 1.2 1.3 1.1");
+}
+
+TEST_F(DeviceProximityTest, EntersOnTheFirstAdvertisementAndExitsAfterTheExitPeriod) {
+  startBackend();
+  backend_->startMonitoring(BeaconRegion::withMajorMinor(kUuid, 1, 1, "b1"));
+  advertise(1, -70);
+  tick();
+  EXPECT_EQ(log_->events, (std::vector<std::string>{"@1 bluetooth 5", "@2 enter b1"}));
+  // BlueZ dropping the device object says nothing about the beacon's presence.
+  expectSignals(1, [&] {
+    adapter_->callMethod("RemoveDevice")
+        .onInterface("org.bluez.Adapter1")
+        .withArguments(sdbus::ObjectPath("/org/bluez/hci0/dev_C0_FF_EE_00_4C_01"));
+  });
+  tick(4);  // four seconds of silence: still inside
+  EXPECT_EQ(log_->count("exit b1"), 0u);
+  tick();
+  EXPECT_EQ(log_->events.back(), "@7 exit b1");
+}
+
+TEST_F(DeviceProximityTest, ABeaconFlickeringAtTheEdgeEntersOnceAndLeavesOnce) {
+  startBackend();
+  backend_->startMonitoring(BeaconRegion::withMajorMinor(kUuid, 1, 1, "b1"));
+  // Heard two seconds out of three, around the entry threshold (-95 dBm).
+  for (int second = 2; second < 20; ++second) {
+    if (second % 3 != 0) advertise(1, second % 2 ? -93 : -98);
+    tick();
+  }
+  EXPECT_EQ(log_->count("enter b1"), 1u);
+  EXPECT_EQ(log_->count("exit b1"), 0u);
+  tick(6);
+  EXPECT_EQ(log_->count("enter b1"), 1u);
+  EXPECT_EQ(log_->count("exit b1"), 1u);
+}
+
+TEST_F(DeviceProximityTest, PoweringOffReachesTheManagerAndDiscoveryResumesOnPowerOn) {
+  startBackend();
+  ScopedEnv services([&](Env& env) {
+    env.notificationCenter = std::make_shared<NotificationCenter>();
+    env.application = std::make_shared<Application>();
+    env.locationService = backend_;
+    env.bluetoothCentral = backend_;
+  });
+  auto& manager = QVLBeaconManager::sharedManager();
+  int notified = 0;
+  auto observer = NotificationCenter::defaultCenter().addObserver(
+      QVLBeaconManager::kDidChangeBluetoothStateNotification, nullptr,
+      [&](const Notification&) { ++notified; });
+  setPowered(false);
+  tick();
+  EXPECT_EQ(manager.bluetoothState(), BluetoothState::PoweredOff);
+  EXPECT_FALSE(QVLBeaconSupport::bluetoothEnabled());
+  EXPECT_EQ(notified, 1);
+  setPowered(true);
+  EXPECT_TRUE(discovering());
+  tick();
+  EXPECT_EQ(manager.bluetoothState(), BluetoothState::PoweredOn);
+  EXPECT_EQ(notified, 2);
+}
+
+TEST_F(DeviceProximityTest, DiscoveryStoppedBehindOurBackStartsAgainWithItsFilter) {
+  startBackend();
+  std::map<std::string, sdbus::Variant> filter;
+  sdbus::Variant value;
+  adapter_->callMethod("Get")
+      .onInterface("org.freedesktop.DBus.Properties")
+      .withArguments("org.bluez.Adapter1", "DiscoveryFilter")
+      .storeResultsTo(value);
+  filter = value.get<std::map<std::string, sdbus::Variant>>();
+  EXPECT_EQ(filter.at("Transport").get<std::string>(), "le");
+  EXPECT_TRUE(filter.at("DuplicateData").get<bool>());
+  adapter_->callMethod("StopDiscovery").onInterface("org.bluez.Adapter1");
+  EXPECT_TRUE(eventually([&] { return discovering(); }));
+}
+
+TEST_F(DeviceProximityTest, ABluezThatRestartsIsUsedAgain) {
+  startBackend();
+  expectSignals(1, [&] { bus_->stopServices(); });  // the name's owner went
+  tick();
+  EXPECT_EQ(backend_->state(), BluetoothState::Unsupported);
+  bus_->start("bluez_beacons", "org.bluez");
+  bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
+  EXPECT_TRUE(eventually([&] { return discovering(); }));
+  tick();
+  EXPECT_EQ(backend_->state(), BluetoothState::PoweredOn);
+}
+
+TEST_F(DeviceProximityTest, AWalkAcrossAGeofenceEntersOnceAndLeavesOnce) {
+  bus_->start("geoclue", "org.freedesktop.GeoClue2");
+  startBackend();
+  backend_->startMonitoring(CircularRegion{kCentre, 50, "g"});
+  expectSignals(2, [&] { backend_->requestAlwaysAuthorization(); });  // client made, started
+  tick();
+  EXPECT_EQ(backend_->authorizationStatus(), AuthorizationStatus::AuthorizedAlways);
+  auto geoclue = bus_->proxy("org.freedesktop.GeoClue2", "/org/freedesktop/GeoClue2/Manager");
+  // West to east through the centre at 10 m/s, then a while outside.
+  for (int east = -150; east <= 250; east += 10) {
+    Coordinate at = proximity::offsetCoordinate(kCentre, std::min(east, 150), 0);
+    expectSignals(2, [&] {  // the update, then the new location's properties
+      geoclue->callMethod("SetLocation")
+          .onInterface("org.freedesktop.DBus.Mock")
+          .withArguments(at.latitude, at.longitude, 5.0);
+    });
+    tick();
+  }
+  EXPECT_EQ(log_->count("authorization 3"), 1u);
+  EXPECT_EQ(log_->count("enter g"), 1u);
+  EXPECT_EQ(log_->count("exit g"), 1u);
+  EXPECT_EQ(log_->events.size(), 4u) << ::testing::PrintToString(log_->events);
+}
+
+TEST_F(DeviceProximityTest, APositionRefusedByGeoClueIsDenied) {
+  bus_->start("geoclue", "org.freedesktop.GeoClue2");
+  bus_->proxy("org.freedesktop.GeoClue2", "/org/freedesktop/GeoClue2/Manager")
+      ->callMethod("Refuse")
+      .onInterface("org.freedesktop.DBus.Mock")
+      .withArguments(true);
+  startBackend();
+  EXPECT_EQ(backend_->authorizationStatus(), AuthorizationStatus::NotDetermined);
+  expectSignals(2, [&] { backend_->requestAlwaysAuthorization(); });  // client made, refused
+  tick();
+  EXPECT_EQ(log_->events.back(), "@2 authorization 2");
+}
+
+// A recorded session, replayed by the simulated world, gives the same events and reports.
+TEST_F(DeviceProximityTest, ARecordedSessionReplaysToTheSameLog) {
+  auto detailed = std::make_shared<Log>(clock_, true);
+  log_ = detailed;
+  startBackend(true);
+  const std::vector<Region> regions = {BeaconRegion::withMajorMinor(kUuid, 1, 1, "b1"),
+                                       BeaconRegion::withMajorMinor(kUuid, 1, 2, "b2")};
+  for (const Region& region : regions) backend_->startMonitoring(region);
+  backend_->startRanging(kRanging);
+  for (int second = 2; second <= 30; ++second) {
+    if (second < 16) advertise(1, static_cast<std::int16_t>(-60 - second));
+    if (second >= 5 && second % 4 != 0) advertise(2, -75);
+    if (second == 10) setPowered(false);
+    if (second == 13) setPowered(true);
+    tick();
+  }
+  const Scene scene = Scene::parse(backend_->recordedScene(), "recorded");
+
+  test::TempDir replayDirectory;
+  auto clock = std::make_shared<ManualClock>();
+  auto queue = std::make_shared<MainQueue>();
+  ScopedEnv replay([&](Env& env) {
+    env.clock = clock;
+    env.mainQueue = queue;
+  });
+  auto world = SimulatedWorld::create({}, replayDirectory.path());
+  auto replayed = std::make_shared<Log>(clock, true);
+  world->setDelegate(std::weak_ptr<LocationServiceDelegate>(replayed));
+  world->setDelegate(std::weak_ptr<BluetoothCentralDelegate>(replayed));
+  world->play(scene);
+  queue->runUntilIdle();
+  replayed->events.clear();  // the scene's starting state
+  for (int second = 1; second <= 30; ++second) {
+    clock->advance(std::chrono::seconds(1));
+    queue->runUntilIdle();
+    if (second > 1) continue;
+    // As on the device: the watches start after the first tick.
+    for (const Region& region : regions) world->startMonitoring(region);
+    world->startRanging(kRanging);
+  }
+  EXPECT_EQ(replayed->events, detailed->events);
+  EXPECT_EQ(replayed->reports, detailed->reports);
+  EXPECT_GE(detailed->count("exit b1"), 1u);  // the session had crossings worth replaying
+  EXPECT_GE(detailed->count("enter b2"), 1u);
+}
+
+}  // namespace
+}  // namespace qvl
