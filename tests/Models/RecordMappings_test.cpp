@@ -13,12 +13,10 @@
 #include "quorvel/Models/QVLAudience.h"
 #include "quorvel/Models/QVLBeacon.h"
 #include "quorvel/Models/QVLBeaconCategory.h"
-#include "quorvel/Models/QVLBeaconView.h"
 #include "quorvel/Models/QVLGeofence.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Models/QVLOrganization.h"
 #include "quorvel/Models/QVLPost.h"
-#include "quorvel/Models/QVLPostView.h"
 #include "quorvel/Models/QVLPrize.h"
 #include "quorvel/Models/QVLRedemption.h"
 #include "quorvel/Models/QVLRegion.h"
@@ -117,13 +115,6 @@ TEST_F(RecordMappingTest, EveryMappedKeySurvivesTheRoundTripAndTheStore) {
     ASSERT_TRUE(stored);
     EXPECT_EQ(stored->toDictionary(), answer);
   }
-}
-
-TEST(RecordMappingViewTest, ViewRecordsAreNamedForTheirEndpointsAndHaveNoKey) {
-  EXPECT_TRUE(QVLPostView::modelClass().primaryKey().empty());
-  EXPECT_TRUE(QVLBeaconView::modelClass().primaryKey().empty());
-  EXPECT_EQ(QVLPostView::apiResourcePlural(), "postviews");
-  EXPECT_EQ(QVLBeaconView::apiResourcePlural(), "beaconviews");
 }
 
 using records_test::Keys;

@@ -40,6 +40,22 @@ Keys keysOf(const Records& records) {
   return keys;
 }
 
+/// Writes records (with everything they reach) to this thread's library store; returns the
+/// stored twin of the first.
+template <class T, class... More>
+std::shared_ptr<T> save(const std::shared_ptr<T>& first, const More&... more) {
+  auto realm = QVLRealm::realm();
+  EXPECT_NE(realm, nullptr);
+  std::shared_ptr<T> stored;
+  if (realm) {
+    realm->write([&] {
+      stored = realm->addOrUpdate(first);
+      (realm->addOrUpdate(more), ...);
+    });
+  }
+  return stored;
+}
+
 /// Fixes the clock at kNow for the test's lifetime.
 class FixedClockTest : public ::testing::Test {
  protected:
