@@ -2,7 +2,6 @@
 
 #include <curl/curl.h>
 
-#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <ostream>
@@ -156,12 +155,7 @@ class QVLApiClientTest : public ::testing::Test {
   }
 
   static Keys storedKeys(const QVLModelClass& cls) {
-    Keys keys;
-    for (const auto& record : QVLRealm::realm()->objects(cls).snapshot()) {
-      keys.push_back(record->primaryKeyValue().value_or(-1));
-    }
-    std::sort(keys.begin(), keys.end());
-    return keys;
+    return records_test::sortedKeysOf(QVLRealm::realm()->objects(cls).snapshot());
   }
 
   template <class T>

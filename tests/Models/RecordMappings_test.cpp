@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include <nlohmann/json.hpp>
 
 #include "Models/RecordTestSupport.h"
@@ -119,13 +117,8 @@ TEST_F(RecordMappingTest, EveryMappedKeySurvivesTheRoundTripAndTheStore) {
 
 using records_test::Keys;
 
-// The keys in ascending order: inverse relations have no order of their own.
-template <class Records>
-Keys ids(const Records& records) {
-  Keys keys = records_test::keysOf(records);
-  std::sort(keys.begin(), keys.end());
-  return keys;
-}
+// Inverse relations have no order of their own.
+const auto ids = [](const auto& records) { return records_test::sortedKeysOf(records); };
 
 json beaconJson(std::int64_t id, std::vector<json> posts) {
   return {{"id", id},

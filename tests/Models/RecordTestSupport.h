@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string_view>
@@ -37,6 +38,14 @@ template <class Records>
 Keys keysOf(const Records& records) {
   Keys keys;
   for (const auto& record : records) keys.push_back(record->primaryKeyValue().value_or(-1));
+  return keys;
+}
+
+/// The same keys in ascending order, for sets that have no order of their own.
+template <class Records>
+Keys sortedKeysOf(const Records& records) {
+  Keys keys = keysOf(records);
+  std::sort(keys.begin(), keys.end());
   return keys;
 }
 
