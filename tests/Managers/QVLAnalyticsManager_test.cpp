@@ -1,7 +1,5 @@
 #include "quorvel/Managers/QVLAnalyticsManager.h"
 
-#include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <set>
 

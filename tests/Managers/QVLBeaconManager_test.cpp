@@ -1,6 +1,5 @@
 #include "quorvel/Managers/QVLBeaconManager.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "Managers/ServiceFixture.h"
+#include "Models/RecordTestSupport.h"
 #include "quorvel/Categories/QVLBeaconSupport.h"
 #include "quorvel/Categories/QVLWeakPointerArray.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -32,6 +32,7 @@ namespace {
 using qvl::BeaconRegion;
 using qvl::Proximity;
 using qvl::RangedBeacon;
+using records_test::save;
 
 const qvl::Uuid kUuid = *qvl::Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
 const qvl::Uuid kOtherUuid = *qvl::Uuid::parse("B9407F30-F5F8-466E-AFF9-25556B57FE6D");
@@ -98,33 +99,8 @@ std::string ids(const std::vector<std::shared_ptr<QVLBeacon>>& beacons) {
   return text.empty() ? "-" : text;
 }
 
-// The lines only `expected` has ("- ") and those only `actual` has ("+ "), in order: a diff
-// over their longest common subsequence.
-std::string lineDiff(const std::vector<std::string>& expected,
-                     const std::vector<std::string>& actual) {
-  const size_t n = expected.size(), m = actual.size();
-  std::vector<std::vector<int>> common(n + 1, std::vector<int>(m + 1, 0));  // of the suffixes
-  for (size_t i = n; i-- > 0;) {
-    for (size_t j = m; j-- > 0;) {
-      common[i][j] = expected[i] == actual[j] ? common[i + 1][j + 1] + 1
-                                              : std::max(common[i + 1][j], common[i][j + 1]);
-    }
-  }
-  std::string diff;
-  for (size_t i = 0, j = 0; i < n || j < m;) {
-    if (i < n && j < m && expected[i] == actual[j]) {
-      ++i, ++j;
-    } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
-      diff += "+ " + actual[j++] + "\n";
-    } else {
-      diff += "- " + expected[i++] + "\n";
-    }
-  }
-  return diff;
-}
-
-// Compares `lines` with the golden file at `path`; with QVL_UPDATE_GOLDEN=1 in the
-// environment it first rewrites the file from `lines`.
+// Compares `lines` with the golden file at `path`, naming the first line that differs; with
+// QVL_UPDATE_GOLDEN=1 in the environment it first rewrites the file from `lines`.
 void expectGolden(const std::vector<std::string>& lines, const std::filesystem::path& path) {
   if (const char* update = std::getenv("QVL_UPDATE_GOLDEN"); update && std::string(update) == "1") {
     std::filesystem::create_directories(path.parent_path());
@@ -137,8 +113,13 @@ void expectGolden(const std::vector<std::string>& lines, const std::filesystem::
   ASSERT_TRUE(in) << "no golden file " << path << " (QVL_UPDATE_GOLDEN=1 writes it)";
   std::vector<std::string> golden;
   for (std::string line; std::getline(in, line);) golden.push_back(line);
-  EXPECT_TRUE(golden == lines) << path << " differs (- golden, + now):\n"
-                               << lineDiff(golden, lines);
+  size_t same = 0;
+  while (same < golden.size() && same < lines.size() && golden[same] == lines[same]) ++same;
+  auto at = [same](const std::vector<std::string>& v) {
+    return same < v.size() ? v[same] : "(end)";
+  };
+  EXPECT_TRUE(golden == lines) << path << " differs from line " << same + 1
+                               << ":\n- golden: " << at(golden) << "\n+ now:    " << at(lines);
 }
 
 // Writes what it hears, one line per call, to a shared log.
@@ -203,7 +184,7 @@ class LoggingDelegate : public QVLBeaconManagerDelegate {
 class QVLBeaconManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    store({guest(), beacon(1, 1, true), beacon(2, 2, true), beacon(3, 3, false)});
+    save(guest(), beacon(1, 1, true), beacon(2, 2, true), beacon(3, 3, false));
     manager().addDelegate(delegate_);
   }
   // Open views live in the process-wide analytics manager: none may reach the next test.
@@ -230,12 +211,6 @@ class QVLBeaconManagerTest : public ::testing::Test {
       b->posts().append(post);
     }
     return b;
-  }
-  void store(const std::vector<std::shared_ptr<QVLApiModel>>& records) {
-    auto realm = QVLRealm::realm();
-    realm->write([&] {
-      for (const auto& r : records) realm->addOrUpdate(r);
-    });
   }
   std::shared_ptr<QVLBeacon> stored(std::int64_t id) {
     return QVLRealm::realm()->object<QVLBeacon>(id);
@@ -323,7 +298,7 @@ TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
   const BeaconRegion rangingFirst = BeaconRegion::withUuid(kUuid, "Beacons");
   auto other = std::static_pointer_cast<QVLBeacon>(beacon(4, 4, true));
   other->setUuidString(kOtherUuid.toString());
-  store({other});
+  save(other);
   watch({1, 4});
   EXPECT_EQ(services_->ranged, std::vector<BeaconRegion>{rangingFirst});
   const auto raw = BeaconRegion::withUuid(kOtherUuid, "raw");
@@ -362,7 +337,7 @@ TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
 }
 
 TEST_F(QVLBeaconManagerTest, ARepeatedIdentityMapsToTheRecordStartedFirst) {
-  store({beacon(5, 1, true)});  // the identity of beacon 1 under another key
+  save(beacon(5, 1, true));  // the identity of beacon 1 under another key
   watch({5, 1, 5});
   EXPECT_EQ(manager().searchingBeacons().size(), 2u);
   EXPECT_EQ(services_->monitored.size(), 2u);
@@ -391,7 +366,7 @@ TEST_F(QVLBeaconManagerTest, RegionEntriesReachTheMatchingDelegateOperation) {
   auto geofence = std::make_shared<QVLGeofence>();
   geofence->setGeofenceId(12);
   geofence->setRadius(50);
-  store({geofence});
+  save(geofence);
   manager().startSearchingForGeofence(geofence);
   manager().startSearchingForBeaconRegion(BeaconRegion::withUuid(kUuid, "raw"));
   watch({1});
@@ -412,10 +387,10 @@ TEST_F(QVLBeaconManagerTest, RegionEntriesReachTheMatchingDelegateOperation) {
   EXPECT_EQ(takeLog(), (std::vector<std::string>{"enter geofence 12", "enter geofence none"}));
   // The identifier's leading integer names the geofence.
   EXPECT_EQ(manager().geofenceFromCLCircularRegion({{}, 1, "12abc"}), nullptr);
-  store({geofence});
+  save(geofence);
   EXPECT_EQ(*manager().geofenceFromCLCircularRegion({{}, 1, "12abc"})->geofenceId(), 12);
   geofence->setGeofenceId(0);
-  store({geofence});
+  save(geofence);
   EXPECT_EQ(*manager().geofenceFromCLCircularRegion({{}, 1, "plaza"})->geofenceId(), 0);
   // Only a beacon region naming a watched beacon's UUID, major and minor maps to it.
   EXPECT_EQ(manager().beaconFromRegion(BeaconRegion::withMajor(kUuid, 100, "1")), nullptr);
@@ -510,7 +485,7 @@ TEST_F(QVLBeaconManagerTest, TheTwoShopsWalkGivesTheGoldenLog) {
   plaza->setLatitude(52.5203597);
   plaza->setLongitude(13.4060346);
   plaza->setRadius(25);
-  store({beacon(11, 1, true, 1), beacon(12, 2, true, 1), beacon(21, 1, true, 2), plaza});
+  save(beacon(11, 1, true, 1), beacon(12, 2, true, 1), beacon(21, 1, true, 2), plaza);
   delegate_->listsRanged = true;
   auto observer = qvl::NotificationCenter::defaultCenter().addObserver(
       "", nullptr, [&](const qvl::Notification& n) {

@@ -1,6 +1,5 @@
 #include "quorvel/Managers/QVLInboxManager.h"
 
-#include <algorithm>
 #include <atomic>
 
 #include "Managers/ServiceFixture.h"
@@ -35,19 +34,12 @@ class QVLInboxManagerTest : public ServiceTest {
       period->setStop(clock_->now() - 24h);
       post->periods().append(period);
     }
-    return store(post);
+    return records_test::save(post);
   }
   std::shared_ptr<QVLShop> storeShop(std::int64_t id) {
     auto shop = std::make_shared<QVLShop>();
     shop->setShopId(id);
-    return store(shop);
-  }
-  template <class T>
-  std::shared_ptr<T> store(const std::shared_ptr<T>& record) {
-    auto realm = QVLRealm::realm();
-    std::shared_ptr<T> stored;
-    realm->write([&] { stored = realm->addOrUpdate(record); });
-    return stored;
+    return records_test::save(shop);
   }
   // What a host about to exit does.
   void enterBackgroundAndWait() {

@@ -11,14 +11,13 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "Models/RecordTestSupport.h"
 #include "devserver/HttpsServer.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
@@ -105,10 +104,7 @@ class ServiceTest : public ::testing::Test {
   std::shared_ptr<QVLGuest> storeGuest(std::int64_t id = 9) {
     auto guest = std::make_shared<QVLGuest>();
     guest->setGuestId(id);
-    auto realm = QVLRealm::realm();
-    std::shared_ptr<QVLGuest> stored;
-    realm->write([&] { stored = realm->addOrUpdate(guest); });
-    return stored;
+    return records_test::save(guest);
   }
 
   /// Request completions (and other queued tasks) finished so far.

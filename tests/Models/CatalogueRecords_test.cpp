@@ -17,7 +17,6 @@
 namespace {
 
 using nlohmann::json;
-using records_test::at;
 using records_test::kNow;
 
 constexpr const char* kUuidText = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
@@ -132,15 +131,6 @@ TEST(CatalogueBeaconTest, NotificationTextFallsBackToTheNameOnlyForBlankMessages
   }
 }
 
-TEST(CatalogueGeofenceTest, RegionIsTheStoredCircleNamedByTheId) {
-  auto geofence = QVLGeofence::newObjectWithJSONDictionary(
-      {{"id", 12}, {"latitude", 56.15}, {"longitude", 10.2}, {"radius", 150.5}}, nullptr);
-  qvl::CircularRegion region = geofence->region();
-  EXPECT_EQ(region.center, (qvl::Coordinate{56.15, 10.2}));
-  EXPECT_DOUBLE_EQ(region.radius, 150.5);
-  EXPECT_EQ(region.identifier, "12");
-}
-
 TEST(CatalogueOrganizationTest, ColourNeedsExactlyThreeNumbers) {
   EXPECT_EQ(QVLOrganization::colorFromString("255,0,0"), (qvl::Color{1.0, 0.0, 0.0, 1.0}));
   qvl::Color mixed = QVLOrganization::colorFromString("51, 102,255");
@@ -157,20 +147,17 @@ TEST(CatalogueOrganizationTest, ColourNeedsExactlyThreeNumbers) {
   EXPECT_EQ(organization->color(), qvl::Color::standardBlue());
 }
 
-TEST(CatalogueOrganizationTest, UrlIsNoneUnlessTheTextIsAUrl) {
-  auto organization = QVLOrganization::newObjectWithJSONDictionary(
-      {{"id", 1}, {"url", "https://quorvel.example/org"}}, nullptr);
-  EXPECT_EQ(organization->url()->absoluteString(), "https://quorvel.example/org");
-  organization->setUrlString(std::string("not a url"));
-  EXPECT_FALSE(organization->url());
-}
-
-TEST(CatalogueShopTest, WebAddressesAreTrimmedAndGivenAScheme) {
+TEST(CatalogueShopTest, WebAddressesAreTrimmedAndGivenASchemeOrAreNone) {
   auto shop = QVLShop::newObjectWithJSONDictionary(
       {{"id", 1}, {"homepage", "  www.shop.example "}, {"facebook", "https://fb.example/shop"}},
       nullptr);
   EXPECT_EQ(shop->homepageURL()->absoluteString(), "http://www.shop.example");
   EXPECT_EQ(shop->facebookURL()->absoluteString(), "https://fb.example/shop");
+  auto organization = QVLOrganization::newObjectWithJSONDictionary(
+      {{"id", 1}, {"url", "https://quorvel.example/org"}}, nullptr);
+  EXPECT_EQ(organization->url()->absoluteString(), "https://quorvel.example/org");
+  organization->setUrlString(std::string("not a url"));
+  EXPECT_FALSE(organization->url());
 }
 
 TEST(CatalogueMediaTest, AspectRatioAndUrlFallback) {
@@ -193,7 +180,7 @@ TEST(CatalogueMediaTest, AspectRatioAndUrlFallback) {
   EXPECT_EQ(media->urlInSize(9)->absoluteString(), "https://cdn.example/o.png");
 }
 
-TEST(UuidTest, ParsesTheStandardFormInEitherCase) {
+TEST(UuidTest, ParsesOnlyTheStandardFormInEitherCase) {
   auto upper = qvl::Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
   auto lower = qvl::Uuid::parse("e2c56db5-dffb-48d2-b060-d0f5a71096e0");
   ASSERT_TRUE(upper);
@@ -205,9 +192,6 @@ TEST(UuidTest, ParsesTheStandardFormInEitherCase) {
   EXPECT_NE(*upper, *qvl::Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E1"));
   EXPECT_EQ(std::hash<qvl::Uuid>{}(*upper), std::hash<qvl::Uuid>{}(*lower));
   EXPECT_EQ(qvl::Uuid().toString(), "00000000-0000-0000-0000-000000000000");
-}
-
-TEST(UuidTest, RejectsEverythingElse) {
   for (const char* text : {
            "",
            "E2C56DB5DFFB48D2B060D0F5A71096E0",        // no hyphens

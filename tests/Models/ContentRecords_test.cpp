@@ -111,26 +111,23 @@ std::optional<QVLPostFieldCoupon> couponOf(const json& content) {
   return QVLPostFieldCoupon::initWithPostField(*f);
 }
 
-TEST(ContentPostFieldTest, CouponRedeemableIsAPresenceTest) {
-  EXPECT_TRUE(couponOf({{"redeemable", false}})->redeemable());
-  EXPECT_TRUE(couponOf({{"redeemable", nullptr}})->redeemable());
-  EXPECT_FALSE(couponOf({{"text", "x"}})->redeemable());
-}
-
-TEST(ContentPostFieldTest, CouponTextsAreTrimmedTextsOrNothing) {
+TEST(ContentPostFieldTest, CouponTextsAreTrimmedTextsOrNothingAndRedeemableIsAPresenceTest) {
   using Texts = std::tuple<std::optional<std::string>, std::optional<std::string>,
-                           std::optional<std::string>, std::optional<std::string>>;
+                           std::optional<std::string>, std::optional<std::string>, bool>;
   // Unicode blanks count too (no-break space, ideographic space, line separator); numbers
   // are not used.
   for (
       const auto& [content, expected] : std::vector<std::pair<const char*, Texts>>{
           {R"({"text":" \n Half off \r\n","price_before":"\t100 kr","price":"   ","discount":"50%"})",
-           {"Half off", "100 kr", std::nullopt, "50%"}},
-          {R"({"text":"\u3000Half off\u00a0","price":"\u00a0\u2028 "})", {"Half off", {}, {}, {}}},
-          {R"({"price":50,"price_before":100.5,"discount":true})", {}},
+           {"Half off", "100 kr", std::nullopt, "50%", false}},
+          {R"({"text":"\u3000Half off\u00a0","price":"\u00a0\u2028 ","redeemable":false})",
+           {"Half off", {}, {}, {}, true}},
+          {R"({"price":50,"price_before":100.5,"discount":true,"redeemable":null})",
+           {{}, {}, {}, {}, true}},
       }) {
     auto coupon = couponOf(json::parse(content));
-    EXPECT_EQ(Texts(coupon->text(), coupon->priceBefore(), coupon->price(), coupon->discount()),
+    EXPECT_EQ(Texts(coupon->text(), coupon->priceBefore(), coupon->price(), coupon->discount(),
+                    coupon->redeemable()),
               expected)
         << content;
   }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string_view>
@@ -38,6 +39,30 @@ Keys keysOf(const Records& records) {
   Keys keys;
   for (const auto& record : records) keys.push_back(record->primaryKeyValue().value_or(-1));
   return keys;
+}
+
+/// The same keys in ascending order, for sets that have no order of their own.
+template <class Records>
+Keys sortedKeysOf(const Records& records) {
+  Keys keys = keysOf(records);
+  std::sort(keys.begin(), keys.end());
+  return keys;
+}
+
+/// Writes records (with everything they reach) to this thread's library store; returns the
+/// stored twin of the first.
+template <class T, class... More>
+std::shared_ptr<T> save(const std::shared_ptr<T>& first, const More&... more) {
+  auto realm = QVLRealm::realm();
+  EXPECT_NE(realm, nullptr);
+  std::shared_ptr<T> stored;
+  if (realm) {
+    realm->write([&] {
+      stored = realm->addOrUpdate(first);
+      (realm->addOrUpdate(more), ...);
+    });
+  }
+  return stored;
 }
 
 /// Fixes the clock at kNow for the test's lifetime.

@@ -17,8 +17,8 @@
 #include <gtest/gtest.h>
 
 #include "devserver/HttpsServer.h"
+#include "support/FaultServer.h"
 #include "support/RunDataTask.h"
-#include "support/SilentServer.h"
 #include "support/TestCertificates.h"
 
 namespace qvl {
@@ -30,8 +30,6 @@ using test::DataTaskOutcome;
 using test::runDataTask;
 using test::TestCertificates;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 class HttpSessionTest : public ::testing::Test {
  protected:
@@ -237,7 +235,7 @@ TEST_F(HttpSessionTest, NoAnswerEndsInATransportError) {
 
   // A server that accepts and never writes: stuck in the TLS handshake, or after a plain
   // HTTP request. Both must end with a time-out rather than hang.
-  test::SilentServer silent;
+  test::FaultServer silent([](test::FaultConnection& c) { c.pause(1h); });
   const std::string port = std::to_string(silent.port());
   auto handshake = runDataTask(session, {"GET", "https://127.0.0.1:" + port + "/", {}, ""}, 60s);
   expectTransportError(handshake, CURLE_OPERATION_TIMEDOUT);

@@ -70,6 +70,15 @@ TEST(PinValidatorTest, OnlyHostsOfAPinnedDomainAreHandled) {
     EXPECT_FALSE(validator.handleChallenge(challengeFor(host), &disposition)) << host;
     EXPECT_EQ(disposition, TrustDisposition::PerformDefaultHandling) << host;
   }
+  // A new configuration replaces the old one.
+  validator.configure({{pinnedDomain("play.example", true, {TestCertificates::leaf().pin})}});
+  TrustDisposition disposition{};
+  EXPECT_FALSE(validator.handleChallenge(challengeFor("api.example"), &disposition));
+  EXPECT_TRUE(validator.handleChallenge(challengeFor("play.example"), &disposition));
+  EXPECT_TRUE(validator.isConfigured());
+  PinValidator unconfigured;
+  EXPECT_FALSE(unconfigured.isConfigured());
+  EXPECT_FALSE(unconfigured.handleChallenge(challengeFor("api.example"), &disposition));
 }
 
 TEST(PinValidatorTest, MostSpecificDomainDecidesAndAnyChainCertificateMayMatch) {
@@ -98,19 +107,6 @@ TEST(PinValidatorTest, MostSpecificDomainDecidesAndAnyChainCertificateMayMatch) 
                                         : TrustDisposition::CancelAuthenticationChallenge)
         << row.host << " with " << row.chain.size() << " certificates";
   }
-}
-
-TEST(PinValidatorTest, ANewConfigurationReplacesTheOldOne) {
-  PinValidator validator;
-  EXPECT_FALSE(validator.isConfigured());
-  TrustDisposition disposition = TrustDisposition::UseCredential;
-  EXPECT_FALSE(validator.handleChallenge(challengeFor("api.example"), &disposition));
-  validator.configure({{pinnedDomain("api.example", true, {TestCertificates::leaf().pin})}});
-  EXPECT_TRUE(validator.isConfigured());
-  EXPECT_TRUE(validator.handleChallenge(challengeFor("api.example"), &disposition));
-  validator.configure({{pinnedDomain("play.example", true, {TestCertificates::leaf().pin})}});
-  EXPECT_FALSE(validator.handleChallenge(challengeFor("api.example"), &disposition));
-  EXPECT_TRUE(validator.handleChallenge(challengeFor("play.example"), &disposition));
 }
 
 std::vector<std::string> reportedHosts(const HttpsServer& reports) {

@@ -1,7 +1,6 @@
 #include "quorvel/Platform/SimulatedWorld.h"
 
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -9,6 +8,7 @@
 
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/MainQueue.h"
+#include "support/ProximityLog.h"
 #include "support/TempDir.h"
 
 namespace qvl {
@@ -18,45 +18,7 @@ using Log = std::vector<std::string>;
 
 const Uuid kUuid = *Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
 
-// Records what the world reports, stamped with the second it was delivered at.
-class Recorder : public LocationServiceDelegate, public BluetoothCentralDelegate {
- public:
-  explicit Recorder(std::shared_ptr<Clock> clock)
-      : clock_(std::move(clock)), start_(clock_->now()) {}
-
-  Log events;   // entries, exits, authorization and Bluetooth changes
-  Log reports;  // ranging: "@t region: major.minor ..." nearest first, "?" when lost
-
-  void didRangeBeacons(const std::vector<RangedBeacon>& beacons,
-                       const BeaconRegion& region) override {
-    std::ostringstream line;
-    line << stamp() << region.identifier << ":";
-    for (const RangedBeacon& b : beacons) {
-      line << ' ' << b.major << '.' << b.minor << (b.proximity == Proximity::Unknown ? "?" : "");
-    }
-    reports.push_back(line.str());
-  }
-  void didEnterRegion(const Region& region) override {
-    events.push_back(stamp() + "enter " + regionIdentifier(region));
-  }
-  void didExitRegion(const Region& region) override {
-    events.push_back(stamp() + "exit " + regionIdentifier(region));
-  }
-  void didChangeAuthorization(AuthorizationStatus status) override {
-    events.push_back(stamp() + "authorization " + std::to_string(int(status)));
-  }
-  void bluetoothCentralDidUpdateState(BluetoothState state) override {
-    events.push_back(stamp() + "bluetooth " + std::to_string(int(state)));
-  }
-
- private:
-  std::string stamp() const {
-    auto seconds = std::chrono::duration_cast<std::chrono::seconds>(clock_->now() - start_);
-    return "@" + std::to_string(seconds.count()) + " ";
-  }
-  std::shared_ptr<Clock> clock_;
-  Date start_;
-};
+using Recorder = test::ProximityLog;
 
 class SimulatedWorldTest : public ::testing::Test {
  protected:
