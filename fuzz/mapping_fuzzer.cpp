@@ -119,7 +119,7 @@ void compareParsers(const std::string& body, const QVLModelClass& cls) {
   std::shared_ptr<QVLApiModel> fastOne, documentOne;
   bool fastRejected = false, documentRejected = false;
   try {
-    fastOne = qvl::detail::recordToMerge(cls, body);
+    fastOne = qvl::detail::recordToMerge(cls, std::string_view(body));
   } catch (const QVLMappingError&) {
     fastRejected = true;
   }
