@@ -1,7 +1,8 @@
 // Imports 10,000 posts (2 periods, 3 fields and a thumbnail each) into the library's store,
 // imports them again (every record merging with its stored twin), and measures in the same run:
-// - the floor: the same text parsed by the same JSON library and the same rows (the library's
-//   tables, columns, key indexes, list tables and date encoding) written with plain prepared
+// - the floor: the same text parsed into an nlohmann document (the public mapping API's parser;
+//   the client itself reads answers with simdjson) and the same rows (the library's tables,
+//   columns, key indexes, list tables and date encoding) written with plain prepared
 //   statements in one transaction; for the refresh, upserts that keep the posts' local flags,
 //   with a key lookup only for the rows that existed;
 // - the limit: a streaming simdjson parse straight into the floor's inserts.

@@ -5,18 +5,24 @@
 // parsed and saved as the client saves an answer (the merge done in the write), then parsed
 // as the client parses it, mapped against a store that keeps what earlier inputs stored (so
 // merging with stored twins is exercised), written, and turned back into JSON.
+// The client maps answers from simdjson's parse, the public mapping from nlohmann's document;
+// every answer is mapped both ways and the records must be the same.
 // Rejections the mapping documents (QVLMappingError, a discarded non-JSON answer) are
 // expected; anything else that escapes, and every sanitizer report, is a finding.
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
+#include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLApiModel.h"
@@ -61,6 +67,70 @@ void parseAndSaveAsTheClientDoes(const std::string& body, const QVLModelClass& c
   if (completions != (cls.primaryKeyIndex() >= 0 ? 2 : 1)) std::abort();
 }
 
+// Same class, values (doubles bit for bit), kept-value marks, links and lists.
+bool sameRecord(const std::shared_ptr<qvl::Object>& a, const std::shared_ptr<qvl::Object>& b) {
+  if (!a || !b) return a == b;
+  if (&a->objectClass() != &b->objectClass()) return false;
+  for (int i = 0; i < static_cast<int>(a->objectClass().properties().size()); ++i) {
+    const qvl::Property& p = a->objectClass().property(i);
+    if (p.kind == qvl::PropertyKind::LinkingObjects) continue;
+    if (a->keepsStoredValue(i) != b->keepsStoredValue(i)) return false;
+    if (p.isScalar()) {
+      qvl::Value x = a->value(i), y = b->value(i);
+      if (x != y) return false;
+      const double* dx = std::get_if<double>(&x);
+      const double* dy = std::get_if<double>(&y);
+      if (dx && std::memcmp(dx, dy, sizeof(double)) != 0) return false;
+    } else if (p.kind == qvl::PropertyKind::Link) {
+      if (!sameRecord(a->link(i), b->link(i))) return false;
+    } else {
+      auto xs = a->list(i).elements(), ys = b->list(i).elements();
+      if (xs.size() != ys.size()) return false;
+      for (size_t k = 0; k < xs.size(); ++k) {
+        if (!sameRecord(xs[k], ys[k])) return false;
+      }
+    }
+  }
+  return true;
+}
+
+// Both mappings of the answer, as an array and as one record: the same records, the same
+// listed keys, the same rejection.
+void compareParsers(const std::string& body, const QVLModelClass& cls) {
+  using Records = std::vector<std::shared_ptr<QVLApiModel>>;
+  std::vector<std::int64_t> fastKeys, documentKeys;
+  std::optional<Records> fast, document;
+  try {
+    fast = qvl::detail::recordsToMerge(cls, body, &fastKeys);
+  } catch (const QVLMappingError&) {
+  }
+  try {
+    document = qvl::detail::recordsToMerge(cls, QVLApiModel::parseJSONData(body), &documentKeys);
+  } catch (const QVLMappingError&) {
+  }
+  if (fast.has_value() != document.has_value() || fastKeys != documentKeys) std::abort();
+  if (fast) {
+    if (fast->size() != document->size()) std::abort();
+    for (size_t i = 0; i < fast->size(); ++i) {
+      if (!sameRecord((*fast)[i], (*document)[i])) std::abort();
+    }
+  }
+  if (cls.primaryKeyIndex() < 0) return;
+  std::shared_ptr<QVLApiModel> fastOne, documentOne;
+  bool fastRejected = false, documentRejected = false;
+  try {
+    fastOne = qvl::detail::recordToMerge(cls, std::string_view(body));
+  } catch (const QVLMappingError&) {
+    fastRejected = true;
+  }
+  try {
+    documentOne = qvl::detail::recordToMerge(cls, QVLApiModel::parseJSONData(body));
+  } catch (const QVLMappingError&) {
+    documentRejected = true;
+  }
+  if (fastRejected != documentRejected || !sameRecord(fastOne, documentOne)) std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -83,6 +153,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string_view input(reinterpret_cast<const char*>(data), size);
   const QVLModelClass& cls = pickClass(input);
   parseAndSaveAsTheClientDoes(std::string(input), cls);
+  compareParsers(std::string(input), cls);
 
   nlohmann::json answer;
   try {

@@ -69,7 +69,7 @@ void QVLApiClient::parseAndSaveJSONObjectData(const std::string& data, const QVL
   std::optional<QVLError> error;
   try {
     // The write merges the record with its stored twin; the record itself is not returned.
-    saved = saveObject(qvl::detail::recordToMerge(cls, QVLApiModel::parseJSONData(data)), cls);
+    saved = saveObject(qvl::detail::recordToMerge(cls, std::string_view(data)), cls);
   } catch (const QVLMappingError& e) {
     error = mappingError(e.what());
   } catch (const std::exception& e) {  // any failure while storing still completes once
@@ -83,7 +83,7 @@ void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLM
   std::optional<qvl::AnyResults> saved;
   std::optional<QVLError> error;
   try {
-    saved = saveObjects(qvl::detail::recordsToMerge(cls, QVLApiModel::parseJSONData(data)), cls);
+    saved = saveObjects(qvl::detail::recordsToMerge(cls, data), cls);
   } catch (const QVLMappingError& e) {
     error = mappingError(e.what());
   } catch (const std::exception& e) {  // any failure while storing still completes once
@@ -108,22 +108,12 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
         std::optional<qvl::AnyResults> saved;
         std::optional<QVLError> error;
         try {
-          auto answer = QVLApiModel::parseJSONData(body);
-          std::string().swap(body);  // the document holds the answer now
           // The answer is the class's complete set: every stored record it does not list is
           // dropped. A listed record that is rejected for a bad value keeps its stored copy.
           std::vector<std::int64_t> keep;
-          if (removeStale && answer.is_array()) {
-            keep.reserve(answer.size());
-            for (const auto& element : answer) {
-              if (!element.is_object()) continue;
-              auto id = element.find("id");
-              if (id != element.end() && id->is_number_integer()) {
-                keep.push_back(id->get<std::int64_t>());
-              }
-            }
-          }
-          saved = self->saveObjects(qvl::detail::recordsToMerge(cls, std::move(answer)), cls);
+          saved = self->saveObjects(
+              qvl::detail::recordsToMerge(cls, std::move(body), removeStale ? &keep : nullptr),
+              cls);
           if (removeStale) {
             auto realm = openStore();
             realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });

@@ -5,6 +5,8 @@
 #include <limits>
 #include <type_traits>
 
+#include <simdjson.h>
+
 #include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -265,10 +267,186 @@ class BoundedDomParser : public nlohmann::detail::json_sax_dom_parser<json> {
 
 using qvl::detail::MappingPlan;
 
-qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, const json& v) {
+// The mapping reads JSON through one of two nodes with the same interface: NlohmannNode over
+// a document the caller holds, SimdNode over an answer parsed by simdjson. Both read a
+// document as nlohmann's parser builds it (a repeated member: the last one counts; a
+// non-negative integer is unsigned), so the mapping rules exist once and give the same
+// records from either.
+enum class NodeType { Null, Bool, Number, String, Array, Object };
+
+struct Number {
+  enum Kind { Unsigned, Signed, Float } kind;
+  std::uint64_t u = 0;
+  std::int64_t i = 0;
+  double d = 0;
+  double asDouble() const {
+    return kind == Float ? d : kind == Signed ? static_cast<double>(i) : static_cast<double>(u);
+  }
+};
+
+class NlohmannNode {
+ public:
+  explicit NlohmannNode(const json& value) : value_(&value) {}
+  /// An array whose elements forEach() sets to null once each is handled.
+  static NlohmannNode releasing(json& array) {
+    NlohmannNode node(array);
+    node.release_ = &array;
+    return node;
+  }
+  NodeType type() const {
+    switch (value_->type()) {
+      case json::value_t::boolean:
+        return NodeType::Bool;
+      case json::value_t::number_unsigned:
+      case json::value_t::number_integer:
+      case json::value_t::number_float:
+        return NodeType::Number;
+      case json::value_t::string:
+        return NodeType::String;
+      case json::value_t::array:
+        return NodeType::Array;
+      case json::value_t::object:
+        return NodeType::Object;
+      default:
+        return NodeType::Null;
+    }
+  }
+  bool boolean() const { return value_->get<bool>(); }
+  Number number() const {
+    if (value_->is_number_unsigned()) return {Number::Unsigned, value_->get<std::uint64_t>()};
+    if (value_->is_number_integer()) return {Number::Signed, 0, value_->get<std::int64_t>()};
+    return {Number::Float, 0, 0, value_->get<double>()};
+  }
+  std::string_view text() const { return value_->get_ref<const std::string&>(); }
+  std::optional<NlohmannNode> member(std::string_view key) const {
+    auto it = value_->find(key);
+    if (it == value_->end()) return std::nullopt;
+    return NlohmannNode(*it);
+  }
+  std::size_t size() const { return value_->size(); }
+  template <class Each>
+  void forEach(Each each) const {
+    if (release_) {
+      for (auto& element : *release_) {
+        each(NlohmannNode(element));
+        element = nullptr;
+      }
+    } else {
+      for (const auto& element : *value_) each(NlohmannNode(element));
+    }
+  }
+  /// The value as JSON text; nullopt when it nests deeper than the mapping accepts. Printing
+  /// recurses per level, so the depth is checked first, without recursion.
+  std::optional<std::string> jsonText() const {
+    if (nestsDeeperThan(*value_, kQVLMaxJSONDepth)) return std::nullopt;
+    return value_->dump();
+  }
+
+ private:
+  const json* value_;
+  json* release_ = nullptr;
+};
+
+// The parser refuses documents that nest kQVLMaxJSONDepth levels or more, so every SimdNode
+// is within the mapping's limit and recursing over one is bounded.
+class SimdNode {
+ public:
+  explicit SimdNode(simdjson::dom::element value) : value_(value) {}
+  /// The value as a T; callers check type() first, so the conversion cannot fail.
+  template <class T>
+  static T as(simdjson::dom::element value) {
+    T out{};
+    if (value.get(out) != simdjson::SUCCESS) return T{};
+    return out;
+  }
+  NodeType type() const {
+    switch (value_.type()) {
+      case simdjson::dom::element_type::BOOL:
+        return NodeType::Bool;
+      case simdjson::dom::element_type::INT64:
+      case simdjson::dom::element_type::UINT64:
+      case simdjson::dom::element_type::DOUBLE:
+        return NodeType::Number;
+      case simdjson::dom::element_type::STRING:
+        return NodeType::String;
+      case simdjson::dom::element_type::ARRAY:
+        return NodeType::Array;
+      case simdjson::dom::element_type::OBJECT:
+        return NodeType::Object;
+      default:
+        return NodeType::Null;
+    }
+  }
+  bool boolean() const { return as<bool>(value_); }
+  Number number() const {
+    switch (value_.type()) {
+      case simdjson::dom::element_type::INT64: {
+        std::int64_t i = as<std::int64_t>(value_);
+        if (i >= 0) return {Number::Unsigned, static_cast<std::uint64_t>(i)};
+        return {Number::Signed, 0, i};
+      }
+      case simdjson::dom::element_type::UINT64:
+        return {Number::Unsigned, as<std::uint64_t>(value_)};
+      default:
+        return {Number::Float, 0, 0, as<double>(value_)};
+    }
+  }
+  std::string_view text() const { return as<std::string_view>(value_); }
+  std::optional<SimdNode> member(std::string_view key) const {
+    std::optional<SimdNode> found;
+    for (auto field : as<simdjson::dom::object>(value_)) {
+      if (field.key == key) found = SimdNode(field.value);
+    }
+    return found;
+  }
+  std::size_t size() const {
+    return value_.is_array() ? as<simdjson::dom::array>(value_).size()
+                             : as<simdjson::dom::object>(value_).size();
+  }
+  template <class Each>
+  void forEach(Each each) const {
+    for (auto element : as<simdjson::dom::array>(value_)) each(SimdNode(element));
+  }
+  std::optional<std::string> jsonText() const { return document(value_).dump(); }
+
+ private:
+  static json document(simdjson::dom::element value) {
+    switch (value.type()) {
+      case simdjson::dom::element_type::ARRAY: {
+        json out = json::array();
+        for (auto element : as<simdjson::dom::array>(value)) out.push_back(document(element));
+        return out;
+      }
+      case simdjson::dom::element_type::OBJECT: {
+        json out = json::object();
+        for (auto field : as<simdjson::dom::object>(value)) {
+          out[std::string(field.key)] = document(field.value);
+        }
+        return out;
+      }
+      case simdjson::dom::element_type::STRING:
+        return std::string(as<std::string_view>(value));
+      case simdjson::dom::element_type::BOOL:
+        return as<bool>(value);
+      case simdjson::dom::element_type::NULL_VALUE:
+        return nullptr;
+      default: {
+        Number n = SimdNode(value).number();
+        if (n.kind == Number::Unsigned) return n.u;
+        if (n.kind == Number::Signed) return n.i;
+        return n.d;
+      }
+    }
+  }
+  simdjson::dom::element value_;
+};
+
+template <class Node>
+qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, const Node& v) {
   const qvl::Property& p = cls.property(field.property);
   const std::string& key = field.key;
-  if (v.is_null()) {
+  const NodeType type = v.type();
+  if (type == NodeType::Null) {
     if (!p.optional) reject(cls, key, "null for a value that cannot be absent");
     return {};
   }
@@ -276,21 +454,22 @@ qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, co
     case PropertyKind::Int:
     case PropertyKind::Int32: {
       std::int64_t n = 0;
-      if (v.is_number_unsigned()) {
-        auto u = v.get<std::uint64_t>();
-        if (u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-          reject(cls, key, "integer out of range");
+      if (type == NodeType::Number) {
+        Number number = v.number();
+        if (number.kind == Number::Unsigned) {
+          if (number.u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+            reject(cls, key, "integer out of range");
+          }
+          n = static_cast<std::int64_t>(number.u);
+        } else if (number.kind == Number::Signed) {
+          n = number.i;
+        } else {
+          if (!std::isfinite(number.d) || number.d >= 9.2e18 || number.d <= -9.2e18)
+            reject(cls, key, "number out of range");
+          n = static_cast<std::int64_t>(number.d);
         }
-        n = static_cast<std::int64_t>(u);
-      } else if (v.is_number_integer()) {
-        n = v.get<std::int64_t>();
-      } else if (v.is_number_float()) {
-        double d = v.get<double>();
-        if (!std::isfinite(d) || d >= 9.2e18 || d <= -9.2e18)
-          reject(cls, key, "number out of range");
-        n = static_cast<std::int64_t>(d);
-      } else if (v.is_boolean()) {
-        n = v.get<bool>() ? 1 : 0;
+      } else if (type == NodeType::Bool) {
+        n = v.boolean() ? 1 : 0;
       } else {
         reject(cls, key, "expected a number");
       }
@@ -301,25 +480,25 @@ qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, co
       return n;
     }
     case PropertyKind::Bool:
-      if (v.is_boolean()) return v.get<bool>();
-      if (v.is_number()) return v.get<double>() != 0.0;
+      if (type == NodeType::Bool) return v.boolean();
+      if (type == NodeType::Number) return v.number().asDouble() != 0.0;
       reject(cls, key, "expected a boolean");
     case PropertyKind::Double:
-      if (v.is_number()) return v.get<double>();
-      if (v.is_boolean()) return v.get<bool>() ? 1.0 : 0.0;
+      if (type == NodeType::Number) return v.number().asDouble();
+      if (type == NodeType::Bool) return v.boolean() ? 1.0 : 0.0;
       reject(cls, key, "expected a number");
     case PropertyKind::String:
-      if (v.is_string()) return v.get<std::string>();
+      if (type == NodeType::String) return std::string(v.text());
       // Text properties that keep JSON ("parameters", "limits") may arrive as structures.
-      // Printing recurses per level, so the depth is checked first, without recursion.
-      if (field.holdsJson && (v.is_object() || v.is_array())) {
-        if (nestsDeeperThan(v, kQVLMaxJSONDepth)) reject(cls, key, "JSON nested too deep");
-        return v.dump();
+      if (field.holdsJson && (type == NodeType::Object || type == NodeType::Array)) {
+        auto text = v.jsonText();
+        if (!text) reject(cls, key, "JSON nested too deep");
+        return std::move(*text);
       }
       reject(cls, key, "expected text");
     case PropertyKind::Date: {
-      if (!v.is_string()) reject(cls, key, "expected date text");
-      auto date = QVLDateFormatter::dateFromString(v.get_ref<const std::string&>());
+      if (type != NodeType::String) reject(cls, key, "expected date text");
+      auto date = QVLDateFormatter::dateFromString(v.text());
       return date ? qvl::Value{*date} : qvl::Value{};
     }
     default:
@@ -327,16 +506,22 @@ qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, co
   }
 }
 
-// Follows a dotted key path; nullptr when a member is missing. A null on the way yields
+// Follows a dotted key path; nullopt when a member is missing. A null on the way yields
 // that null; any other non-object on the way is input of the wrong kind.
-const json* follow(const QVLModelClass& cls, const json& root, const MappingPlan::Field& field) {
-  const json* current = &root;
+template <class Node>
+std::optional<Node> follow(const QVLModelClass& cls, const Node& root,
+                           const MappingPlan::Field& field) {
+  Node current = root;
+  bool atRoot = true;
   for (const auto& component : field.path) {
-    if (current->is_null() && current != &root) return current;
-    if (!current->is_object()) reject(cls, field.key, "a member on the key path is not an object");
-    auto it = current->find(component);
-    if (it == current->end()) return nullptr;
-    current = &*it;
+    if (!atRoot && current.type() == NodeType::Null) return current;
+    if (current.type() != NodeType::Object) {
+      reject(cls, field.key, "a member on the key path is not an object");
+    }
+    auto next = current.member(component);
+    if (!next) return std::nullopt;
+    current = *next;
+    atRoot = false;
   }
   return current;
 }
@@ -363,33 +548,39 @@ class MergeStores {
   bool opened_ = false;
 };
 
-std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& dictionary,
+template <class Node>
+std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const std::optional<Node>& dictionary,
                                    qvl::Store* realm, MergeStores& stores);
 
-std::vector<std::shared_ptr<qvl::Object>> parseList(const QVLModelClass& cls, const json& array,
+template <class Node>
+std::vector<std::shared_ptr<qvl::Object>> parseList(const QVLModelClass& cls, const Node& array,
                                                     MergeStores& stores) {
   std::vector<std::shared_ptr<qvl::Object>> out;
   out.reserve(array.size());
-  for (const auto& element : array) {
-    if (!element.is_object()) {
+  array.forEach([&](const Node& element) {
+    if (element.type() != NodeType::Object) {
       throw QVLMappingError(cls.name() + ": an array element is not an object");
     }
-    out.push_back(parse(cls, element, stores.defaultStore(), stores));
-  }
+    out.push_back(parse<Node>(cls, element, stores.defaultStore(), stores));
+  });
   return out;
 }
 
-std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& dictionary,
+// A record from a JSON object; an absent or null dictionary maps as an empty object.
+template <class Node>
+std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const std::optional<Node>& dictionary,
                                    qvl::Store* realm, MergeStores& stores) {
   const auto& plan = qvl::detail::mappingPlan(cls);
-  static const json kEmpty = json::object();
-  const json& J = dictionary.is_null() ? kEmpty : dictionary;
-  if (!J.is_object()) throw QVLMappingError(cls.name() + ": the record is not a JSON object");
+  std::optional<Node> J = dictionary;
+  if (J && J->type() == NodeType::Null) J.reset();
+  if (J && J->type() != NodeType::Object) {
+    throw QVLMappingError(cls.name() + ": the record is not a JSON object");
+  }
 
   auto record = std::static_pointer_cast<QVLApiModel>(cls.makeObject());
   std::vector<int> missing;
   for (const auto& field : plan.fields) {
-    const json* v = follow(cls, J, field);
+    std::optional<Node> v = J ? follow(cls, *J, field) : std::nullopt;
     if (!v) {
       missing.push_back(field.property);
       continue;
@@ -397,18 +588,22 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& diction
     record->setValue(field.property, convert(cls, field, *v));
   }
   for (const auto& relation : plan.relations) {
-    auto it = J.find(relation.jsonKey);
-    if (it == J.end()) {
+    std::optional<Node> related = J ? J->member(relation.jsonKey) : std::nullopt;
+    if (!related) {
       missing.push_back(relation.property);
       continue;
     }
     if (relation.type == QVLRelationTypeToOne) {
-      if (!it->is_object()) reject(cls, relation.jsonKey, "a to-one relation must be an object");
-      record->setLink(relation.property, parse(*relation.target, *it, realm, stores));
+      if (related->type() != NodeType::Object) {
+        reject(cls, relation.jsonKey, "a to-one relation must be an object");
+      }
+      record->setLink(relation.property, parse(*relation.target, related, realm, stores));
     } else {
-      if (!it->is_array()) reject(cls, relation.jsonKey, "a to-many relation must be an array");
-      if (!it->empty()) {
-        record->list(relation.property).assign(parseList(*relation.target, *it, stores));
+      if (related->type() != NodeType::Array) {
+        reject(cls, relation.jsonKey, "a to-many relation must be an array");
+      }
+      if (related->size() > 0) {
+        record->list(relation.property).assign(parseList(*relation.target, *related, stores));
       }
     }
   }
@@ -428,46 +623,176 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const json& diction
   return record;
 }
 
-// One record per element of an array; a document given as modifiable releases each element
-// once it is mapped.
-template <class Array>
-std::vector<std::shared_ptr<QVLApiModel>> parseEach(const QVLModelClass& cls, Array& array,
-                                                    qvl::Store* realm, MergeStores& stores,
-                                                    std::vector<QVLError>* rejected) {
+// One record per element of an array; anything but an array gives none. Each rejection is
+// logged through `log`.
+template <class ArrayNode, class Log>
+std::vector<std::shared_ptr<QVLApiModel>> parseEach(
+    const QVLModelClass& cls, const ArrayNode& array, qvl::Store* realm, MergeStores& stores,
+    std::vector<QVLError>* rejected, std::vector<std::int64_t>* listedKeys, Log log) {
   std::vector<std::shared_ptr<QVLApiModel>> out;
-  if (!array.is_array()) return out;
+  if (array.type() != NodeType::Array) return out;
   out.reserve(array.size());
-  for (auto& element : array) {
+  array.forEach([&](const auto& element) {
+    using Node = std::decay_t<decltype(element)>;
     try {
-      if (!element.is_object()) {
+      if (element.type() != NodeType::Object) {
         throw QVLMappingError(cls.name() + ": an array element is not an object");
       }
-      out.push_back(parse(cls, element, realm, stores));
+      if (listedKeys) {
+        auto id = element.member("id");
+        if (id && id->type() == NodeType::Number) {
+          Number n = id->number();
+          if (n.kind != Number::Float) {
+            listedKeys->push_back(n.kind == Number::Signed ? n.i : static_cast<std::int64_t>(n.u));
+          }
+        }
+      }
+      out.push_back(parse<Node>(cls, element, realm, stores));
     } catch (const QVLMappingError& e) {
-      qvl::log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
+      log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
       if (rejected) {
         rejected->push_back(QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
       }
     }
-    if constexpr (!std::is_const_v<Array>) element = nullptr;
-  }
+  });
   return out;
+}
+
+void logNow(const std::string& line) { qvl::log(line); }
+
+// Thrown when simdjson refuses part of an answer; the answer then goes the nlohmann way.
+struct FastParseRefused {};
+
+// The elements of an answer's top-level array, streamed: simdjson walks the text once and each
+// element, which must be an object, becomes a small document of its own, so the whole answer
+// is never held as a document. The element parser refuses elements that nest
+// kQVLMaxJSONDepth - 1 levels or more (kQVLMaxJSONDepth or more in the answer).
+class StreamedArray {
+ public:
+  StreamedArray(simdjson::ondemand::array& array, simdjson::dom::parser& elementParser)
+      : array_(&array), elementParser_(&elementParser) {}
+  NodeType type() const { return NodeType::Array; }
+  std::size_t size() const { return 0; }  // not known before the walk
+  template <class Each>
+  void forEach(Each each) const {
+    for (auto result : *array_) {
+      simdjson::ondemand::value value;
+      simdjson::ondemand::object object;
+      std::string_view text;
+      simdjson::dom::element root;
+      // The element's text lies inside the padded answer, so it may be parsed in place.
+      if (result.get(value) != simdjson::SUCCESS ||
+          value.get_object().get(object) != simdjson::SUCCESS ||
+          object.raw_json().get(text) != simdjson::SUCCESS ||
+          elementParser_->parse(text.data(), text.size(), false).get(root) != simdjson::SUCCESS) {
+        throw FastParseRefused{};
+      }
+      each(SimdNode(root));
+    }
+  }
+
+ private:
+  simdjson::ondemand::array* array_;
+  simdjson::dom::parser* elementParser_;
+};
+
+// An answer parsed by simdjson, or nothing when simdjson refuses it: text nlohmann accepts
+// and simdjson does not (integers beyond 64 bits, nesting at the limit) then goes the
+// nlohmann way, which also decides what malformed text gives.
+std::optional<simdjson::dom::element> parseFast(simdjson::dom::parser& parser,
+                                                std::string_view text) {
+  if (parser.allocate(text.size(), kQVLMaxJSONDepth) != simdjson::SUCCESS) return std::nullopt;
+  simdjson::dom::element root;
+  if (parser.parse(text.data(), text.size(), true).get(root) != simdjson::SUCCESS) {
+    return std::nullopt;
+  }
+  return root;
 }
 
 }  // namespace
 
-std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(const QVLModelClass& cls,
-                                                                      json&& array) {
+std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(
+    const QVLModelClass& cls, json&& array, std::vector<std::int64_t>* listedKeys) {
   qvl::detail::mappingPlan(cls);  // a class without a mapping raises whatever the answer
   MergeStores none(nullptr);
-  return parseEach(cls, array, nullptr, none, nullptr);
+  return parseEach(cls, NlohmannNode::releasing(array), nullptr, none, nullptr, listedKeys, logNow);
+}
+
+namespace {
+
+// The records of an answer's text: streamed when simdjson takes the whole of it, otherwise
+// from nlohmann's document. `capacity` is what the text's buffer holds; with room for
+// simdjson's padding the text is read in place. `done` runs once the text is no longer needed.
+template <class Done>
+std::vector<std::shared_ptr<QVLApiModel>> recordsToMergeFromText(
+    const QVLModelClass& cls, std::string_view text, std::size_t capacity,
+    std::vector<std::int64_t>* listedKeys, Done done) {
+  qvl::detail::mappingPlan(cls);
+  std::vector<std::string> rejections;  // logged only when the walk completes
+  try {
+    simdjson::padded_string copy;
+    simdjson::padded_string_view view(text.data(), text.size(), capacity);
+    if (capacity < text.size() + simdjson::SIMDJSON_PADDING) {
+      copy = simdjson::padded_string(text);
+      view = copy;
+    }
+    simdjson::ondemand::parser parser;
+    simdjson::ondemand::document document;
+    simdjson::ondemand::array array;
+    simdjson::dom::parser elementParser;
+    // A text that is not an array gives no records, unless it nests too deep: nlohmann decides.
+    if (parser.iterate(view).get(document) != simdjson::SUCCESS ||
+        document.get_array().get(array) != simdjson::SUCCESS ||
+        elementParser.allocate(4096, kQVLMaxJSONDepth - 1) != simdjson::SUCCESS) {
+      throw FastParseRefused{};
+    }
+    MergeStores none(nullptr);
+    auto records = parseEach(cls, StreamedArray(array, elementParser), nullptr, none, nullptr,
+                             listedKeys, [&](std::string line) { rejections.push_back(line); });
+    const char* trailing = nullptr;
+    if (document.current_location().get(trailing) == simdjson::SUCCESS) throw FastParseRefused{};
+    done();
+    for (const auto& line : rejections) qvl::log(line);
+    return records;
+  } catch (const FastParseRefused&) {
+  }
+  if (listedKeys) listedKeys->clear();
+  json document = QVLApiModel::parseJSONData(text);
+  done();
+  return qvl::detail::recordsToMerge(cls, std::move(document), listedKeys);
+}
+
+}  // namespace
+
+std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(
+    const QVLModelClass& cls, std::string&& text, std::vector<std::int64_t>* listedKeys) {
+  text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
+  return recordsToMergeFromText(cls, text, text.capacity(), listedKeys,
+                                [&text] { std::string().swap(text); });
+}
+
+std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(
+    const QVLModelClass& cls, const std::string& text, std::vector<std::int64_t>* listedKeys) {
+  return recordsToMergeFromText(cls, text, text.capacity(), listedKeys, [] {});
 }
 
 std::shared_ptr<QVLApiModel> qvl::detail::recordToMerge(const QVLModelClass& cls,
                                                         const json& dictionary) {
-  static const json kAbsent;
   MergeStores none(nullptr);
-  return parse(cls, dictionary.is_object() ? dictionary : kAbsent, nullptr, none);
+  std::optional<NlohmannNode> node;
+  if (dictionary.is_object()) node.emplace(dictionary);
+  return parse(cls, node, nullptr, none);
+}
+
+std::shared_ptr<QVLApiModel> qvl::detail::recordToMerge(const QVLModelClass& cls,
+                                                        std::string_view text) {
+  simdjson::dom::parser parser;
+  auto root = parseFast(parser, text);
+  if (!root) return recordToMerge(cls, QVLApiModel::parseJSONData(text));
+  MergeStores none(nullptr);
+  std::optional<SimdNode> node;
+  if (root->is_object()) node.emplace(*root);
+  return parse(cls, node, nullptr, none);
 }
 
 const QVLModelClass& QVLApiModel::modelClass() {
@@ -480,14 +805,14 @@ std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLM
                                                                       const json& dictionary,
                                                                       qvl::Store* realm) {
   MergeStores stores;
-  return parse(cls, dictionary, realm, stores);
+  return parse(cls, std::optional<NlohmannNode>(dictionary), realm, stores);
 }
 
 std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary) {
   qvl::detail::mappingPlan(cls);  // a class without a mapping raises before the store opens
   MergeStores stores(QVLRealm::realm());
-  return parse(cls, dictionary, stores.defaultStore(), stores);
+  return parse(cls, std::optional<NlohmannNode>(dictionary), stores.defaultStore(), stores);
 }
 
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
@@ -501,7 +826,7 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     const QVLModelClass& cls, const json& array, qvl::Store* realm,
     std::vector<QVLError>* rejected) {
   MergeStores stores;
-  return parseEach(cls, array, realm, stores, rejected);
+  return parseEach(cls, NlohmannNode(array), realm, stores, rejected, nullptr, logNow);
 }
 
 json QVLApiModel::parseJSONData(std::string_view data, bool allowExceptions) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "quorvel/Models/QVLApiModel.h"
@@ -35,13 +36,28 @@ struct MappingPlan {
 /// itself: the properties the JSON leaves out, and the protected ones, are marked to keep their
 /// stored values, and nothing is read from the store. Elements that are not objects or hold
 /// values of the wrong kind are rejected one by one, as QVLApiModel::newObjectsWithJSONArray
-/// rejects them; anything but an array gives no records. Each element of the document is
-/// released once it is mapped, so the document and the records do not peak together.
-std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(const QVLModelClass& cls,
-                                                         nlohmann::json&& array);
+/// rejects them; anything but an array gives no records. When `listedKeys` is given, it
+/// receives the integer "id" of every object element, rejected or not. Each element of the
+/// document is released once it is mapped, so the document and the records do not peak
+/// together.
+std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(
+    const QVLModelClass& cls, nlohmann::json&& array,
+    std::vector<std::int64_t>* listedKeys = nullptr);
+/// The same from the service's answer text, streamed element by element (no document of the
+/// whole answer is built), and released once the records are mapped. The records, listed keys
+/// and rejections are those of the text's document: nesting deeper than kQVLMaxJSONDepth
+/// throws QVLMappingError, and text that is not JSON gives no records.
+std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(
+    const QVLModelClass& cls, std::string&& text, std::vector<std::int64_t>* listedKeys = nullptr);
+/// The same from text the caller keeps.
+std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(
+    const QVLModelClass& cls, const std::string& text,
+    std::vector<std::int64_t>* listedKeys = nullptr);
 /// One record mapped as recordsToMerge maps each; anything but an object maps as an empty one.
 /// Throws QVLMappingError for values of the wrong kind.
 std::shared_ptr<QVLApiModel> recordToMerge(const QVLModelClass& cls,
                                            const nlohmann::json& dictionary);
+/// The same from an answer's text (see recordsToMerge for text that is not JSON).
+std::shared_ptr<QVLApiModel> recordToMerge(const QVLModelClass& cls, std::string_view text);
 
 }  // namespace qvl::detail
