@@ -30,7 +30,7 @@ class GraphWriter {
     // the caller's write transaction.
     std::string keptColumns(info.columns.size(), '0');
     for (size_t c = 0; c < info.columns.size(); ++c) {
-      if (StoreAccess::slot(*object, info.columns[c]).keepStored) keptColumns[c] = '1';
+      if (StoreAccess::keepsStoredValue(*object, info.columns[c])) keptColumns[c] = '1';
     }
 
     std::vector<std::int64_t> linkRows(info.columns.size(), 0);
@@ -58,7 +58,7 @@ class GraphWriter {
           else
             use.bindNull(position);
         } else {
-          impl_.bindValue(use, position, p, StoreAccess::slot(*object, index).value);
+          impl_.bindValue(use, position, p, StoreAccess::value(*object, index));
         }
       }
       return position;
@@ -92,7 +92,7 @@ class GraphWriter {
       if (existed) row = impl_.rowForKey(info, key);
       if (!row) throw StoreError("store: no row written for " + cls.name());
     }
-    auto kept = [&](int index) { return existed && StoreAccess::slot(*object, index).keepStored; };
+    auto kept = [&](int index) { return existed && StoreAccess::keepsStoredValue(*object, index); };
     rows_[object.get()] = row;
     for (size_t c = 0; c < pendingLinks.size(); ++c) {
       if (pendingLinks[c] && !kept(info.columns[c])) {

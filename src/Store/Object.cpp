@@ -33,33 +33,22 @@ const char* kindName(PropertyKind kind) {
   return "?";
 }
 
-Value defaultValue(const Property& p) {
-  if (p.optional) return {};
-  switch (p.kind) {
-    case PropertyKind::Int:
-    case PropertyKind::Int32:
-      return std::int64_t{0};
-    case PropertyKind::Bool:
-      return false;
-    case PropertyKind::Double:
-      return 0.0;
-    default:
-      return {};
-  }
-}
+const Value kNull{};
+const std::vector<std::shared_ptr<Object>> kNoElements{};
 
 }  // namespace
 
 Object::Object(const ObjectClass& objectClass)
-    : class_(&objectClass), slots_(objectClass.properties().size()) {
-  for (size_t i = 0; i < slots_.size(); ++i)
-    slots_[i].value = defaultValue(class_->properties()[i]);
+    : class_(&objectClass), values_(objectClass.scalarDefaults_) {
+  if (objectClass.linkCount_ > 0) {
+    links_ = std::make_unique<LinkSlot[]>(static_cast<size_t>(objectClass.linkCount_));
+  }
 }
 
 Object::~Object() = default;
 
 const Property& Object::checkedProperty(int index) const {
-  if (index < 0 || static_cast<size_t>(index) >= slots_.size()) {
+  if (index < 0 || static_cast<size_t>(index) >= class_->properties().size()) {
     throw std::invalid_argument(class_->name() + ": no property at index " + std::to_string(index));
   }
   return class_->properties()[static_cast<size_t>(index)];
@@ -92,9 +81,13 @@ bool Object::isSameObject(const Object& other) const {
 std::optional<std::int64_t> Object::primaryKeyValue() const {
   int index = class_->primaryKeyIndex();
   if (index < 0) return std::nullopt;
-  const Value& v = slots_[static_cast<size_t>(index)].value;
+  const Value& v = values_[storageIndex(index)];
   if (auto* i = std::get_if<std::int64_t>(&v)) return *i;
   return std::nullopt;
+}
+
+const Value& Object::heldValue(int index) const {
+  return class_->property(index).isScalar() ? values_[storageIndex(index)] : kNull;
 }
 
 Value Object::value(int index) const {
@@ -102,7 +95,7 @@ Value Object::value(int index) const {
   if (!p.isScalar()) {
     throw std::invalid_argument(class_->name() + "." + p.name + " is a " + kindName(p.kind));
   }
-  return slots_[static_cast<size_t>(index)].value;
+  return values_[storageIndex(index)];
 }
 
 void Object::setValue(int index, Value value) {
@@ -155,9 +148,8 @@ void Object::setValue(int index, Value value) {
     use.step();
     ++impl.changeCounter;
   }
-  Slot& slot = slots_[static_cast<size_t>(index)];
-  slot.value = std::move(value);
-  slot.keepStored = false;
+  values_[storageIndex(index)] = std::move(value);
+  setKeepsMark(index, false);
 }
 
 std::shared_ptr<Object> Object::link(int index) const {
@@ -165,14 +157,14 @@ std::shared_ptr<Object> Object::link(int index) const {
   if (p.kind != PropertyKind::Link) {
     throw std::invalid_argument(class_->name() + "." + p.name + " is not a link");
   }
-  Slot& slot = slots_[static_cast<size_t>(index)];
-  if (store_ && !slot.linkResolved) {
+  LinkSlot& slot = linkSlot(index);
+  if (store_ && !slot.resolved) {
     store_->checkThread();
     auto& impl = StoreAccess::impl(*store_);
-    slot.link = impl.load(*store_, impl.info(p.target()), slot.linkRow);
-    slot.linkResolved = true;
+    slot.target = impl.load(*store_, impl.info(p.target()), slot.row);
+    slot.resolved = true;
   }
-  return slot.link;
+  return slot.target;
 }
 
 void Object::setLink(int index, std::shared_ptr<Object> target) {
@@ -184,7 +176,7 @@ void Object::setLink(int index, std::shared_ptr<Object> target) {
     throw std::invalid_argument(class_->name() + "." + p.name + " links " + p.target().name() +
                                 ", not " + target->objectClass().name());
   }
-  Slot& slot = slots_[static_cast<size_t>(index)];
+  LinkSlot& slot = linkSlot(index);
   if (store_) {
     std::int64_t row = target ? StoreAccess::upsertGraph(*store_, target) : 0;
     auto& impl = StoreAccess::impl(*store_);
@@ -196,31 +188,57 @@ void Object::setLink(int index, std::shared_ptr<Object> target) {
     use.bindInt(2, row_);
     use.step();
     ++impl.changeCounter;
-    slot.linkRow = row;
-    slot.linkResolved = false;
-    slot.link.reset();
+    slot.row = row;
+    slot.resolved = false;
+    slot.target.reset();
     return;
   }
-  slot.link = std::move(target);
-  slot.keepStored = false;
+  slot.target = std::move(target);
+  setKeepsMark(index, false);
 }
 
 void Object::keepStoredValue(int index) {
   const Property& p = checkedProperty(index);
   if (store_) throw std::logic_error(class_->name() + "." + p.name + ": the record is stored");
   if (p.kind == PropertyKind::LinkingObjects) return;
-  slots_[static_cast<size_t>(index)].keepStored = true;
+  setKeepsMark(index, true);
 }
 
 bool Object::keepsStoredValue(int index) const {
   checkedProperty(index);
-  return slots_[static_cast<size_t>(index)].keepStored;
+  return keepsMark(index);
 }
 
-std::vector<std::shared_ptr<Object>>& Object::changedList(int index) {
-  Slot& slot = slots_[static_cast<size_t>(index)];
-  slot.keepStored = false;
-  return slot.list;
+bool Object::keepsMark(int index) const {
+  auto i = static_cast<size_t>(index);
+  if (i < 64) return (keepMarks_ >> i) & 1;
+  return keepMarksBeyond64_ && ((keepMarksBeyond64_[i / 64 - 1] >> (i % 64)) & 1);
+}
+
+void Object::setKeepsMark(int index, bool marked) {
+  auto i = static_cast<size_t>(index);
+  std::uint64_t* word = &keepMarks_;
+  if (i >= 64) {
+    if (!keepMarksBeyond64_) {
+      if (!marked) return;
+      // One word per further 64 properties; a class of 65 properties needs one.
+      keepMarksBeyond64_ =
+          std::make_unique<std::uint64_t[]>((class_->properties().size() - 1) / 64);
+    }
+    word = &keepMarksBeyond64_[i / 64 - 1];
+  }
+  const std::uint64_t bit = std::uint64_t{1} << (i % 64);
+  *word = marked ? (*word | bit) : (*word & ~bit);
+}
+
+const Object::ObjectList& Object::storedList(int index) const {
+  return lists_ ? lists_[storageIndex(index)] : kNoElements;
+}
+
+Object::ObjectList& Object::changedList(int index) {
+  if (!lists_) lists_ = std::make_unique<ObjectList[]>(static_cast<size_t>(class_->listCount_));
+  setKeepsMark(index, false);
+  return lists_[storageIndex(index)];
 }
 
 AnyList Object::list(int index) { return AnyList(shared_from_this(), index); }
@@ -274,29 +292,29 @@ void Object::copyProperty(const Object& source, int index) {
 }
 
 std::optional<std::int64_t> Object::optionalInt(int index) const {
-  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  const Value& v = heldValue(index);
   if (auto* i = std::get_if<std::int64_t>(&v)) return *i;
   return std::nullopt;
 }
 std::int64_t Object::intValue(int index) const { return optionalInt(index).value_or(0); }
 std::optional<double> Object::optionalDouble(int index) const {
-  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  const Value& v = heldValue(index);
   if (auto* d = std::get_if<double>(&v)) return *d;
   return std::nullopt;
 }
 double Object::doubleValue(int index) const { return optionalDouble(index).value_or(0.0); }
 bool Object::boolValue(int index) const {
-  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  const Value& v = heldValue(index);
   auto* b = std::get_if<bool>(&v);
   return b && *b;
 }
 std::optional<std::string> Object::stringValue(int index) const {
-  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  const Value& v = heldValue(index);
   if (auto* s = std::get_if<std::string>(&v)) return *s;
   return std::nullopt;
 }
 std::optional<Date> Object::dateValue(int index) const {
-  const Value& v = slots_.at(static_cast<size_t>(index)).value;
+  const Value& v = heldValue(index);
   if (auto* d = std::get_if<Date>(&v)) return *d;
   return std::nullopt;
 }

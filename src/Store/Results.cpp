@@ -246,7 +246,7 @@ const ClassInfo::ListInfo& listInfo(detail::StoreImpl& impl, const Object& owner
 }  // namespace
 
 std::size_t AnyList::size() const {
-  if (!owner_->isManaged()) return owner_->slots_[static_cast<size_t>(index_)].list.size();
+  if (!owner_->isManaged()) return owner_->storedList(index_).size();
   owner_->store()->checkThread();
   auto& impl = StoreAccess::impl(*owner_->store());
   StatementUse use(impl.statement(listInfo(impl, *owner_, index_).count));
@@ -256,7 +256,7 @@ std::size_t AnyList::size() const {
 }
 
 std::shared_ptr<Object> AnyList::at(std::size_t index) const {
-  if (!owner_->isManaged()) return owner_->slots_[static_cast<size_t>(index_)].list.at(index);
+  if (!owner_->isManaged()) return owner_->storedList(index_).at(index);
   owner_->store()->checkThread();
   auto& impl = StoreAccess::impl(*owner_->store());
   auto rows = impl.listRows(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_));
@@ -264,7 +264,7 @@ std::shared_ptr<Object> AnyList::at(std::size_t index) const {
 }
 
 std::vector<std::shared_ptr<Object>> AnyList::elements() const {
-  if (!owner_->isManaged()) return owner_->slots_[static_cast<size_t>(index_)].list;
+  if (!owner_->isManaged()) return owner_->storedList(index_);
   owner_->store()->checkThread();
   auto& impl = StoreAccess::impl(*owner_->store());
   const ClassInfo& target = impl.info(objectClass());
@@ -283,7 +283,7 @@ std::vector<std::shared_ptr<Object>> AnyList::elements() const {
 
 std::optional<std::size_t> AnyList::indexOf(const Object& element) const {
   if (!owner_->isManaged()) {
-    const auto& list = owner_->slots_[static_cast<size_t>(index_)].list;
+    const auto& list = owner_->storedList(index_);
     for (size_t i = 0; i < list.size(); ++i) {
       if (list[i]->isSameObject(element)) return i;
     }

@@ -72,41 +72,43 @@ void detail::StoreImpl::fill(Object& object, const ClassInfo& info, StatementUse
     int col = firstColumn + static_cast<int>(c);
     int index = info.columns[c];
     const Property& p = info.objectClass->property(index);
-    auto& slot = StoreAccess::slot(object, index);
     bool null = use.columnIsNull(col);
     sqlite3_stmt* s = use.get();
+    if (p.kind == PropertyKind::Link) {
+      auto& link = StoreAccess::link(object, index);
+      link.target.reset();
+      link.row = null ? 0 : sqlite3_column_int64(s, col);
+      link.resolved = link.row == 0;
+      continue;
+    }
+    Value& value = StoreAccess::value(object, index);
     switch (p.kind) {
       case PropertyKind::Int:
       case PropertyKind::Int32:
         if (null)
-          slot.value = p.optional ? Value{} : Value{std::int64_t{0}};
+          value = p.optional ? Value{} : Value{std::int64_t{0}};
         else
-          slot.value = static_cast<std::int64_t>(sqlite3_column_int64(s, col));
+          value = static_cast<std::int64_t>(sqlite3_column_int64(s, col));
         break;
       case PropertyKind::Bool:
-        slot.value = !null && sqlite3_column_int64(s, col) != 0;
+        value = !null && sqlite3_column_int64(s, col) != 0;
         break;
       case PropertyKind::Double:
         if (null)
-          slot.value = p.optional ? Value{} : Value{0.0};
+          value = p.optional ? Value{} : Value{0.0};
         else
-          slot.value = sqlite3_column_double(s, col);
+          value = sqlite3_column_double(s, col);
         break;
       case PropertyKind::String:
         if (null) {
-          slot.value = Value{};
+          value = Value{};
         } else {
           auto text = reinterpret_cast<const char*>(sqlite3_column_text(s, col));
-          slot.value = std::string(text, static_cast<size_t>(sqlite3_column_bytes(s, col)));
+          value = std::string(text, static_cast<size_t>(sqlite3_column_bytes(s, col)));
         }
         break;
       case PropertyKind::Date:
-        slot.value = null ? Value{} : Value{storedToDate(sqlite3_column_int64(s, col))};
-        break;
-      case PropertyKind::Link:
-        slot.link.reset();
-        slot.linkRow = null ? 0 : sqlite3_column_int64(s, col);
-        slot.linkResolved = slot.linkRow == 0;
+        value = null ? Value{} : Value{storedToDate(sqlite3_column_int64(s, col))};
         break;
       default:
         break;

@@ -158,9 +158,16 @@ class StoreAccess {
  public:
   static detail::StoreImpl& impl(Store& store) { return *store.impl_; }
   static std::int64_t row(const Object& object) { return object.row_; }
-  static Object::Slot& slot(Object& object, int index) {
-    return object.slots_[static_cast<size_t>(index)];
+  /// Scalar property `index` of `object`, unchecked.
+  static Value& value(Object& object, int index) {
+    return object.values_[object.storageIndex(index)];
   }
+  static const Value& value(const Object& object, int index) {
+    return object.values_[object.storageIndex(index)];
+  }
+  /// Link property `index` of `object`, unchecked.
+  static Object::LinkSlot& link(Object& object, int index) { return object.linkSlot(index); }
+  static bool keepsStoredValue(const Object& object, int index) { return object.keepsMark(index); }
   static void manage(Object& object, std::shared_ptr<Store> store, std::int64_t row) {
     object.store_ = std::move(store);
     object.row_ = row;

@@ -2,6 +2,7 @@
 /// @file
 /// The base of every persisted record.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -116,21 +117,38 @@ class QVL_EXPORT Object : public std::enable_shared_from_this<Object> {
   friend class AnyList;
   friend class StoreAccess;
 
-  struct Slot {
-    Value value;                                // scalars
-    std::shared_ptr<Object> link;               // to-one, unmanaged or resolved
-    std::int64_t linkRow = 0;                   // to-one of a managed record, 0 = none
-    bool linkResolved = true;                   // managed: link loaded from linkRow
-    std::vector<std::shared_ptr<Object>> list;  // lists of an unmanaged record
-    bool keepStored = false;                    // see keepStoredValue()
+  /// A to-one link's storage.
+  struct LinkSlot {
+    std::shared_ptr<Object> target;  // unmanaged, or managed once loaded
+    std::int64_t row = 0;            // managed: the target's row, 0 = none
+    bool resolved = true;            // managed: target loaded from row
   };
+  using ObjectList = std::vector<std::shared_ptr<Object>>;
 
   const Property& checkedProperty(int index) const;
+  /// Position of property `index` among the properties held the same way (no range check).
+  std::size_t storageIndex(int index) const {
+    return static_cast<std::size_t>(class_->storageIndex_[static_cast<std::size_t>(index)]);
+  }
+  /// The held value of scalar property `index`, or null for another kind; the index is
+  /// checked (std::out_of_range).
+  const Value& heldValue(int index) const;
+  LinkSlot& linkSlot(int index) const { return links_[storageIndex(index)]; }
+  /// The in-memory list of an unmanaged record.
+  const ObjectList& storedList(int index) const;
   /// The in-memory list of an unmanaged record, about to be changed.
-  std::vector<std::shared_ptr<Object>>& changedList(int index);
+  ObjectList& changedList(int index);
+  bool keepsMark(int index) const;
+  void setKeepsMark(int index, bool marked);
 
+  // Only what a property's kind needs is held: the class lays out scalars, links and lists
+  // separately (ObjectClass::storageIndex_).
   const ObjectClass* class_;
-  mutable std::vector<Slot> slots_;  // mutable: managed links load on first read
+  std::vector<Value> values_;                  // scalars
+  mutable std::unique_ptr<LinkSlot[]> links_;  // mutable: managed links load on first read
+  std::unique_ptr<ObjectList[]> lists_;        // an unmanaged record's, made on first change
+  std::uint64_t keepMarks_ = 0;                // keepStoredValue() marks of properties 0-63
+  std::unique_ptr<std::uint64_t[]> keepMarksBeyond64_;  // the others', made on first mark
   std::shared_ptr<Store> store_;
   std::int64_t row_ = 0;
 };

@@ -82,12 +82,20 @@ class QVL_EXPORT ObjectClass {
   std::shared_ptr<Object> makeObject() const { return factory_(); }
 
  private:
+  friend class Object;
+
   std::string name_;
   std::vector<Property> properties_;
   std::string primaryKey_;
   int primaryKeyIndex_ = -1;
   Factory factory_;
   std::unordered_map<std::string, int> indexByName_;
+  // The layout of a record's storage: by property index, the position among the properties
+  // held the same way (scalars, links, lists; -1 for inverse relations, which hold nothing).
+  std::vector<int> storageIndex_;
+  std::vector<Value> scalarDefaults_;  // a new record's scalars
+  int linkCount_ = 0;
+  int listCount_ = 0;
 };
 
 }  // namespace qvl
