@@ -4,6 +4,7 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/Guarded.h"
 #include "Platform/Immortal.h"
 #include "quorvel/Platform/Env.h"
 
@@ -43,7 +44,7 @@ class TimerThread {
       std::function<void()> task = std::move(first->second.second);
       timers_.erase(first);
       lock.unlock();
-      task();
+      detail::runGuarded("a timer task", task);
       task = nullptr;
       lock.lock();
     }

@@ -4,19 +4,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "Platform/Guarded.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
 namespace {
 
 void runTask(std::function<void()>& task) {
-  try {
-    task();
-  } catch (const std::exception& e) {
-    log(std::string("QuorvelSDK: a main-queue task threw: ") + e.what());
-  } catch (...) {
-    log("QuorvelSDK: a main-queue task threw");
-  }
+  detail::runGuarded("a main-queue task", task);
   task = nullptr;  // release what it captured outside the queue's lock
 }
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/Guarded.h"
 #include "Platform/Immortal.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -80,7 +81,7 @@ class WorkerPool final : public Executor {
       std::function<void()> job = std::move(ready_.front());
       ready_.pop_front();
       lock.unlock();
-      job();
+      detail::runGuarded("a worker job", job);
       job = nullptr;  // release what the job captured before the next one starts
       lock.lock();
     }
@@ -117,13 +118,7 @@ void runOne(const std::shared_ptr<SerialQueue::State>& queue) {
     queue->tasks.pop_front();
   }
   tCurrentQueue = queue.get();
-  try {
-    task();
-  } catch (const std::exception& e) {
-    log(std::string("QuorvelSDK: a queued task threw: ") + e.what());
-  } catch (...) {
-    log("QuorvelSDK: a queued task threw");
-  }
+  detail::runGuarded("a queued task", task);
   tCurrentQueue = nullptr;
   task = nullptr;
 

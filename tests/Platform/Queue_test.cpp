@@ -12,6 +12,10 @@
 
 #include <gtest/gtest.h>
 
+#include "quorvel/Platform/Clock.h"
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+
 namespace qvl {
 namespace {
 
@@ -137,6 +141,34 @@ TEST(SerialQueueTest, ManyQueuesShareTheBoundedPoolWithoutStarving) {
   }
   ASSERT_TRUE(finished.waitFor(kQueues * kTasksEach));
   for (int q = 0; q < kQueues; ++q) EXPECT_EQ(seen[q], (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
+// Whatever a task throws on one of the library's threads is logged with the thread's role,
+// and the thread goes on with the next task instead of taking the host's process down.
+TEST(ThreadSecurity, ATaskThatThrowsIsLoggedAndTheThreadGoesOn) {
+  using Post = std::function<void(std::function<void()>)>;
+  SerialQueue queue;
+  SystemClock clock;
+  const struct {
+    const char* origin;
+    Post post;
+  } rows[] = {
+      {"a timer task", [&](auto task) { clock.runAfter(0ms, std::move(task)); }},
+      {"a worker job", [](auto task) { threadPoolExecutor()->post(std::move(task)); }},
+      {"a queued task", [&](auto task) { queue.async(std::move(task)); }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.origin);
+    test::LogCapture log;
+    Completion finished;
+    row.post([] { throw std::runtime_error("host callback failure"); });
+    row.post([&] { finished.done(); });
+    ASSERT_TRUE(finished.waitFor(1));
+    const std::string line =
+        std::string("QuorvelSDK: ") + row.origin + " threw: host callback failure";
+    EXPECT_TRUE(
+        test::eventually([&] { return log.count(line) == 1; }));  // workers run side by side
+  }
 }
 
 }  // namespace
