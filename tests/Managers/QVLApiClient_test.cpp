@@ -611,7 +611,6 @@ TEST_F(QVLApiClientWireTest, AServerWithAnotherKeyGetsNoRequestAndTheRefusalIsRe
 // requests, whatever order the host configured the client in, unless the host opted out.
 class PinningSecurity : public QVLApiClientWireTest {
  protected:
-  qvl::devserver::HttpsServer impostor_{TestCertificates::otherLeaf()};
   qvl::test::LogCapture log_;
 };
 
@@ -633,13 +632,14 @@ TEST_F(PinningSecurity, AnUnpinnedServerGetsNoRequestUnlessTheHostOptedOut) {
            {"custom domain without pins, opted out", true, false, true, nullptr},
        }) {
     SCOPED_TRACE(row.name);
+    qvl::devserver::HttpsServer impostor(TestCertificates::otherLeaf());
     qvl::ScopedEnv fresh([](qvl::Env& env) {
       env.pinValidator = std::make_shared<qvl::PinValidator>();
       env.apiDomain.clear();
     });
     if (row.pinnedDefaultDomainFirst) client().setupPinning();
     qvl::ScopedEnv custom([&](qvl::Env& env) {
-      env.apiDomain = domainOf(impostor_.port());
+      env.apiDomain = domainOf(impostor.port());
       if (!row.ownPins) env.publicKeyHashes.clear();
       env.allowUnpinnedApiDomain = row.optOut;
     });
@@ -648,7 +648,7 @@ TEST_F(PinningSecurity, AnUnpinnedServerGetsNoRequestUnlessTheHostOptedOut) {
         client().urlSession(), client().apiPostRequest("redemptions", {{"prize_id", 1}}), kWait);
     ASSERT_TRUE(outcome.completed);
     // Pin failure reports (no key, no token) may reach it; the client's requests must not.
-    const auto requests = impostor_.requests();
+    const auto requests = impostor.requests();
     const auto sent = std::count_if(requests.begin(), requests.end(),
                                     [](const auto& r) { return r.path != "/ssl-reporting"; });
     EXPECT_EQ(log_.count(noPinsLine), row.optOut ? 1u : 0u);
