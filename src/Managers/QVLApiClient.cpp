@@ -1,5 +1,10 @@
 #include "quorvel/Managers/QVLApiClient.h"
 
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+
 #include "Platform/Immortal.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLToken.h"
@@ -7,6 +12,7 @@
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/PinValidator.h"
+#include "quorvel/Platform/Url.h"
 
 namespace {
 
@@ -64,6 +70,39 @@ std::string hostOf(const std::string& domain) {
   return domain.substr(0, domain.find(':'));
 }
 
+std::string normalizedHost(std::string host) {
+  std::transform(host.begin(), host.end(), host.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (!host.empty() && host.back() == '.') host.pop_back();
+  return host;
+}
+
+// The pinned domain of the environment: the API domain's host.
+std::string apiHost(const qvl::Env& env) {
+  return normalizedHost(
+      hostOf(env.apiDomain.empty() ? QVLApiClient::kDefaultApiDomain : env.apiDomain));
+}
+
+bool isInApiDomain(const std::string& host, const qvl::Env& env) {
+  const std::string name = normalizedHost(host);
+  const std::string domain = apiHost(env);
+  return name == domain || (name.size() > domain.size() && name.ends_with("." + domain));
+}
+
+// How the API domain's certificates are checked.
+enum class ApiTrust {
+  Pinned,    // against its pins (a custom domain without pins is refused instead)
+  Unpinned,  // certificate authorities only: the host opted out for a custom domain
+};
+
+bool hasNoPins(const qvl::Env& env) {
+  return env.publicKeyHashes.empty() && apiHost(env) != QVLApiClient::kDefaultApiDomain;
+}
+
+ApiTrust apiTrust(const qvl::Env& env) {
+  return hasNoPins(env) && env.allowUnpinnedApiDomain ? ApiTrust::Unpinned : ApiTrust::Pinned;
+}
+
 }  // namespace
 
 QVLApiClient& QVLApiClient::sharedClient() {
@@ -89,8 +128,9 @@ std::string QVLApiClient::apiDomain() {
 }
 
 std::vector<std::string> QVLApiClient::publicKeyHashes() {
-  std::vector<std::string> pins = qvl::Env::current()->publicKeyHashes;
-  return pins.empty() ? builtInPins() : pins;
+  const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
+  if (env->publicKeyHashes.empty() && !hasNoPins(*env)) return builtInPins();
+  return env->publicKeyHashes;
 }
 
 void QVLApiClient::setPublicKeyHashes(std::vector<std::string> pins) {
@@ -154,7 +194,14 @@ qvl::HttpHeaders QVLApiClient::headers() const {
 }
 
 std::shared_ptr<qvl::HttpSession> QVLApiClient::urlSession() {
-  qvl::HttpSessionConfiguration configuration = *qvl::Env::current()->httpSessionConfiguration;
+  const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
+  ensurePinning();
+  if (apiTrust(*env) == ApiTrust::Unpinned) {
+    qvl::log("QuorvelSDK: the API domain " + apiHost(*env) +
+             " has no pins; its certificates are checked against the certificate authorities "
+             "only (Env::allowUnpinnedApiDomain is set)");
+  }
+  qvl::HttpSessionConfiguration configuration = *env->httpSessionConfiguration;
   configuration.additionalHeaders = headers();
   return qvl::HttpSession::create(std::move(configuration), shared_from_this());
 }
@@ -213,19 +260,54 @@ QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
 std::shared_ptr<qvl::Store> QVLApiClient::realm() const { return QVLRealm::realm(); }
 
 void QVLApiClient::setupPinning() {
-  qvl::PinnedDomainConfiguration domain;
-  domain.domain = hostOf(apiDomain());
-  domain.includeSubdomains = true;
-  domain.reportUris = {baseURL() + "/ssl-reporting"};
-  domain.publicKeyHashes = publicKeyHashes();
   qvl::PinningConfiguration configuration;
-  configuration.pinnedDomains.push_back(std::move(domain));
+  if (apiTrust(*qvl::Env::current()) == ApiTrust::Pinned) {
+    qvl::PinnedDomainConfiguration domain;
+    domain.domain = hostOf(apiDomain());
+    domain.includeSubdomains = true;
+    domain.reportUris = {baseURL() + "/ssl-reporting"};
+    domain.publicKeyHashes = publicKeyHashes();  // none for a custom domain: all refused
+    configuration.pinnedDomains.push_back(std::move(domain));
+  }
   qvl::PinValidator::shared().configure(std::move(configuration));
+}
+
+void QVLApiClient::ensurePinning() {
+  const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
+  const std::optional<qvl::PinningConfiguration> current =
+      qvl::PinValidator::shared().configuration();
+  if (current && apiTrust(*env) == ApiTrust::Unpinned) return;
+  if (current) {
+    const std::string host = apiHost(*env);
+    const std::vector<std::string> pins = publicKeyHashes();
+    for (const auto& domain : current->pinnedDomains) {
+      if (normalizedHost(domain.domain) == host && domain.publicKeyHashes == pins) return;
+    }
+  }
+  setupPinning();
+}
+
+std::optional<QVLError> QVLApiClient::willSendRequest(const qvl::HttpRequest& request) {
+  const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
+  const std::optional<qvl::Url> url = qvl::Url::parse(request.url);
+  if (!hasNoPins(*env) || env->allowUnpinnedApiDomain || (url && !isInApiDomain(url->host(), *env)))
+    return std::nullopt;
+  return QVLError{kQVLTransportErrorDomain, CURLE_PEER_FAILED_VERIFICATION,
+                  nlohmann::json{{"message", "the API domain " + apiHost(*env) +
+                                                 " has no pins (Env::publicKeyHashes); requests "
+                                                 "to it are refused"}}};
 }
 
 qvl::TrustDisposition QVLApiClient::didReceiveServerTrustChallenge(
     const qvl::ServerTrustChallenge& challenge) {
   qvl::TrustDisposition disposition = qvl::TrustDisposition::PerformDefaultHandling;
   if (qvl::PinValidator::shared().handleChallenge(challenge, &disposition)) return disposition;
+  // An API host the validator does not cover (its configuration changed since the session
+  // was made) gets no default handling unless the host opted out of pinning.
+  const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
+  if (isInApiDomain(challenge.host, *env) && apiTrust(*env) == ApiTrust::Pinned) {
+    qvl::log("QuorvelSDK: " + challenge.host + " is not pinned; connection refused");
+    return qvl::TrustDisposition::CancelAuthenticationChallenge;
+  }
   return qvl::TrustDisposition::PerformDefaultHandling;
 }

@@ -6,7 +6,10 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -100,52 +103,64 @@ class HttpTransfer {
     maximumResponseBytes_ = config.maximumResponseBytes;
     maximumDecodedBytes_ = config.maximumDecodedBytes;
 
-    CURL* e = easy_;
-    curl_easy_setopt(e, CURLOPT_URL, request_.url.c_str());
-    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, errorBuffer_);
-    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &HttpTransfer::onBody);
-    curl_easy_setopt(e, CURLOPT_WRITEDATA, this);
-    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &HttpTransfer::onHeader);
-    curl_easy_setopt(e, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(e, CURLOPT_HTTPHEADER, headerList_);
+    // A refused option fails the task before anything is sent: silently running without
+    // it could leave the trust checks, the key-log choice or a limit unset.
+    CURLcode code = CURLE_OK;
+    CURLoption failed{};
+    auto set = [&](CURLoption option, auto value) {
+      if (code == CURLE_OK && (code = curl_easy_setopt(easy_, option, value)) != CURLE_OK) {
+        failed = option;
+      }
+    };
+    set(CURLOPT_URL, request_.url.c_str());
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_ACCEPT_ENCODING, "");
+    set(CURLOPT_ERRORBUFFER, errorBuffer_);
+    set(CURLOPT_WRITEFUNCTION, &HttpTransfer::onBody);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_HEADERFUNCTION, &HttpTransfer::onHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_HTTPHEADER, headerList_);
     // The network loop measures idleness (failIdleTransfers); libcurl enforces the overall
     // limit, and rejects an answer whose declared length is over the cap before it arrives.
-    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(std::min({idleMs, resourceMs, 0x7fffffffLL})));
-    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(resourceMs));
-    curl_easy_setopt(
-        e, CURLOPT_MAXFILESIZE_LARGE,
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min({idleMs, resourceMs, 0x7fffffffLL})));
+    set(CURLOPT_TIMEOUT_MS, static_cast<long>(resourceMs));
+    set(CURLOPT_MAXFILESIZE_LARGE,
         static_cast<curl_off_t>(std::min<std::size_t>(maximumResponseBytes_, INT64_MAX)));
-    curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &HttpTransfer::onProgress);
-    curl_easy_setopt(e, CURLOPT_XFERINFODATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_XFERINFOFUNCTION, &HttpTransfer::onProgress);
+    set(CURLOPT_XFERINFODATA, this);
     // Each task gets a fresh connection and a full handshake, so a connection or TLS session
     // accepted under one session's trust decision is never used by another session.
-    curl_easy_setopt(e, CURLOPT_FORBID_REUSE, 1L);
-    curl_easy_setopt(e, CURLOPT_FRESH_CONNECT, 1L);
-    curl_easy_setopt(e, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-    curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &HttpTransfer::onSslContext);
-    curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, this);
-    if (std::string anchors = Env::current()->trustAnchorsFile; !anchors.empty()) {
+    set(CURLOPT_FORBID_REUSE, 1L);
+    set(CURLOPT_FRESH_CONNECT, 1L);
+    set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    set(CURLOPT_SSL_CTX_FUNCTION, &HttpTransfer::onSslContext);
+    set(CURLOPT_SSL_CTX_DATA, this);
+    const std::shared_ptr<const Env> env = Env::current();
+    keyLogPath_ = env->tlsKeyLogFile;
+    if (std::string anchors = env->trustAnchorsFile; !anchors.empty()) {
       trustAnchorsPath_ = std::move(anchors);
-      curl_easy_setopt(e, CURLOPT_CAINFO, trustAnchorsPath_.c_str());
-      curl_easy_setopt(e, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+      set(CURLOPT_CAINFO, trustAnchorsPath_.c_str());
+      set(CURLOPT_CAPATH, static_cast<char*>(nullptr));
     }
 
     const std::string& method = request_.method;
     if (method == "HEAD") {
-      curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
+      set(CURLOPT_NOBODY, 1L);
     } else if (!request_.body.empty() || method == "POST" || method == "PUT" || method == "PATCH") {
-      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
-                       static_cast<curl_off_t>(request_.body.size()));
-      curl_easy_setopt(e, CURLOPT_POSTFIELDS, request_.body.data());
-      if (method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+      set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()));
+      set(CURLOPT_POSTFIELDS, request_.body.data());
+      if (method != "POST") set(CURLOPT_CUSTOMREQUEST, method.c_str());
     } else if (method != "GET") {
-      curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, method.c_str());
+      set(CURLOPT_CUSTOMREQUEST, method.c_str());
+    }
+    if (code != CURLE_OK) {
+      return transportError(code, "cannot set up the transfer (option " +
+                                      std::to_string(static_cast<int>(failed)) +
+                                      "): " + curl_easy_strerror(code));
     }
     return std::nullopt;
   }
@@ -163,9 +178,18 @@ class HttpTransfer {
       return;
     }
     HttpResponse response;
-    curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &response.statusCode);
     char* effectiveUrl = nullptr;
-    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+    if (const CURLcode code =
+            curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &response.statusCode);
+        code != CURLE_OK) {
+      deliver({}, std::nullopt, transportError(code, "cannot read the answer's status"));
+      return;
+    }
+    if (const CURLcode code = curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+        code != CURLE_OK) {
+      deliver({}, std::nullopt, transportError(code, "cannot read the answer's URL"));
+      return;
+    }
     response.url = effectiveUrl ? effectiveUrl : request_.url;
     response.headers = std::move(responseHeaders_);
     deliver(std::move(body_), std::move(response), std::nullopt);
@@ -285,9 +309,43 @@ class HttpTransfer {
   }
 
   static CURLcode onSslContext(CURL*, void* sslContext, void* user) {
-    SSL_CTX_set_cert_verify_callback(static_cast<SSL_CTX*>(sslContext), &HttpTransfer::onVerify,
-                                     user);
+    auto* context = static_cast<SSL_CTX*>(sslContext);
+    auto* self = static_cast<HttpTransfer*>(user);
+    SSL_CTX_set_cert_verify_callback(context, &HttpTransfer::onVerify, user);
+    // libcurl installs a key logger of its own when SSLKEYLOGFILE was set as it started;
+    // this replaces it, so keys go to the file the host named in the environment or nowhere.
+    if (self->keyLogPath_.empty()) {
+      SSL_CTX_set_keylog_callback(context, nullptr);
+    } else {
+      if (SSL_CTX_set_ex_data(context, keyLogIndex(), self) != 1) return CURLE_SSL_CONNECT_ERROR;
+      SSL_CTX_set_keylog_callback(context, &HttpTransfer::onKeyLog);
+    }
     return CURLE_OK;
+  }
+
+  static int keyLogIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+  }
+
+  // One NSS key-log line per call, appended to a file only the user may read; a symbolic
+  // link is refused, so the file cannot be made to point at another.
+  static void onKeyLog(const SSL* ssl, const char* line) {
+    const auto* self =
+        static_cast<const HttpTransfer*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(ssl), keyLogIndex()));
+    if (!self) return;
+    const int fd = ::open(self->keyLogPath_.c_str(),
+                          O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    struct stat info {};
+    if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || ::fchmod(fd, 0600) != 0) {
+      log("QuorvelSDK: cannot write TLS keys to " + self->keyLogPath_);
+    } else {
+      const std::string text = std::string(line) + "\n";
+      if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        log("QuorvelSDK: cannot write TLS keys to " + self->keyLogPath_);
+      }
+    }
+    if (fd >= 0) ::close(fd);
   }
 
   // Replaces OpenSSL's chain verification for this connection: default verification first
@@ -336,6 +394,7 @@ class HttpTransfer {
   DataTaskCompletion completion_;
   HttpRequest request_;
   std::string trustAnchorsPath_;
+  std::string keyLogPath_;
   std::string host_;
   int port_ = 0;
   CURL* easy_ = nullptr;
@@ -521,7 +580,27 @@ std::shared_ptr<HttpSession> HttpSession::create(HttpSessionConfiguration config
       new HttpSession(std::move(configuration), std::move(delegate)));
 }
 
+std::optional<QVLError> HttpSessionDelegate::willSendRequest(const HttpRequest&) {
+  return std::nullopt;
+}
+
 void HttpSession::dataTask(HttpRequest request, DataTaskCompletion completion) {
+  std::shared_ptr<HttpSession> self = shared_from_this();
+  std::optional<QVLError> refusal;
+  if (delegate_) {
+    try {
+      refusal = delegate_->willSendRequest(request);
+    } catch (...) {
+      refusal = transportError(CURLE_ABORTED_BY_CALLBACK, "the session's delegate failed");
+    }
+  }
+  if (refusal) {
+    callbackQueue_->async(
+        [self, completion = std::move(completion), error = std::move(*refusal)]() mutable {
+          if (completion) completion({}, std::nullopt, std::move(error));
+        });
+    return;
+  }
   HttpHeaders headers;
   for (const auto& header : configuration_.additionalHeaders) {
     if (!hasHeader(request.headers, header.first)) headers.push_back(header);
@@ -529,7 +608,6 @@ void HttpSession::dataTask(HttpRequest request, DataTaskCompletion completion) {
   headers.insert(headers.end(), std::make_move_iterator(request.headers.begin()),
                  std::make_move_iterator(request.headers.end()));
   request.headers = std::move(headers);
-  std::shared_ptr<HttpSession> self = shared_from_this();
   Env::current()->transport->send(
       self, std::move(request),
       [self, completion = std::move(completion)](std::string body,

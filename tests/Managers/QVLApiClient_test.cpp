@@ -175,6 +175,7 @@ class QVLApiClientTest : public ::testing::Test {
     env.storeDirectory = directory_.file("store");
     env.bundleInfo = kBundleInfo;
     env.apiDomain = "example.test";
+    env.publicKeyHashes = {TestCertificates::leaf().pin};
     env.pinValidator = std::make_shared<qvl::PinValidator>();
   }};
   qvl::test::LogCapture log_;
@@ -604,6 +605,69 @@ TEST_F(QVLApiClientWireTest, AServerWithAnotherKeyGetsNoRequestAndTheRefusalIsRe
   EXPECT_EQ(report.header("Host"), "api." + domainOf(server_.port()));
   EXPECT_EQ(json::parse(report.body, nullptr, false).value("known-pins", json::array()),
             json::array({"pin-sha256=\"" + TestCertificates::leaf().pin + "\""}));
+}
+
+// A server of the same authority whose key is not pinned gets none of the client's
+// requests, whatever order the host configured the client in, unless the host opted out.
+class PinningSecurity : public QVLApiClientWireTest {
+ protected:
+  qvl::test::LogCapture log_;
+};
+
+TEST_F(PinningSecurity, AnUnpinnedServerGetsNoRequestUnlessTheHostOptedOut) {
+  const std::string noPinsLine =
+      "QuorvelSDK: the API domain localhost has no pins; its certificates are checked against "
+      "the certificate authorities only (Env::allowUnpinnedApiDomain is set)";
+  struct Row {
+    const char* name;
+    bool pinnedDefaultDomainFirst;  // else the validator starts unconfigured
+    bool ownPins;                   // the pinned server's key; else none
+    bool optOut;
+    const char* refusal;  // in the error's message, or nullptr
+  };
+  for (const auto& row : std::vector<Row>{
+           {"first request, no set-up", false, true, false, nullptr},
+           {"custom domain after set-up", true, true, false, nullptr},
+           {"custom domain without pins", true, false, false, "has no pins"},
+           {"custom domain without pins, opted out", true, false, true, nullptr},
+       }) {
+    SCOPED_TRACE(row.name);
+    qvl::devserver::HttpsServer impostor(TestCertificates::otherLeaf());
+    qvl::ScopedEnv fresh([](qvl::Env& env) {
+      env.pinValidator = std::make_shared<qvl::PinValidator>();
+      env.apiDomain.clear();
+    });
+    if (row.pinnedDefaultDomainFirst) client().setupPinning();
+    qvl::ScopedEnv custom([&](qvl::Env& env) {
+      env.apiDomain = domainOf(impostor.port());
+      if (!row.ownPins) env.publicKeyHashes.clear();
+      env.allowUnpinnedApiDomain = row.optOut;
+    });
+    log_.clear();
+    auto outcome = qvl::test::runDataTask(
+        client().urlSession(), client().apiPostRequest("redemptions", {{"prize_id", 1}}), kWait);
+    ASSERT_TRUE(outcome.completed);
+    // Pin failure reports (no key, no token) may reach it; the client's requests must not.
+    const auto requests = impostor.requests();
+    const auto sent = std::count_if(requests.begin(), requests.end(),
+                                    [](const auto& r) { return r.path != "/ssl-reporting"; });
+    EXPECT_EQ(log_.count(noPinsLine), row.optOut ? 1u : 0u);
+    if (row.optOut) {
+      EXPECT_FALSE(outcome.error);
+      EXPECT_EQ(sent, 1);
+      client().urlSession();
+      EXPECT_EQ(log_.count(noPinsLine), 2u) << "one warning per session";
+      continue;
+    }
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->domain, kQVLTransportErrorDomain);
+    EXPECT_EQ(outcome.error->code, CURLE_PEER_FAILED_VERIFICATION);
+    if (row.refusal) {
+      EXPECT_THAT(outcome.error->userInfo.value_or(json::object()).value("message", ""),
+                  ::testing::HasSubstr(row.refusal));
+    }
+    EXPECT_EQ(sent, 0);
+  }
 }
 
 }  // namespace

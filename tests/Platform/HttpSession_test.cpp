@@ -7,6 +7,9 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -19,6 +22,7 @@
 #include "devserver/HttpsServer.h"
 #include "support/FaultServer.h"
 #include "support/RunDataTask.h"
+#include "support/TempDir.h"
 #include "support/TestCertificates.h"
 
 namespace qvl {
@@ -308,6 +312,49 @@ TEST_F(HttpSessionTest, DelegateSeesTheVerifiedChainAndDecides) {
                             TestCertificates::ca().certificateDer));
   }
   EXPECT_EQ(server.requests().size(), 2u);
+}
+
+class TransportSecurity : public HttpSessionTest {};
+
+TEST_F(TransportSecurity, AnOptionLibcurlRefusesFailsTheTaskBeforeAnythingIsSent) {
+  // A valid method token, but longer than libcurl takes for any text option: sending the
+  // request without it would send a GET instead.
+  HttpsServer server(TestCertificates::leaf());
+  auto outcome =
+      runDataTask(HttpSession::create(), {std::string(8'000'001, 'X'), server.url() + "/", {}, ""});
+  expectTransportError(outcome, CURLE_BAD_FUNCTION_ARGUMENT);
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(TransportSecurity, SessionKeysGoOnlyToTheKeyLogFileOfTheEnvironment) {
+  // libcurl reads SSLKEYLOGFILE once, as it starts, so the check runs in a fresh process.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        test::TempDir directory;
+        setenv("SSLKEYLOGFILE", directory.file("process.keys").c_str(), 1);
+        HttpsServer server(TestCertificates::leaf());
+        auto fetch = [&] {
+          return !runDataTask(HttpSession::create(), {"GET", server.url() + "/", {}, ""}).error;
+        };
+        const bool fetched = fetch();
+        ScopedEnv optIn([&](Env& env) { env.tlsKeyLogFile = directory.file("host.keys"); });
+        const bool fetchedAgain = fetch();
+        namespace fs = std::filesystem;
+        std::error_code ignored;
+        const auto processKeys = fs::file_size(directory.file("process.keys"), ignored);
+        const auto hostKeys = fs::file_size(directory.file("host.keys"), ignored);
+        const auto mode = fs::status(directory.file("host.keys")).permissions();
+        std::fprintf(stderr, "fetched %d %d, SSLKEYLOGFILE %lld bytes, host %lld bytes mode %o\n",
+                     fetched, fetchedAgain, static_cast<long long>(processKeys),
+                     static_cast<long long>(hostKeys), static_cast<unsigned>(mode));
+        fs::remove_all(directory.path(), ignored);  // exit() skips destructors
+        const bool ok = fetched && fetchedAgain && (processKeys == 0 || processKeys == ~0ULL) &&
+                        hostKeys > 0 && hostKeys != ~0ULL &&
+                        mode == (fs::perms::owner_read | fs::perms::owner_write);
+        std::exit(ok ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -91,8 +91,9 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   static std::string apiDomain();
   ///@}
   /// The service certificates' SubjectPublicKeyInfo pins (base64 SHA-256) of the
-  /// environment in force (Env::publicKeyHashes), four built-in ones by default. The setter
-  /// is a shortcut onto the environment; pins take effect at the next pinning set-up.
+  /// environment in force (Env::publicKeyHashes); by default four built-in ones for
+  /// kDefaultApiDomain and none for a custom domain. The setter is a shortcut onto the
+  /// environment; pins take effect at the next request.
   ///@{
   static std::vector<std::string> publicKeyHashes();
   static void setPublicKeyHashes(std::vector<std::string> pins);
@@ -113,7 +114,10 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   /// (when there is a key), Authorization "Bearer <token>" (when a token is saved).
   qvl::HttpHeaders headers() const;
   /// A new session for one request: the standing headers as defaults and this client as
-  /// the server-trust delegate.
+  /// the server-trust delegate. Sets pinning up first (setupPinning) when the validator is
+  /// unconfigured or does not pin the API domain in force with its current pins. With
+  /// Env::allowUnpinnedApiDomain in effect, logs "QuorvelSDK: the API domain <host> has no
+  /// pins; ..." for every session.
   std::shared_ptr<qvl::HttpSession> urlSession();
 
   /// GET baseURLV8/resource[/id][/relationships/relationship][?include=..&fields[t]=..].
@@ -136,12 +140,19 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   std::shared_ptr<qvl::Store> realm() const;
 
   /// Configures the environment's pin validator for the API domain and its subdomains:
-  /// publicKeyHashes(), failures reported to baseURL() + "/ssl-reporting".
+  /// publicKeyHashes(), failures reported to baseURL() + "/ssl-reporting". A custom domain
+  /// without pins is pinned to none (every chain refused), or, with
+  /// Env::allowUnpinnedApiDomain, left out of the configuration.
   void setupPinning();
-  /// Server trust of every session: the pin validator decides for pinned hosts; other
-  /// hosts, and every host before pinning is set up, get default handling.
+  /// Server trust of every session: the pin validator decides for pinned hosts; a host of
+  /// the API domain the validator does not cover is refused (unless the host opted out of
+  /// pinning); other hosts get default handling.
   qvl::TrustDisposition didReceiveServerTrustChallenge(
       const qvl::ServerTrustChallenge& challenge) override;
+  /// Refuses a request to the API domain when it is a custom domain without pins and
+  /// Env::allowUnpinnedApiDomain is off: a transport error, code
+  /// CURLE_PEER_FAILED_VERIFICATION, whose message names the domain and the missing pins.
+  std::optional<QVLError> willSendRequest(const qvl::HttpRequest& request) override;
 
   // ---- record operations ------------------------------------------------------------------
 
@@ -246,6 +257,7 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
 
  private:
   QVLApiClient() = default;
+  void ensurePinning();
   void sendListRequest(const QVLModelClass& cls, qvl::HttpRequest request, bool removeStale,
                        ListCompletion completion);
   void sendObjectRequest(const QVLModelClass& cls, qvl::HttpRequest request,

@@ -78,11 +78,47 @@ struct QVL_EXPORT Env {
   /// pinned domain. Empty: "quorvel.io".
   std::string apiDomain;
   /// SubjectPublicKeyInfo pins (base64 SHA-256) of the service's certificates. Empty: the
-  /// four built-in pins.
+  /// four built-in pins for the default domain; a custom apiDomain has none, and requests
+  /// to it fail (see allowUnpinnedApiDomain).
   std::vector<std::string> publicKeyHashes;
   /// PEM file of trust anchors for every HTTPS connection instead of the system's CA
   /// bundle. Empty: the system's.
   std::string trustAnchorsFile;
+
+  // ---- Transport security ------------------------------------------------------------
+  //
+  // The API domain and its subdomains are pinned from the first request on: a connection
+  // whose verified chain holds none of the pins fails before any request byte is sent.
+  // Other hosts get certificate-authority validation only.
+  //
+  // What the process environment can change. libcurl honours the proxy variables
+  // http_proxy (lower case only), https_proxy/HTTPS_PROXY, ALL_PROXY/all_proxy and
+  // NO_PROXY/no_proxy, and the library keeps honouring them, so hosts behind a proxy work.
+  // For an https URL libcurl asks the proxy for a tunnel (CONNECT host:port) and does the
+  // TLS handshake with the server through it, end to end: the proxy learns the host and
+  // port and can block or delay the connection, but the chain it would have to present
+  // passes only if it holds a pinned key, so it can neither read nor change a request to
+  // the API domain. A proxy reached over TLS itself (an https:// proxy URL) is not
+  // supported: its certificate is checked against the server's name and fails. Which
+  // certificate authorities default validation trusts can follow SSL_CERT_FILE and
+  // SSL_CERT_DIR (OpenSSL's defaults, used when libcurl has no CA bundle built in) unless
+  // trustAnchorsFile is set; an added authority cannot pass pinning. OPENSSL_CONF can
+  // change OpenSSL's settings (protocol versions, ciphers, providers); the resolver's
+  // files and variables (/etc/hosts, HOSTALIASES, ...) can change the address connected
+  // to, which pinning also covers. SSLKEYLOGFILE is ignored: TLS keys go only to
+  // tlsKeyLogFile (libcurl may still create the file it names, empty, when it starts).
+
+  /// For development against a custom apiDomain that has no publicKeyHashes yet: requests
+  /// to it then go out with certificate-authority validation only, and the service client
+  /// logs a warning for every session it makes. Off (the default), every request to such a
+  /// domain fails with a transport error that names the missing pins. Never set it in a
+  /// release: without pins, any certificate authority can impersonate the service.
+  bool allowUnpinnedApiDomain = false;
+  /// File to which the TLS session keys of every HTTPS connection are appended (NSS key-log
+  /// format, for reading captured traffic while debugging). Created with mode 0600 (an
+  /// existing file is set to 0600); a symbolic link is refused. Empty (the default): keys
+  /// are written nowhere.
+  std::string tlsKeyLogFile;
 
   /// The environment in force, with every empty pointer member filled with its standard
   /// facility. Thread-safe; a snapshot: later installs do not change it.

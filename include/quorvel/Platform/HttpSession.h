@@ -96,6 +96,12 @@ class QVL_EXPORT HttpSessionDelegate {
   /// not wait for completions. An exception counts as CancelAuthenticationChallenge.
   virtual TrustDisposition didReceiveServerTrustChallenge(
       const ServerTrustChallenge& challenge) = 0;
+
+  /// Called by HttpSession::dataTask() on its calling thread before the request reaches the
+  /// transport. An error fails the task with it (the completion still runs on the callback
+  /// queue) and nothing is sent, not even a connection opened; nullopt lets the request go.
+  /// An exception counts as a refusal. Standard: lets every request go.
+  virtual std::optional<QVLError> willSendRequest(const HttpRequest& request);
 };
 
 /// Exactly one of two shapes: (body, response, nullopt) when the server answered with any
@@ -126,7 +132,10 @@ class QVL_EXPORT HttpTransport {
 /// Connections are never reused between tasks (each task makes its own connection and full
 /// TLS handshake, no TLS session resumption), so a trust decision made for one session can
 /// never carry over to another. Redirects are not followed and cookies are not kept. Proxy
-/// environment variables are honoured as libcurl does. Besides the given headers libcurl
+/// environment variables are honoured as libcurl does (see Env for what they and the other
+/// variables can change). A libcurl option that cannot be set fails the task with libcurl's
+/// code before anything is sent. TLS session keys are written only to Env::tlsKeyLogFile.
+/// Besides the given headers libcurl
 /// sends Host, "Accept: */*" (unless given) and Accept-Encoding; compressed answers reach
 /// the completion decoded. HTTPS connections trust Env::trustAnchorsFile when set, the
 /// system's CA bundle otherwise. Tasks still running when the process exits are abandoned
