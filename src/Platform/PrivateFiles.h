@@ -104,12 +104,22 @@ inline FileResult makePrivateDirectories(const std::filesystem::path& dir) {
   return checkPrivateDirectory(dir);
 }
 
-/// Creates `file` with mode 0600 whatever the umask, or opens the existing one and takes
-/// group and other bits away. Refuses a symbolic link, a non-regular file and a file owned by
-/// another user, leaving them untouched.
+/// Creates `file` empty with mode 0600 whatever the umask, or checks the existing one, which
+/// it leaves unchanged. Refuses a symbolic link, a non-regular file and a file owned by another
+/// user.
 inline FileResult makePrivateFile(const std::filesystem::path& file) {
-  const int fd =
-      ::open(file.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd >= 0) {
+    FileResult result;
+    if (::fchmod(fd, 0600) != 0)
+      result.error =
+          "cannot set the mode of " + file.string() + ": " + privatefiles::errnoText(errno);
+    ::close(fd);
+    return result;
+  }
+  if (errno != EEXIST)
+    return {"cannot create " + file.string() + ": " + privatefiles::errnoText(errno)};
+  fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ELOOP) return {"refused " + file.string() + ": it is a symbolic link"};
     return {"cannot open " + file.string() + ": " + privatefiles::errnoText(errno)};
@@ -123,7 +133,23 @@ inline FileResult makePrivateFile(const std::filesystem::path& file) {
   } else if (info.st_uid != ::geteuid()) {
     result.error = "refused " + file.string() + ": owned by another user (uid " +
                    std::to_string(info.st_uid) + ")";
-  } else if ((info.st_mode & 0777) != 0600 && ::fchmod(fd, 0600) != 0) {
+  }
+  ::close(fd);
+  return result;
+}
+
+/// Takes group and other bits from an existing regular file of this user (files written by
+/// older versions); a missing file is fine.
+inline FileResult restrictToOwner(const std::filesystem::path& file) {
+  const int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) return {};
+    return {"cannot open " + file.string() + ": " + privatefiles::errnoText(errno)};
+  }
+  FileResult result;
+  struct stat info {};
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
+      (info.st_mode & 077) != 0 && ::fchmod(fd, info.st_mode & 0700) != 0) {
     result.error =
         "cannot set the mode of " + file.string() + ": " + privatefiles::errnoText(errno);
   }
