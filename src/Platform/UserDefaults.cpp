@@ -42,7 +42,7 @@ bool replaceFile(const std::string& path, const std::string& text, std::string* 
   const std::filesystem::path dir = target.has_parent_path() ? target.parent_path() : ".";
   detail::FileResult result = detail::makePrivateDirectories(dir);
   if (result) result = detail::writeFileAtomically(target, text);
-  if (!result) *error = std::move(result.error);
+  *error = result.error;
   return result.ok();
 }
 
