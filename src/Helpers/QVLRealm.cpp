@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "Platform/PrivateFiles.h"
 #include "quorvel/Models/QVLMedia.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -47,11 +48,11 @@ qvl::StoreConfiguration QVLRealm::configuration() {
 std::shared_ptr<qvl::Store> QVLRealm::realm() {
   try {
     qvl::StoreConfiguration configuration = QVLRealm::configuration();
-    std::filesystem::path directory = std::filesystem::path(configuration.path).parent_path();
-    if (!directory.empty() && !std::filesystem::exists(directory)) {
-      std::filesystem::create_directories(directory);
-      std::filesystem::permissions(directory, std::filesystem::perms::owner_all,
-                                   std::filesystem::perm_options::replace);
+    const std::filesystem::path file(configuration.path);
+    if (auto made =
+            qvl::detail::makePrivateDirectories(file.has_parent_path() ? file.parent_path() : ".");
+        !made) {
+      throw qvl::StoreError(made.error);
     }
     return qvl::Store::open(configuration);
   } catch (const std::exception& e) {

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Platform/PrivateFiles.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/MainQueue.h"
@@ -172,6 +173,7 @@ void Engine::deliver(std::vector<std::function<void()>> outbox) {
 }
 
 void Engine::loadRegions() {
+  detail::removeStaleTemporaryFiles(regionsPath_);
   std::ifstream file(regionsPath_);
   if (!file) return;
   try {
@@ -189,21 +191,12 @@ void Engine::loadRegions() {
 void Engine::saveRegions() const {
   json regions = json::array();
   for (const Region& region : monitored_) regions.push_back(regionToJson(region));
-  std::error_code error;
-  std::filesystem::path path(regionsPath_);
-  std::filesystem::create_directories(path.parent_path(), error);
-  std::filesystem::path temporary = path;
-  temporary += ".tmp";
-  {
-    std::ofstream file(temporary, std::ios::trunc);
-    file << json{{"regions", regions}}.dump(2) << '\n';
-    if (!file.flush()) {
-      log("QuorvelSDK: monitored regions not saved to " + regionsPath_);
-      return;
-    }
-  }
-  std::filesystem::rename(temporary, path, error);
-  if (error) log("QuorvelSDK: monitored regions not saved to " + regionsPath_);
+  const std::filesystem::path path(regionsPath_);
+  detail::FileResult saved =
+      detail::makePrivateDirectories(path.has_parent_path() ? path.parent_path() : ".");
+  if (saved) saved = detail::writeFileAtomically(path, json{{"regions", regions}}.dump(2) + '\n');
+  if (!saved)
+    log("QuorvelSDK: monitored regions not saved to " + regionsPath_ + ": " + saved.error);
 }
 
 void Engine::monitor(const Region& region) {

@@ -1,5 +1,8 @@
 #include "quorvel/Store/Store.h"
 
+#include <filesystem>
+
+#include "Platform/PrivateFiles.h"
 #include "Store/StoreImpl.h"
 
 namespace qvl {
@@ -35,16 +38,28 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
   std::shared_ptr<Store> store(new Store(configuration.path, configuration.schemaVersion));
   detail::StoreImpl& impl = *store->impl_;
   impl.classList = classList;
+  // Someone who can change the folder could swap the file under us: refuse before touching
+  // anything. SQLite gives the -wal and -shm files the mode of the file.
+  const std::filesystem::path file(configuration.path);
+  detail::FileResult usable =
+      detail::checkPrivateDirectory(file.has_parent_path() ? file.parent_path() : ".");
+  if (usable) usable = detail::makePrivateFile(file);
+  if (!usable) throw StoreError("store: " + usable.error);
   sqlite3* db = nullptr;
   int rc =
       sqlite3_open_v2(configuration.path.c_str(), &db,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, nullptr);
   impl.db.reset(db);  // owned even when the open failed
   if (rc != SQLITE_OK) {
     std::string message = db ? sqlite3_errmsg(db) : "out of memory";
     throw StoreError("store: cannot open " + configuration.path + ": " + message);
   }
   sqlite3_busy_timeout(db, 60000);
+  refuseForeignSchema(db, configuration.path);
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    if (auto restricted = detail::restrictToOwner(configuration.path + suffix); !restricted)
+      throw StoreError("store: " + restricted.error);
+  }
   impl.exec("PRAGMA journal_mode=WAL");
   impl.exec("PRAGMA synchronous=NORMAL");
 

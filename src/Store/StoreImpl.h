@@ -92,6 +92,10 @@ Date storedToDate(std::int64_t stored);
 
 bool tableExists(sqlite3* db, const std::string& name);
 std::unordered_set<std::string> columnsOf(sqlite3* db, const std::string& table);
+/// Hardens a new connection (defensive mode, schema not trusted) and refuses a file holding
+/// anything the store never creates (triggers, views), before any statement could run it.
+/// Throws StoreError naming `path` and the reason.
+void refuseForeignSchema(sqlite3* db, const std::string& path);
 /// Creates what the classes need and the file lacks: tables, columns, key indexes, list
 /// tables.
 void ensureSchema(sqlite3* db, const std::vector<const ClassInfo*>& infos);

@@ -26,6 +26,29 @@ void execute(sqlite3* db, const std::string& sql) {
   }
 }
 
+void refuseForeignSchema(sqlite3* db, const std::string& path) {
+  if (sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr) != SQLITE_OK ||
+      sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr) != SQLITE_OK) {
+    throw StoreError("store: cannot harden the connection to " + path + ": " + sqlite3_errmsg(db));
+  }
+  execute(db, "PRAGMA trusted_schema=OFF");
+  // The store creates tables and indexes only; anything else came from elsewhere and might
+  // run code on our statements.
+  sqlite3_stmt* raw = nullptr;
+  int rc = sqlite3_prepare_v2(
+      db, "SELECT type,name FROM sqlite_master WHERE type NOT IN ('table','index') LIMIT 1", -1,
+      &raw, nullptr);
+  Statement stmt(raw);
+  if (rc == SQLITE_OK) rc = sqlite3_step(stmt.get());
+  if (rc == SQLITE_ROW) {
+    throw StoreError("store: refused " + path + ": it holds a " +
+                     reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0)) + " (" +
+                     reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 1)) +
+                     ") the store did not create");
+  }
+  if (rc != SQLITE_DONE) throw StoreError("store: cannot read " + path + ": " + sqlite3_errmsg(db));
+}
+
 std::string join(const std::vector<std::string>& parts, const char* separator) {
   std::string out;
   for (size_t i = 0; i < parts.size(); ++i) {

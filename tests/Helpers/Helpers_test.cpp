@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <gmock/gmock.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -12,6 +16,8 @@
 #include "quorvel/Models/QVLPostPeriod.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/SimulatedWorld.h"
+#include "quorvel/Platform/UserDefaults.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -87,7 +93,7 @@ class RealmTest : public ::testing::Test {
         "QVLMedia",
         {{"mediaId", qvl::PropertyKind::Int, true}, {"urlString", qvl::PropertyKind::String, true}},
         "mediaId", [] { return std::shared_ptr<qvl::Object>(); });
-    std::filesystem::create_directories(dir.path() + "/store");
+    ::mkdir(store().c_str(), 0700);
     qvl::StoreConfiguration c;
     c.path = QVLRealm::configuration().path;
     c.schemaVersion = version;
@@ -105,8 +111,10 @@ class RealmTest : public ::testing::Test {
     sqlite3_close(db);
   }
 
+  std::string store(const std::string& name = "") const { return dir.path() + "/store" + name; }
+
   qvl::test::TempDir dir;
-  qvl::ScopedEnv env{[this](qvl::Env& env) { env.storeDirectory = dir.path() + "/store"; }};
+  qvl::ScopedEnv env{[this](qvl::Env& env) { env.storeDirectory = store(); }};
 };
 
 TEST_F(RealmTest, OpensTheLibraryFileAtVersion19) {
@@ -182,6 +190,92 @@ TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
   const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].rfind("Couldn't create the QuorvelSDK Realm instance: ", 0), 0u) << lines[0];
+}
+
+// The files of the library: owner-only, never written through a planted link, refused when
+// someone else could have changed them.
+class RealmSecurity : public RealmTest {
+ protected:
+  static std::string contents(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  static void monitorARegion() {
+    qvl::SimulatedWorld::create()->startMonitoring(qvl::BeaconRegion::withUuid(
+        *qvl::Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"), "r"));
+  }
+};
+
+TEST_F(RealmSecurity, EveryFileIsOwnerOnlyWhateverTheUmask) {
+  const mode_t umask = ::umask(022);
+  auto realm = QVLRealm::realm();  // open: -wal and -shm exist
+  qvl::UserDefaults(store("/app.defaults")).setData("k", "v");
+  monitorARegion();
+  ::umask(umask);
+  ASSERT_TRUE(realm);
+  for (const char* name : {"", "/QuorvelSDK.realm", "/QuorvelSDK.realm-wal",
+                           "/QuorvelSDK.realm-shm", "/app.defaults", "/monitored-regions.json"}) {
+    struct stat info {};
+    ASSERT_EQ(::stat(store(name).c_str(), &info), 0) << name;
+    EXPECT_EQ(info.st_mode & 0777, *name ? 0600u : 0700u) << name;
+  }
+}
+
+TEST_F(RealmSecurity, ALinkAtTheRegionsFilesOldTemporaryNameIsNotFollowed) {
+  ASSERT_EQ(::mkdir(store().c_str(), 0700), 0);
+  std::ofstream(dir.file("target")) << "kept";
+  ASSERT_EQ(::symlink(dir.file("target").c_str(), store("/monitored-regions.json.tmp").c_str()), 0);
+  monitorARegion();
+  EXPECT_EQ(contents(dir.file("target")), "kept");
+  EXPECT_EQ(qvl::SimulatedWorld::create()->monitoredRegions().size(), 1u);
+}
+
+TEST_F(RealmSecurity, AFolderOthersCanChangeIsRefusedAndLeftAlone) {
+  struct Case {
+    mode_t mode;
+    uid_t owner;
+    const char* reason;
+  };
+  std::vector<Case> cases = {{0777, ::geteuid(), "writable by group or others (mode 0777)"},
+                             {0770, ::geteuid(), "writable by group or others (mode 0770)"}};
+  if (::geteuid() == 0) cases.push_back({0700, 1, "owned by another user (uid 1)"});
+  for (const Case& c : cases) {
+    std::filesystem::remove_all(store());
+    ASSERT_EQ(::mkdir(store().c_str(), 0700), 0);
+    std::ofstream(store("/kept")) << "kept";
+    ASSERT_EQ(::chmod(store().c_str(), c.mode), 0);
+    ASSERT_EQ(::chown(store().c_str(), c.owner, static_cast<gid_t>(-1)), 0);
+    qvl::test::LogCapture log;
+    EXPECT_EQ(QVLRealm::realm(), nullptr) << c.reason;
+    monitorARegion();
+    EXPECT_THAT(log.lines(), testing::Contains(testing::HasSubstr(store() + ": " + c.reason)));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(store()), {}), 1) << c.reason;
+    EXPECT_EQ(contents(store("/kept")), "kept");
+  }
+}
+
+TEST_F(RealmSecurity, AFileHoldingTriggersOrViewsItDidNotCreateIsRefusedUnchanged) {
+  ASSERT_TRUE(QVLRealm::realm());
+  qvl::Store::closeThreadHandles();
+  const std::string file = store("/QuorvelSDK.realm");
+  for (const char* planted :
+       {"CREATE TRIGGER planted AFTER INSERT ON QVLMedia BEGIN DELETE FROM QVLMedia; END",
+        "CREATE VIEW planted AS SELECT * FROM QVLMedia"}) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, planted, nullptr, nullptr, nullptr), SQLITE_OK) << planted;
+    sqlite3_close(db);
+    const std::string before = contents(file);
+    qvl::test::LogCapture log;
+    EXPECT_EQ(QVLRealm::realm(), nullptr) << planted;
+    EXPECT_THAT(log.lines(), testing::Contains(testing::HasSubstr("refused " + file)));
+    EXPECT_EQ(contents(file), before) << planted;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    sqlite3_exec(db, "DROP TRIGGER IF EXISTS planted; DROP VIEW IF EXISTS planted", nullptr,
+                 nullptr, nullptr);
+    sqlite3_close(db);
+  }
 }
 
 }  // namespace

@@ -351,6 +351,9 @@ std::string freshStoreDirectory(const Options& options, bool& temporary) {
       fail("--store-dir " + options.storeDir + " is not empty; the demo starts from a fresh store");
     }
     fs::create_directories(options.storeDir);
+    // The library refuses a store folder that group or others can write to.
+    std::error_code ignored;  // a folder it cannot change is refused by the store, by name
+    fs::permissions(options.storeDir, fs::perms::owner_all, fs::perm_options::replace, ignored);
     return options.storeDir;
   }
   std::string pattern = (fs::temp_directory_path() / "qvl-demo-XXXXXX").string();

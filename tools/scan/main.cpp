@@ -3,13 +3,13 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "Platform/PrivateFiles.h"
 #include "quorvel/Linux/DeviceProximity.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
@@ -111,10 +111,11 @@ int main(int argc, char** argv) {
   for (const auto& region : backend->monitoredRegions()) backend->stopMonitoring(region);
 
   if (!recordPath.empty()) {
-    std::ofstream out(recordPath);
-    out << backend->recordedScene();
-    if (!out.flush()) {
-      std::cerr << "qvl-scan: cannot write " << recordPath << "\n";
+    // Written under a fresh name and renamed, so a link planted at the path is replaced, not
+    // followed; the recording is owner-only.
+    if (auto written = qvl::detail::writeFileAtomically(recordPath, backend->recordedScene());
+        !written) {
+      std::cerr << "qvl-scan: cannot write " << recordPath << ": " << written.error << "\n";
       return 1;
     }
     std::printf("recorded %s\n", recordPath.c_str());

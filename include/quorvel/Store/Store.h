@@ -51,7 +51,8 @@ class QVL_EXPORT Migration {
 
 /// What Store::open() needs to open or create a file; the path identifies the cached handle.
 struct QVL_EXPORT StoreConfiguration {
-  /// The file; its directory must exist.
+  /// The file; its directory must exist, belong to the calling user and not be writable by
+  /// group or others. A new file is created with mode 0600.
   std::string path;
   /// Kept in the file; opening a file of a higher version fails.
   std::uint64_t schemaVersion = 0;
@@ -76,7 +77,9 @@ struct QVL_EXPORT StoreConfiguration {
 class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
  public:
   /// The calling thread's handle for configuration.path, opened (and the file created or
-  /// upgraded) on first use and cached for the thread. Throws StoreError.
+  /// upgraded) on first use and cached for the thread. Throws StoreError, naming the file or
+  /// folder and the reason, leaving the file unchanged, when the folder is refused, the path is
+  /// a symbolic link, or the file holds triggers or views (the store never creates those).
   static std::shared_ptr<Store> open(const StoreConfiguration& configuration);
   /// Drops the calling thread's cached handles (records holding one keep it alive).
   static void closeThreadHandles();
