@@ -2,23 +2,19 @@
 
 #include <fcntl.h>
 #include <pwd.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "Platform/Base64.h"
 #include "Platform/Immortal.h"
+#include "Platform/PrivateFiles.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -40,116 +36,14 @@ std::string homeDirectory() {
   return ".";
 }
 
-// Creates every missing directory of `dir`, owner-only. Existing ones are left as they are.
-bool makeDirectories(const std::filesystem::path& dir, std::string* error) {
-  std::filesystem::path prefix;
-  for (const auto& part : dir) {
-    prefix /= part;
-    if (prefix == prefix.root_path()) continue;
-    if (::mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
-      *error = "cannot create " + prefix.string() + ": " + errnoText(errno);
-      return false;
-    }
-  }
-  struct stat info {};
-  if (::stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-    *error = dir.string() + " is not a directory";
-    return false;
-  }
-  return true;
-}
-
-bool writeAll(int fd, const std::string& text) {
-  size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + written, text.size() - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    written += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Temporary files of a save are "<file name>.tmp-" plus mkostemp's six letters or digits.
-constexpr std::string_view kTemporarySuffix = ".tmp-";
-constexpr size_t kTemporaryRandomLength = 6;
-
-bool isTemporaryFileOf(const std::string& name, const std::string& fileName) {
-  if (name.size() != fileName.size() + kTemporarySuffix.size() + kTemporaryRandomLength ||
-      name.compare(0, fileName.size(), fileName) != 0 ||
-      name.compare(fileName.size(), kTemporarySuffix.size(), kTemporarySuffix) != 0) {
-    return false;
-  }
-  return std::all_of(name.end() - kTemporaryRandomLength, name.end(),
-                     [](unsigned char c) { return std::isalnum(c) != 0; });
-}
-
-// Removes what a save that crashed before its rename left beside `path`: our own temporary
-// files only (regular, owned by this user, in that directory). A save in progress holds a
-// lock on its temporary file, so it is left alone.
-void removeStaleTemporaryFiles(const std::string& path) {
-  const std::filesystem::path target(path);
-  std::filesystem::path dir = target.parent_path();
-  if (dir.empty()) dir = ".";
-  const std::string fileName = target.filename().string();
-  std::error_code error;
-  for (std::filesystem::directory_iterator it(dir, error), end; !error && it != end;
-       it.increment(error)) {
-    const std::string name = it->path().filename().string();
-    if (!isTemporaryFileOf(name, fileName)) continue;
-    const int fd = ::open(it->path().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) continue;
-    struct stat info {};
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
-        ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
-      ::unlink(it->path().c_str());
-    }
-    ::close(fd);
-  }
-}
-
 // Replaces the file at `path` with `text` so that readers never see a partial file.
 bool replaceFile(const std::string& path, const std::string& text, std::string* error) {
   const std::filesystem::path target(path);
-  std::filesystem::path dir = target.parent_path();
-  if (dir.empty()) dir = ".";
-  if (!makeDirectories(dir, error)) return false;
-
-  std::string temp = path + std::string(kTemporarySuffix) + "XXXXXX";
-  const int fd = ::mkostemp(temp.data(), O_CLOEXEC);  // created with mode 0600
-  if (fd < 0) {
-    *error = "cannot create a file in " + dir.string() + ": " + errnoText(errno);
-    return false;
-  }
-  ::flock(fd, LOCK_EX);  // marks the file as in use until it is closed
-  auto fail = [&](const std::string& what) {
-    *error = what + " " + temp + ": " + errnoText(errno);
-    ::close(fd);
-    ::unlink(temp.c_str());
-    return false;
-  };
-  if (::fchmod(fd, 0600) != 0) return fail("cannot set the mode of");
-  if (!writeAll(fd, text)) return fail("cannot write");
-  if (::fsync(fd) != 0) return fail("cannot flush");
-  if (::close(fd) != 0) {
-    *error = "cannot close " + temp + ": " + errnoText(errno);
-    ::unlink(temp.c_str());
-    return false;
-  }
-  if (::rename(temp.c_str(), path.c_str()) != 0) {
-    *error = "cannot rename " + temp + " to " + path + ": " + errnoText(errno);
-    ::unlink(temp.c_str());
-    return false;
-  }
-  // The rename itself is durable only once the directory entry is flushed.
-  const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0) {
-    ::fsync(dirFd);
-    ::close(dirFd);
-  }
-  return true;
+  const std::filesystem::path dir = target.has_parent_path() ? target.parent_path() : ".";
+  detail::FileResult result = detail::makePrivateDirectories(dir);
+  if (result) result = detail::writeFileAtomically(target, text);
+  if (!result) *error = std::move(result.error);
+  return result.ok();
 }
 
 // Keys are JSON object keys on disk, so they must be valid UTF-8.
@@ -249,7 +143,7 @@ void UserDefaults::loadLocked() {
   if (loaded_) return;
   loaded_ = true;
   if (path_.empty()) path_ = defaultStandardPath();
-  removeStaleTemporaryFiles(path_);
+  detail::removeStaleTemporaryFiles(path_);
 
   const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
