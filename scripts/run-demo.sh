@@ -21,13 +21,14 @@ trap 'exit 130' INT TERM
 
 "$sandbox_bin" --port 0 --state-dir "$state" >"$state/sandbox.log" 2>&1 &
 sandbox_pid=$!
-# sandbox.json appears once the sandbox accepts connections.
+# sandbox.json appears once the sandbox accepts connections; qvl-demo reads the address,
+# credentials and control token from it.
 for _ in $(seq 1 100); do
-  [ -s "$state/sandbox.json" ] && break
+  grep -q '"control_token"' "$state/sandbox.json" 2>/dev/null && break
   kill -0 "$sandbox_pid" 2>/dev/null || { cat "$state/sandbox.log" >&2; exit 1; }
   sleep 0.1
 done
-[ -s "$state/sandbox.json" ] || { echo "qvl-sandbox did not start within 10 s" >&2; cat "$state/sandbox.log" >&2; exit 1; }
+grep -q '"control_token"' "$state/sandbox.json" 2>/dev/null || { echo "qvl-sandbox did not start within 10 s" >&2; cat "$state/sandbox.log" >&2; exit 1; }
 head -n 1 "$state/sandbox.log"
 
 status=0

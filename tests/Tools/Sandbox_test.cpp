@@ -1,5 +1,12 @@
 #include "sandbox/Sandbox.h"
 
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -58,11 +65,12 @@ class SandboxTest : public ::testing::Test {
                                  std::filesystem::copy_options::skip_existing);
     }
     sandbox_.reset();
-    sandbox_ = std::make_unique<Sandbox>(
-        qvl::sandbox::Options{directory_.path(), QVL_SANDBOX_SOURCE_SEED, "test-key", 0, reset});
+    options_.reset = reset;
+    sandbox_ = std::make_unique<Sandbox>(options_);
   }
 
-  // One request to the sandbox with the API key and token unless `headers` replaces them.
+  // One request to the sandbox with the API key and token (the control token for
+  // /_sandbox/*) unless `headers` replaces them.
   Answer send(const std::string& method, const std::string& target, const json& body = nullptr,
               std::optional<httplib::Headers> headers = std::nullopt) {
     httplib::SSLClient client("localhost", sandbox_->port());
@@ -70,8 +78,10 @@ class SandboxTest : public ::testing::Test {
     client.enable_server_certificate_verification(true);
     client.set_connection_timeout(5);
     client.set_read_timeout(10);
+    const bool control = target.rfind("/_sandbox/", 0) == 0;
     const httplib::Headers standing = headers.value_or(httplib::Headers{
-        {"X-Api-Key", sandbox_->apiKey()}, {"Authorization", "Bearer " + sandbox_->token()}});
+        {"X-Api-Key", sandbox_->apiKey()},
+        {"Authorization", "Bearer " + (control ? sandbox_->controlToken() : sandbox_->token())}});
     const std::string text = body.is_null() ? std::string() : body.dump();
     httplib::Result result = method == "GET" ? client.Get(target.c_str(), standing)
                              : method == "PUT"
@@ -84,6 +94,7 @@ class SandboxTest : public ::testing::Test {
   std::int64_t balance() { return send("GET", "/v8/guests/1").body.value("balance", -1); }
 
   qvl::test::TempDir directory_;
+  qvl::sandbox::Options options_{directory_.path(), QVL_SANDBOX_SOURCE_SEED, "test-key"};
   std::unique_ptr<Sandbox> sandbox_;
 };
 
@@ -200,6 +211,135 @@ TEST_F(SandboxTest, InjectedFaultsFailRequestsUntilCleared) {
     status = send("GET", "/v8/shops").status;
   }
   EXPECT_EQ(status, 200) << "the listener never came back";
+}
+
+class SandboxSecurity : public SandboxTest {};
+
+TEST_F(SandboxSecurity, ControlEndpointsNeedTheControlTokenOfThisStart) {
+  const std::string control = sandbox_->controlToken();
+  ASSERT_EQ(control.size(), 64u);
+  for (const std::string& authorization :
+       {std::string(), "Bearer " + sandbox_->token(), "Bearer " + control + "0",
+        "Bearer " + control.substr(0, 63) + (control[63] == '0' ? "1" : "0"), control}) {
+    EXPECT_EQ(
+        send("GET", "/_sandbox/info", nullptr, httplib::Headers{{"Authorization", authorization}})
+            .status,
+        401)
+        << authorization;
+  }
+  const Answer info = send("GET", "/_sandbox/info");
+  EXPECT_EQ(info.status, 200);
+  EXPECT_EQ(info.body.value("control_token", ""), control);
+  std::ifstream file(directory_.file("sandbox.json"));
+  EXPECT_EQ(json::parse(file).value("control_token", ""), control);
+  start();
+  EXPECT_NE(sandbox_->controlToken(), control);
+}
+
+// The head declares far more than is sent: an answer can only come from the head.
+TEST_F(SandboxSecurity, BodyAboveTheLimitIsRefusedFromItsHead) {
+  options_.maxBody = 1024;
+  start();
+  EXPECT_EQ(send("POST", "/v8/postviews", std::string(2000, 'x')).status, 413);
+  EXPECT_EQ(send("POST", "/v8/postviews", std::string(1000, 'x')).status, 422);
+
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(sandbox_->port()));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const timeval limit{30, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+  SSL* ssl = SSL_new(context);
+  SSL_set_fd(ssl, fd);
+  ASSERT_EQ(SSL_connect(ssl), 1);
+  const std::string head =
+      "POST /v8/postviews HTTP/1.1\r\nHost: localhost\r\nContent-Length: 68719476736\r\n\r\n" +
+      std::string(4096, 'x');
+  EXPECT_EQ(SSL_write(ssl, head.data(), static_cast<int>(head.size())),
+            static_cast<int>(head.size()));
+  char answer[64] = {};
+  EXPECT_GT(SSL_read(ssl, answer, sizeof answer - 1), 0);
+  EXPECT_EQ(std::string(answer).substr(0, 12), "HTTP/1.1 413") << answer;
+  SSL_free(ssl);
+  SSL_CTX_free(context);
+  ::close(fd);
+}
+
+TEST_F(SandboxSecurity, RequestLogIsBoundedInBytesAndCountsWhatItDropped) {
+  options_.logBytes = 8192;
+  start();
+  for (int i = 0; i < 20; ++i) send("POST", "/v8/postviews", std::string(900, 'x'));
+  const json log = sandbox_->requests();
+  size_t bytes = 0;
+  for (const json& entry : log) bytes += entry.dump().size();
+  EXPECT_LE(bytes, options_.logBytes);
+  EXPECT_FALSE(log.empty());
+  EXPECT_EQ(log.size() + sandbox_->state()["requests_dropped"].get<size_t>(), 20u);
+}
+
+TEST_F(SandboxSecurity, SecondSandboxOnABusyPortExitsWithStatus1) {
+#ifndef QVL_SANDBOX_BINARY
+  GTEST_SKIP() << "built without the tools";
+#else
+  const std::string port = std::to_string(sandbox_->port());
+  // Bounded: a sandbox that started anyway is killed after 10 s and fails the test.
+  FILE* run = ::popen(("timeout 10 " QVL_SANDBOX_BINARY " --port " + port + " --state-dir " +
+                       directory_.path() + " 2>&1")
+                          .c_str(),
+                      "r");
+  ASSERT_NE(run, nullptr);
+  std::string output;
+  char buffer[512];
+  while (std::fgets(buffer, sizeof buffer, run)) output += buffer;
+  const int status = ::pclose(run);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status << ": " << output;
+  EXPECT_NE(output.find("port " + port + " is in use"), std::string::npos) << output;
+#endif
+}
+
+// A fresh state directory under umask 022, with links planted where a writer might put its
+// temporary files (the names used before and a unique-name lookalike) and at a key's name.
+TEST_F(SandboxSecurity, StateFilesArePrivateAndPlantedLinksAreNotFollowed) {
+  const qvl::test::TempDir outside;
+  const std::string victim = outside.file("victim");
+  std::ofstream(victim) << "untouched";
+  const qvl::test::TempDir root;
+  const std::string dir = root.file("state");
+  std::filesystem::create_directory(dir);
+  for (const char* name : {"secret.tmp", "pin.txt.tmp", "sandbox.json.tmp",
+                           "sandbox.json.tmp-XXXXXX", "pin.txt.tmp-000000", "ca-key.pem"}) {
+    std::filesystem::create_symlink(victim, dir + "/" + name);
+  }
+  const mode_t previous = ::umask(022);
+  options_.stateDirectory = dir;
+  start();
+  ::umask(previous);
+  std::ifstream in(victim);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "untouched");
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    if (entry.is_symlink()) continue;
+    EXPECT_EQ(entry.status().permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write)
+        << entry.path();
+  }
+
+  // A folder others may write in is refused, and left as it was.
+  const std::string shared = root.file("shared");
+  std::filesystem::create_directory(shared);
+  std::filesystem::permissions(shared, std::filesystem::perms::all);
+  options_.stateDirectory = shared;
+  EXPECT_THROW(start(), std::runtime_error);
+  EXPECT_EQ(std::filesystem::status(shared).permissions(), std::filesystem::perms::all);
+
+  options_.stateDirectory = root.file("made/state");
+  ::umask(022);
+  start();
+  ::umask(previous);
+  EXPECT_EQ(std::filesystem::status(options_.stateDirectory).permissions(),
+            std::filesystem::perms::owner_all);
 }
 
 // The library's own client, configured for the sandbox as a host would configure it.

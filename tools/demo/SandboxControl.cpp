@@ -8,8 +8,9 @@
 
 namespace qvl::demo {
 
-SandboxControl::SandboxControl(std::string baseUrl, std::chrono::milliseconds timeout)
-    : baseUrl_(std::move(baseUrl)), timeout_(timeout) {}
+SandboxControl::SandboxControl(std::string baseUrl, std::string controlToken,
+                               std::chrono::milliseconds timeout)
+    : baseUrl_(std::move(baseUrl)), controlToken_(std::move(controlToken)), timeout_(timeout) {}
 
 ControlAnswer SandboxControl::get(const std::string& path) const { return call("GET", path, ""); }
 
@@ -22,7 +23,8 @@ ControlAnswer SandboxControl::call(const std::string& method, const std::string&
   HttpSessionConfiguration configuration;
   configuration.timeoutIntervalForRequest = timeout_;
   configuration.timeoutIntervalForResource = timeout_;
-  configuration.additionalHeaders = {{"Content-Type", "application/json"}};
+  configuration.additionalHeaders = {{"Content-Type", "application/json"},
+                                     {"Authorization", "Bearer " + controlToken_}};
   auto session = HttpSession::create(configuration);
   // Shared with the completion, which may outlive this call when the wait below gives up.
   auto answer = std::make_shared<std::promise<ControlAnswer>>();

@@ -20,9 +20,10 @@ struct ControlAnswer {
 
 class SandboxControl {
  public:
-  /// `baseUrl`: "https://dev.localhost:PORT". Every call is bounded by `timeout`.
-  explicit SandboxControl(std::string baseUrl,
-                          std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  /// `baseUrl`: "https://dev.localhost:PORT"; `controlToken`: sandbox.json's
+  /// "control_token", sent as the bearer token. Every call is bounded by `timeout`.
+  SandboxControl(std::string baseUrl, std::string controlToken,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
   /// Blocks the calling thread until the answer or the time-out.
   ControlAnswer get(const std::string& path) const;
@@ -33,6 +34,7 @@ class SandboxControl {
                      const std::string& body) const;
 
   std::string baseUrl_;
+  std::string controlToken_;
   std::chrono::milliseconds timeout_;
 };
 

@@ -372,7 +372,7 @@ int main(int argc, char** argv) {
     if (!file)
       fail("cannot read " + options.sandboxDir + "/sandbox.json (is qvl-sandbox running?)");
     sandbox = json::parse(file, nullptr, false);
-    for (const char* key : {"api_domain", "api_key", "token", "pin", "ca_file"}) {
+    for (const char* key : {"api_domain", "api_key", "token", "control_token", "pin", "ca_file"}) {
       if (!sandbox.is_object() || !sandbox.contains(key) || !sandbox[key].is_string()) {
         fail(options.sandboxDir + "/sandbox.json lacks \"" + key + "\"");
       }
@@ -418,7 +418,7 @@ int main(int argc, char** argv) {
   mainQueue->runUntilIdle();
 
   const std::string sandboxUrl = "https://dev." + sandbox["api_domain"].get<std::string>();
-  SandboxControl control(sandboxUrl);
+  SandboxControl control(sandboxUrl, sandbox["control_token"]);
   // Requests from an earlier run of the same sandbox are not this walk's.
   std::int64_t firstSequence = 0;
   {

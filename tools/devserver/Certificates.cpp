@@ -1,9 +1,6 @@
 #include "devserver/Certificates.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -13,9 +10,11 @@
 
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
+
+#include "Platform/PrivateFiles.h"
 
 namespace qvl::devserver {
 namespace {
@@ -69,19 +68,21 @@ std::string pinOf(EVP_PKEY* key) {
   return std::string(reinterpret_cast<char*>(text), static_cast<size_t>(textLength));
 }
 
-// Private keys are readable by their owner only.
+// Owner-only like everything else in the directory: only this user's programs read them.
 void writePem(const std::string& path, X509* certificate, EVP_PKEY* key) {
-  const int fd =
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, certificate ? 0644 : 0600);
-  check(fd >= 0, "open");
-  FILE* file = ::fdopen(fd, "w");
-  if (!file) ::close(fd);
-  check(file != nullptr, "fdopen");
-  const bool ok = certificate
-                      ? PEM_write_X509(file, certificate) == 1
-                      : PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-  const bool closed = std::fclose(file) == 0;
-  check(ok && closed, "PEM write");
+  std::unique_ptr<BIO, decltype(&BIO_free)> buffer(BIO_new(BIO_s_mem()), &BIO_free);
+  check(buffer != nullptr, "BIO");
+  const bool ok = certificate ? PEM_write_bio_X509(buffer.get(), certificate) == 1
+                              : PEM_write_bio_PrivateKey(buffer.get(), key, nullptr, nullptr, 0,
+                                                         nullptr, nullptr) == 1;
+  check(ok, "PEM write");
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(buffer.get(), &data);
+  if (auto written = qvl::detail::writeFileAtomically(
+          path, std::string_view(data, static_cast<size_t>(length)));
+      !written) {
+    throw std::runtime_error(written.error);
+  }
 }
 
 void describe(Material& material, std::string certificatePath, std::string keyPath) {
@@ -178,10 +179,9 @@ struct Certificates::Authority {
 };
 
 Certificates::Certificates(std::string directory) : directory_(std::move(directory)) {
-  std::error_code error;
-  std::filesystem::create_directories(directory_, error);
-  if (error) throw std::runtime_error("cannot create " + directory_ + ": " + error.message());
-  ::chmod(directory_.c_str(), 0700);
+  if (auto made = qvl::detail::makePrivateDirectories(directory_); !made) {
+    throw std::runtime_error(made.error);
+  }
   authority_ = std::make_unique<Authority>(
       Authority{loadOrIssue(directory_, "ca", "Quorvel Development CA", true, nullptr)});
 }

@@ -19,9 +19,11 @@ struct Certificate {
 
 class Certificates {
  public:
-  /// Uses `directory` (created owner-only when missing). The CA ("ca.pem", "ca-key.pem") is
-  /// loaded when its files are there, still valid for a day and matching, and made
-  /// otherwise. Throws std::runtime_error when the directory or a file cannot be written.
+  /// Uses `directory` (created 0700 when missing; refused when owned by another user or
+  /// writable by others). Files are written 0600 through a unique temporary name. The CA
+  /// ("ca.pem", "ca-key.pem") is loaded when its files are there, still valid for a day and
+  /// matching, and made otherwise. Throws std::runtime_error when the directory is refused
+  /// or a file cannot be written.
   explicit Certificates(std::string directory);
   ~Certificates();
   Certificates(const Certificates&) = delete;

@@ -1,7 +1,13 @@
 #include "devserver/HttpsServer.h"
 
+#include <netinet/in.h>
 #include <signal.h>
 #include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <chrono>
 #include <cstdio>
@@ -38,7 +44,27 @@ void defaultHandler(const RecordedRequest&, httplib::Response& response) {
   response.set_content("{}", "application/json");
 }
 
+[[noreturn]] void portInUse(int port) {
+  throw std::runtime_error("port " + std::to_string(port) + " is in use");
+}
+
 }  // namespace
+
+void checkPortIsFree(int port) {
+  if (port == 0) return;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return;  // the real bind reports it
+  const int yes = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool taken =
+      ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 && errno == EADDRINUSE;
+  ::close(fd);
+  if (taken) portInUse(port);
+}
 
 std::optional<std::string> RecordedRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
@@ -63,6 +89,31 @@ HttpsServer::HttpsServer(const Certificate& certificate, HttpsServerOptions opti
   // Enough workers for many requests held open at once (tests hold dozens).
   server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
   server_->set_keep_alive_timeout(1);
+  // cpp-httplib's default also sets SO_REUSEPORT, which lets a second server bind a port
+  // this one listens on. SO_REUSEADDR alone still allows listening again after a close.
+  server_->set_socket_options([](socket_t sock) {
+    const int yes = 1;
+    ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  if (options.maxBody > 0) {
+    const size_t limit = options.maxBody;
+    server_->set_payload_max_length(limit);
+    // Decided from the headers, before any of the body is read.
+    server_->set_pre_routing_handler(
+        [limit](const httplib::Request& request, httplib::Response& response) {
+          const bool chunked = request.has_header("Transfer-Encoding");
+          const std::string length = request.get_header_value("Content-Length");
+          if (!chunked && (length.empty() || std::strtoull(length.c_str(), nullptr, 10) <= limit)) {
+            return httplib::Server::HandlerResponse::Unhandled;
+          }
+          response.status = chunked ? 411 : 413;
+          response.set_header("Connection", "close");
+          response.set_content(chunked ? R"({"status":411,"error":"Length Required"})"
+                                       : R"({"status":413,"error":"Payload Too Large"})",
+                               "application/json; charset=utf-8");
+          return httplib::Server::HandlerResponse::Handled;
+        });
+  }
   auto route = [this](const httplib::Request& request, httplib::Response& response) {
     handle(request, response);
   };
@@ -72,13 +123,17 @@ HttpsServer::HttpsServer(const Certificate& certificate, HttpsServerOptions opti
   server_->Patch(".*", route);
   server_->Delete(".*", route);
   server_->Options(".*", route);
+  errno = 0;
   if (options.port == 0) {
     port_ = server_->bind_to_any_port("127.0.0.1");
   } else if (server_->bind_to_port("127.0.0.1", options.port)) {
     port_ = options.port;
   }
   if (port_ <= 0) {
-    throw std::runtime_error("HTTPS server: cannot bind 127.0.0.1:" + std::to_string(options.port));
+    const int error = errno;
+    if (error == EADDRINUSE) portInUse(options.port);
+    throw std::runtime_error("HTTPS server: cannot bind 127.0.0.1:" + std::to_string(options.port) +
+                             ": " + std::strerror(error));
   }
   thread_ = std::thread([this] { server_->listen_after_bind(); });
   // stop() only ends a server that is already running: one destroyed before its thread got

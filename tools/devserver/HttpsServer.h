@@ -43,13 +43,20 @@ struct HttpsServerOptions {
   /// Keep every request for requests(); a long-running server that keeps its own log
   /// turns this off.
   bool recordRequests = true;
+  /// Requests declaring a longer body are answered 413 from their headers alone, and a
+  /// body without a declared length is refused (411); 0: no limit.
+  size_t maxBody = 0;
 };
+
+/// Throws std::runtime_error "port N is in use" when a socket listens on 127.0.0.1:`port`
+/// (nothing for port 0), so that a server can fail before its slower preparations.
+void checkPortIsFree(int port);
 
 class HttpsServer {
  public:
   /// Listens on 127.0.0.1, presenting `certificate`, and returns once it accepts
   /// connections. Throws std::runtime_error when the certificate is unusable or the port
-  /// cannot be bound.
+  /// cannot be bound ("port N is in use" when another socket listens on it).
   explicit HttpsServer(const Certificate& certificate, HttpsServerOptions options = {});
   /// Stops listening (new connections are refused from then on), lets the requests in
   /// progress finish and joins the server threads.

@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +11,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -22,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "Platform/PrivateFiles.h"
 #include "devserver/Certificates.h"
 #include "devserver/HttpsServer.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
@@ -119,33 +118,37 @@ std::string now() {
       std::chrono::floor<qvl::Date::duration>(std::chrono::system_clock::now()));
 }
 
-void writeFileAtomically(const std::string& path, const std::string& content, mode_t mode) {
-  const std::string temporary = path + ".tmp";
-  {
-    std::ofstream out(temporary, std::ios::trunc);
-    out << content;
-    if (!out.flush()) throw std::runtime_error("cannot write " + temporary);
+void writePrivateFile(const std::string& path, const std::string& content) {
+  if (auto written = qvl::detail::writeFileAtomically(path, content); !written) {
+    throw std::runtime_error(written.error);
   }
-  ::chmod(temporary.c_str(), mode);
-  std::filesystem::rename(temporary, path);
 }
 
-// 32 random bytes as hex, made on first start and kept, so tokens stay valid across
-// restarts and resets.
+// 32 bytes from OpenSSL's CSPRNG, as hex.
+std::string randomHex() {
+  unsigned char bytes[32];
+  if (RAND_bytes(bytes, sizeof bytes) != 1) throw std::runtime_error("no random bytes");
+  static const char* kHex = "0123456789abcdef";
+  std::string out;
+  for (unsigned char b : bytes) {
+    out.push_back(kHex[b >> 4]);
+    out.push_back(kHex[b & 15]);
+  }
+  return out;
+}
+
+// Made on first start and kept, so tokens stay valid across restarts and resets.
 std::string loadOrMakeSecret(const std::string& path) {
   std::ifstream in(path);
   std::string secret;
   if (in >> secret && secret.size() == 64) return secret;
-  unsigned char bytes[32];
-  if (RAND_bytes(bytes, sizeof bytes) != 1) throw std::runtime_error("no random bytes");
-  static const char* kHex = "0123456789abcdef";
-  secret.clear();
-  for (unsigned char b : bytes) {
-    secret.push_back(kHex[b >> 4]);
-    secret.push_back(kHex[b & 15]);
-  }
-  writeFileAtomically(path, secret + "\n", 0600);
+  secret = randomHex();
+  writePrivateFile(path, secret + "\n");
   return secret;
+}
+
+bool sameSecret(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
 json readSeed(const std::string& path) {
@@ -207,7 +210,7 @@ struct Sandbox::Impl {
   explicit Impl(Options opts);
   ~Impl();
 
-  void startServer();
+  void startServer(bool retry);
   void supervise();
   void handle(const devserver::RecordedRequest& request, httplib::Response& response);
   void control(const devserver::RecordedRequest& request, httplib::Response& response);
@@ -232,6 +235,7 @@ struct Sandbox::Impl {
   devserver::Certificate serverCertificate;
   std::unique_ptr<State> state;
   std::string secret;
+  const std::string controlToken = randomHex();
   std::atomic<int> port{0};  // fixed once the first listener bound it
 
   // The listener; replaced by the supervisor thread around an offline window.
@@ -250,18 +254,24 @@ struct Sandbox::Impl {
   std::mutex writeMutex;
 
   mutable std::mutex logMutex;
-  std::deque<json> log;
+  std::deque<std::pair<json, size_t>> log;  // each entry with its serialised size
+  size_t logBytes = 0;
+  std::int64_t logDropped = 0;
   std::int64_t nextSequence = 1;
 };
 
 Sandbox::Impl::Impl(Options opts) : options(std::move(opts)) {
   if (options.stateDirectory.empty()) throw std::runtime_error("no state directory given");
-  std::error_code error;
-  std::filesystem::create_directories(options.stateDirectory, error);
-  if (error) {
-    throw std::runtime_error("cannot create " + options.stateDirectory + ": " + error.message());
-  }
+  // Before anything is made or reset: a busy port means another program serves there.
+  devserver::checkPortIsFree(options.port);
   const std::string& dir = options.stateDirectory;
+  if (auto made = qvl::detail::makePrivateDirectories(dir); !made) {
+    throw std::runtime_error(made.error);
+  }
+  // SQLite creates its file (and the journal files after it) with the umask's mode.
+  qvl::detail::FileResult made = qvl::detail::makePrivateFile(dir + "/state.sqlite");
+  if (made) made = qvl::detail::restrictToOwner(dir + "/state.sqlite");  // an older sandbox's
+  if (!made) throw std::runtime_error(made.error);
   certificates = std::make_unique<devserver::Certificates>(dir);
   serverCertificate = certificates->server("server");
   secret = loadOrMakeSecret(dir + "/secret");
@@ -269,9 +279,9 @@ Sandbox::Impl::Impl(Options opts) : options(std::move(opts)) {
       dir + "/state.sqlite", [this] { return readSeed(options.seedFile); }, options.reset);
   failureRate = options.failureRate;
   port = options.port;
-  startServer();
-  writeFileAtomically(dir + "/pin.txt", serverCertificate.pin + "\n", 0644);
-  writeFileAtomically(dir + "/sandbox.json", info().dump(2) + "\n", 0600);
+  startServer(false);
+  writePrivateFile(dir + "/pin.txt", serverCertificate.pin + "\n");
+  writePrivateFile(dir + "/sandbox.json", info().dump(2) + "\n");
   supervisor = std::thread([this] { supervise(); });
   if (options.offlineFor.count() > 0) setFaults(failureRate, options.offlineFor);
 }
@@ -290,12 +300,13 @@ Sandbox::Impl::~Impl() {
   }
 }
 
-void Sandbox::Impl::startServer() {
+void Sandbox::Impl::startServer(bool retry) {
   // The port of an offline window may still be held briefly; retry for a few seconds.
+  // At start a taken port is another program's: fail at once.
   for (int attempt = 0;; ++attempt) {
     try {
       auto fresh = std::make_unique<devserver::HttpsServer>(
-          serverCertificate, devserver::HttpsServerOptions{port.load(), false});
+          serverCertificate, devserver::HttpsServerOptions{port.load(), false, options.maxBody});
       fresh->setHandler([this](const devserver::RecordedRequest& request,
                                httplib::Response& response) { handle(request, response); });
       std::lock_guard lock(serverMutex);
@@ -303,7 +314,7 @@ void Sandbox::Impl::startServer() {
       server = std::move(fresh);
       return;
     } catch (const std::runtime_error&) {
-      if (port == 0 || attempt >= 50) throw;
+      if (!retry || port == 0 || attempt >= 50) throw;
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   }
@@ -330,7 +341,7 @@ void Sandbox::Impl::supervise() {
     if (stopping) return;
     lock.unlock();
     try {
-      startServer();
+      startServer(true);
     } catch (const std::exception& error) {
       std::fprintf(stderr, "qvl-sandbox: cannot listen again on port %d: %s\n", port.load(),
                    error.what());
@@ -373,10 +384,7 @@ std::optional<std::int64_t> Sandbox::Impl::guestForToken(std::string_view token)
   for (const json& guest : state->storedAll("guests")) {
     const std::int64_t id = guest["id"].get<std::int64_t>();
     const std::string expected = tokenFor(id);
-    if (expected.size() == token.size() &&
-        CRYPTO_memcmp(expected.data(), token.data(), token.size()) == 0) {
-      return id;
-    }
+    if (sameSecret(expected, token)) return id;
   }
   return std::nullopt;
 }
@@ -393,11 +401,16 @@ json Sandbox::Impl::info() const {
           {"api_key", options.apiKey},
           {"guest_id", guestId},
           {"token", guestId ? tokenFor(guestId) : std::string()},
+          {"control_token", controlToken},
           {"state_directory", options.stateDirectory}};
 }
 
 json Sandbox::Impl::stateJson() const {
   json out = {{"counts", state->counts()}, {"faults", faults()}};
+  {
+    std::lock_guard lock(logMutex);
+    out["requests_dropped"] = logDropped;
+  }
   for (const char* name : {"guests", "postviews", "beaconviews", "redemptions", "endpoints"}) {
     out[name] = state->storedAll(name);
   }
@@ -412,17 +425,20 @@ void Sandbox::Impl::record(const devserver::RecordedRequest& request, int status
     body = json::parse(request.body, nullptr, false);
     if (body.is_discarded()) body = request.body;
   }
+  json entry = {
+      {"time", now()},           {"method", request.method}, {"target", request.target},
+      {"path", request.path},    {"query", request.query},   {"headers", std::move(headers)},
+      {"body", std::move(body)}, {"status", status}};
+  const size_t size = entry.dump().size();
   std::lock_guard lock(logMutex);
-  log.push_back({{"seq", nextSequence++},
-                 {"time", now()},
-                 {"method", request.method},
-                 {"target", request.target},
-                 {"path", request.path},
-                 {"query", request.query},
-                 {"headers", std::move(headers)},
-                 {"body", std::move(body)},
-                 {"status", status}});
-  if (log.size() > kLogLimit) log.pop_front();
+  entry["seq"] = nextSequence++;
+  log.emplace_back(std::move(entry), size);
+  logBytes += size;
+  while (!log.empty() && (log.size() > kLogLimit || logBytes > options.logBytes)) {
+    logBytes -= log.front().second;
+    log.pop_front();
+    ++logDropped;
+  }
 }
 
 void Sandbox::Impl::handle(const devserver::RecordedRequest& request, httplib::Response& response) {
@@ -452,6 +468,10 @@ void Sandbox::Impl::handle(const devserver::RecordedRequest& request, httplib::R
 
 void Sandbox::Impl::control(const devserver::RecordedRequest& request,
                             httplib::Response& response) {
+  const std::string authorization = request.header("Authorization").value_or("");
+  if (!sameSecret(authorization, "Bearer " + controlToken)) {
+    throw ServiceError(401, "/_sandbox/* needs the control_token of sandbox.json as bearer token");
+  }
   const std::string& path = request.path;
   if (path == "/_sandbox/requests" && request.method == "GET") {
     const auto since = parseId(parseQuery(request.query).items["since"]);
@@ -459,6 +479,7 @@ void Sandbox::Impl::control(const devserver::RecordedRequest& request,
   } else if (path == "/_sandbox/requests" && request.method == "DELETE") {
     std::lock_guard lock(logMutex);
     log.clear();
+    logBytes = 0;
     response.status = 204;
   } else if (path == "/_sandbox/state" && request.method == "GET") {
     answer(response, 200, stateJson());
@@ -681,6 +702,7 @@ std::string Sandbox::url(const std::string& host) const {
 const std::string& Sandbox::pin() const { return impl_->serverCertificate.pin; }
 const std::string& Sandbox::caFile() const { return impl_->certificates->ca().certificatePath; }
 const std::string& Sandbox::apiKey() const { return impl_->options.apiKey; }
+const std::string& Sandbox::controlToken() const { return impl_->controlToken; }
 std::string Sandbox::token() const { return impl_->info()["token"]; }
 nlohmann::json Sandbox::info() const { return impl_->info(); }
 
@@ -693,7 +715,7 @@ nlohmann::json Sandbox::requests(std::int64_t since) const { return impl_->reque
 json Sandbox::Impl::requests(std::int64_t since) const {
   std::lock_guard lock(logMutex);
   json out = json::array();
-  for (const json& entry : log) {
+  for (const auto& [entry, size] : log) {
     if (entry["seq"].get<std::int64_t>() > since) out.push_back(entry);
   }
   return out;

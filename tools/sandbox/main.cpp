@@ -22,6 +22,10 @@ constexpr const char* kUsage = R"(usage: qvl-sandbox [options]
   --reset             restore the seed, dropping views, redemptions and endpoints
   --failure-rate R    answer this share (0..1) of /v8 requests with 503
   --offline-for S     refuse connections for S seconds right after start
+  --max-body BYTES    answer longer request bodies with 413 (default: 1048576)
+
+/_sandbox/* needs "Authorization: Bearer <control_token>", the control_token of
+sandbox.json (new on every start).
 )";
 
 std::string defaultStateDirectory() {
@@ -72,6 +76,10 @@ int main(int argc, char** argv) {
         options.reset = true;
       } else if (flag == "--failure-rate") {
         options.failureRate = std::stod(value());
+      } else if (flag == "--max-body") {
+        const long long bytes = std::stoll(value());
+        if (bytes <= 0) usageError("--max-body must be positive");
+        options.maxBody = static_cast<size_t>(bytes);
       } else if (flag == "--offline-for") {
         options.offlineFor =
             std::chrono::milliseconds(static_cast<long>(std::stod(value()) * 1000));
@@ -104,8 +112,9 @@ int main(int argc, char** argv) {
               << "  pin:       " << sandbox.pin() << "  (" << dir << "/pin.txt)\n"
               << "  CA file:   " << sandbox.caFile() << "\n"
               << "  settings:  " << dir << "/sandbox.json\n"
-              << "  requests:  curl --cacert " << sandbox.caFile() << " " << sandbox.url()
-              << "/_sandbox/requests\n"
+              << "  requests:  curl --cacert " << sandbox.caFile()
+              << " -H \"Authorization: Bearer $CONTROL_TOKEN\" " << sandbox.url()
+              << "/_sandbox/requests  (control_token in sandbox.json)\n"
               << std::flush;
     int received = 0;
     sigwait(&signals, &received);
