@@ -66,7 +66,7 @@ struct QVL_EXPORT DeviceProximityStats {
 /// - Bounds: what the air sends is not bounded, so the backend keeps at most 2048 beacons
 ///   and 2048 beacon devices (a new one past that evicts the least recently heard; a beacon
 ///   not heard for 60 s is forgotten), each advertisement costs O(1), and one ranging report
-///   carries at most 2048 beacons, the nearest. About 1 MB in all.
+///   carries at most 2048 beacons, the nearest: a few MiB in all, however many beacons.
 /// - Peers: signals and answers count only from the current unique-name owner of org.bluez
 ///   or org.freedesktop.GeoClue2 (followed through NameOwnerChanged, so a restarted
 ///   bluetoothd is heard again); anything else on the bus is dropped and counted.
