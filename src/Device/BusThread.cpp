@@ -5,13 +5,36 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <exception>
 #include <system_error>
+#include <unordered_set>
 
 #include <sdbus-c++/Error.h>
 
 #include "quorvel/Platform/Log.h"
 
 namespace qvl::device {
+
+void guard(const std::string& origin, const std::function<void()>& callback) noexcept {
+  // Each bus thread logs an origin once: a peer that makes a handler fail can do it again.
+  thread_local std::unordered_set<std::string> logged;
+  std::string reason;
+  try {
+    callback();
+    return;
+  } catch (const sdbus::Error& error) {
+    reason = error.getName() + ": " + error.getMessage();
+  } catch (const std::exception& error) {
+    reason = error.what();
+  } catch (...) {
+    reason = "unknown exception";
+  }
+  try {
+    if (logged.insert(origin).second) log("QuorvelSDK: D-Bus: " + origin + " failed: " + reason);
+  } catch (...) {
+    // Out of memory while logging: the failure itself was already handled.
+  }
+}
 
 BusThread::BusThread(std::string address, Task setup, std::function<void()> teardown,
                      std::function<void(const std::string&)> failed)
@@ -53,10 +76,11 @@ void BusThread::run(const std::string& address, const Task& setup,
     connection = address.empty() ? sdbus::createSystemBusConnection()
                                  : sdbus::createSessionBusConnectionWithAddress(address);
     setup(*connection);
-  } catch (const sdbus::Error& error) {
+  } catch (const std::exception& error) {
     if (connection) teardown();  // what setup made goes before its connection
     connection.reset();
-    failed(error.getName() + ": " + error.getMessage());
+    const auto* busError = dynamic_cast<const sdbus::Error*>(&error);
+    failed(busError ? busError->getName() + ": " + busError->getMessage() : error.what());
   }
   for (;;) {
     std::deque<Task> tasks;
@@ -69,13 +93,7 @@ void BusThread::run(const std::string& address, const Task& setup,
       pollfd wakeOnly{wakeFd_, POLLIN, 0};
       poll(&wakeOnly, 1, -1);
     } else {
-      for (Task& task : tasks) {
-        try {
-          task(*connection);
-        } catch (const sdbus::Error& error) {
-          log("QuorvelSDK: D-Bus: " + error.getName() + ": " + error.getMessage());
-        }
-      }
+      for (Task& task : tasks) guard("posted task", [&] { task(*connection); });
       try {
         while (connection->processPendingRequest()) {
         }
@@ -85,6 +103,8 @@ void BusThread::run(const std::string& address, const Task& setup,
         connection.reset();
         failed(error.getName() + ": " + error.getMessage());
         continue;
+      } catch (...) {
+        guard("message dispatch", [] { throw; });  // a handler that is not guarded itself
       }
       if (!tasks.empty()) continue;  // a task may have queued messages
       sdbus::IConnection::PollData data = connection->getEventLoopPollData();

@@ -15,6 +15,11 @@
 
 namespace qvl::device {
 
+/// Runs `callback` (a task, a signal or reply handler) and catches whatever it throws: the
+/// first failure of each `origin` on this thread is logged, later ones are not, and the
+/// loop goes on. A callback that throws must never unwind through sd-bus.
+void guard(const std::string& origin, const std::function<void()>& callback) noexcept;
+
 class BusThread {
  public:
   using Task = std::function<void(sdbus::IConnection&)>;

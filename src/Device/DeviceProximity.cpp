@@ -11,6 +11,7 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include "Device/BusThread.h"
+#include "Device/Sightings.h"
 #include "Proximity/ProximityEngine.h"
 #include "Proximity/SceneRecorder.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -23,6 +24,8 @@ namespace qvl {
 namespace {
 
 constexpr auto kCallTimeout = std::chrono::seconds(5);
+constexpr std::uint64_t kBeaconExpiryTicks = 60;
+constexpr const char* kDaemon = "org.freedesktop.DBus";
 constexpr const char* kBluez = "org.bluez";
 constexpr const char* kAdapter = "org.bluez.Adapter1";
 constexpr const char* kDevice = "org.bluez.Device1";
@@ -86,15 +89,10 @@ struct DeviceProximity::Private {
   const std::shared_ptr<Clock> clock;
   const Date start;
   std::atomic<std::uint64_t> handled{0};
+  std::atomic<std::uint64_t> dropped{0};
   mutable std::mutex mutex;
   proximity::Engine engine;
-  struct Heard {
-    proximity::BeaconFrame frame;
-    double sum = 0.0;
-    int count = 0;
-  };
-  std::map<proximity::BeaconKey, Heard> heard;   // since the last tick
-  std::vector<proximity::BeaconKey> firstHeard;  // every beacon ever heard, in that order
+  device::Sightings sightings{proximity::kMaxBeacons, kBeaconExpiryTicks};
   std::optional<proximity::Fix> position;
   BluetoothState bluetooth = BluetoothState::Unknown;
   AuthorizationStatus authorization = AuthorizationStatus::NotDetermined;
@@ -109,17 +107,6 @@ struct DeviceProximity::Private {
     std::lock_guard lock(mutex);
     authorization = status;
   }
-  void sighting(const proximity::BeaconFrame& frame, std::int16_t rssi) {
-    if (rssi < -127 || rssi > -1) return;  // BlueZ's "no reading" values
-    std::lock_guard lock(mutex);
-    auto [it, added] = heard.try_emplace(frame.key);
-    if (added && std::find(firstHeard.begin(), firstHeard.end(), frame.key) == firstHeard.end()) {
-      firstHeard.push_back(frame.key);
-    }
-    it->second.frame = frame;
-    it->second.sum += rssi;
-    ++it->second.count;
-  }
 
   // One tick: what the bus reported since the last one goes through the engine.
   void tick(Date now) {
@@ -128,13 +115,7 @@ struct DeviceProximity::Private {
       std::lock_guard lock(mutex);
       engine.setBluetooth(bluetooth);
       engine.setAuthorization(authorization);
-      std::vector<proximity::Heard> signals;
-      for (const proximity::BeaconKey& key : firstHeard) {
-        auto it = heard.find(key);
-        if (it != heard.end())
-          signals.push_back({it->second.frame, it->second.sum / it->second.count});
-      }
-      heard.clear();
+      std::vector<proximity::Heard> signals = sightings.take();
       if (recorder) {
         auto at = std::llround(proximity::Seconds(now - start).count());
         recorder->tick(at, bluetooth, authorization, signals, position);
@@ -153,7 +134,9 @@ struct DeviceProximity::Private {
     std::string adapterPath;
     bool powered = false;
     bool discoveryWanted = false;
-    std::map<std::string, proximity::BeaconFrame> frames;  // by device object path
+    std::string bluezOwner;  // unique names; empty while unknown
+    std::string geoclueOwner;
+    bool dropLogged = false;
     std::unique_ptr<sdbus::IProxy> geoclue;
     std::unique_ptr<sdbus::IProxy> client;
     std::string clientPath;
@@ -165,56 +148,106 @@ struct DeviceProximity::Private {
 
   void handledOne() { handled.fetch_add(1, std::memory_order_release); }
 
+  // ---- who may speak: any connection on the bus can send us signals, unicast ones even
+  // past our match rules, so each message's sender is checked against the peer's owner ----
+  enum class Peer { Daemon, Bluez, GeoClue };
+
+  // True when `sender` speaks for `peer`; otherwise the message is dropped and counted. An
+  // answer to a call made to the peer's name tells its owner while none is known yet (the
+  // daemon routes such calls to the owner and lets only the callee answer); an error may
+  // also come from the daemon or sd-bus (no such name, time-out).
+  bool speaksFor(Peer peer, const std::string& sender, bool answer, bool error) {
+    bool ok = false;
+    std::string* owner = peer == Peer::Bluez     ? &bus->bluezOwner
+                         : peer == Peer::GeoClue ? &bus->geoclueOwner
+                                                 : nullptr;
+    if (!owner) {
+      ok = sender == kDaemon;
+    } else if (error) {
+      ok = sender.empty() || sender == kDaemon || sender == *owner;
+    } else {
+      if (answer && owner->empty() && sender.starts_with(':')) *owner = sender;
+      ok = !owner->empty() && sender == *owner;
+    }
+    if (!ok) {
+      dropped.fetch_add(1, std::memory_order_relaxed);
+      if (!std::exchange(bus->dropLogged, true)) {
+        log("QuorvelSDK: D-Bus: dropped a message from " + sender +
+            ", which does not own the name it claims (later ones are only counted)");
+      }
+    }
+    return ok;
+  }
+
+  using Answer = std::function<void(const sdbus::Error* error, sdbus::MethodReply& reply)>;
+  // Calls `peer` (through a proxy on its name); `then` gets the answer when `peer` gave it.
+  void call(sdbus::IProxy& proxy, Peer peer, const sdbus::MethodCall& message, const char* origin,
+            Answer then) {
+    proxy.callMethod(
+        message,
+        [this, peer, origin, then = std::move(then)](sdbus::MethodReply& reply,
+                                                     const sdbus::Error* error) {
+          device::guard(origin, [&] {
+            if (speaksFor(peer, reply.getSender(), true, error != nullptr)) then(error, reply);
+          });
+        },
+        kCallTimeout);
+  }
+
   void setup(sdbus::IConnection& connection) {
     bus = std::make_unique<Bus>();
-    auto on = [&](const std::string& rule, auto handler) {
-      bus->matches.push_back(connection.addMatch(rule, [this, handler](sdbus::Message& message) {
-        try {
-          (this->*handler)(message);
-        } catch (const sdbus::Error& error) {
-          log("QuorvelSDK: unreadable D-Bus signal " + message.getMemberName() + ": " +
-              error.getMessage());
-        }
-        handledOne();
-      }));
+    auto on = [&](const std::string& rule, Peer peer, const char* origin, auto handler) {
+      bus->matches.push_back(
+          connection.addMatch(rule, [this, peer, origin, handler](sdbus::Message& message) {
+            bool spoke = false;
+            device::guard(origin, [&] {
+              if (!(spoke = speaksFor(peer, message.getSender(), false, false))) return;
+              (this->*handler)(message);
+            });
+            if (spoke) handledOne();
+          }));
     };
     on("type='signal',sender='org.bluez',interface='org.freedesktop.DBus.ObjectManager'",
-       &Private::onObjectManager);
+       Peer::Bluez, "BlueZ ObjectManager signal", &Private::onObjectManager);
     on("type='signal',sender='org.bluez',interface='org.freedesktop.DBus.Properties',"
        "member='PropertiesChanged'",
-       &Private::onPropertiesChanged);
+       Peer::Bluez, "BlueZ PropertiesChanged", &Private::onPropertiesChanged);
     on("type='signal',sender='org.freedesktop.GeoClue2',interface='org.freedesktop.GeoClue2."
        "Client',member='LocationUpdated'",
-       &Private::onLocationUpdated);
+       Peer::GeoClue, "GeoClue LocationUpdated", &Private::onLocationUpdated);
     on("type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
        "member='NameOwnerChanged',arg0='org.bluez'",
-       &Private::onBluezOwner);
+       Peer::Daemon, "BlueZ NameOwnerChanged", &Private::onBluezOwner);
+    on("type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+       "member='NameOwnerChanged',arg0='org.freedesktop.GeoClue2'",
+       Peer::Daemon, "GeoClue NameOwnerChanged", &Private::onGeoClueOwner);
     bus->root = sdbus::createProxy(connection, kBluez, "/");
     listObjects();
   }
 
   // What BlueZ has now: the adapter and the frames of the devices it knows.
   void listObjects() {
-    bus->root->callMethodAsync("GetManagedObjects")
-        .onInterface(kObjectManager)
-        .withTimeout(kCallTimeout)
-        .uponReplyInvoke([this](const sdbus::Error* error, const Objects& objects) {
-          if (error) {
-            log("QuorvelSDK: BlueZ not reachable: " + error->getName());
-            setBluetooth(refused(*error) ? BluetoothState::Unauthorized
-                                         : BluetoothState::Unsupported);
-          } else {
-            onObjects(bus->root->getConnection(), objects);
-          }
-          handledOne();
-        });
+    call(*bus->root, Peer::Bluez, bus->root->createMethodCall(kObjectManager, "GetManagedObjects"),
+         "BlueZ GetManagedObjects", [this](const sdbus::Error* error, sdbus::MethodReply& reply) {
+           if (error) {
+             log("QuorvelSDK: BlueZ not reachable: " + error->getName());
+             setBluetooth(refused(*error) ? BluetoothState::Unauthorized
+                                          : BluetoothState::Unsupported);
+           } else {
+             Objects objects;
+             reply >> objects;
+             onObjects(bus->root->getConnection(), objects);
+           }
+           handledOne();
+         });
   }
 
   // bluetoothd stopped or started again: a restarted one announces nothing of its own
-  // adapter to old listeners, so it is read afresh.
+  // adapter to old listeners, so it is read afresh, and only the new owner is heard.
   void onBluezOwner(sdbus::Message& message) {
     std::string name, previous, current;
     message >> name >> previous >> current;
+    bus->bluezOwner = current;
     forgetAdapter();
     if (current.empty()) {
       log("QuorvelSDK: BlueZ stopped");
@@ -224,10 +257,19 @@ struct DeviceProximity::Private {
     }
   }
 
+  void onGeoClueOwner(sdbus::Message& message) {
+    std::string name, previous, current;
+    message >> name >> previous >> current;
+    bus->geoclueOwner = current;
+  }
+
   void forgetAdapter() {
     bus->adapter.reset();
     bus->adapterPath.clear();
-    bus->frames.clear();
+    {
+      std::lock_guard lock(mutex);
+      sightings.forgetDevices();
+    }
     bus->discoveryWanted = false;
   }
 
@@ -278,26 +320,24 @@ struct DeviceProximity::Private {
     bus->discoveryWanted = true;
     std::map<std::string, sdbus::Variant> filter{{"Transport", sdbus::Variant(std::string("le"))},
                                                  {"DuplicateData", sdbus::Variant(true)}};
-    bus->adapter->callMethodAsync("SetDiscoveryFilter")
-        .onInterface(kAdapter)
-        .withArguments(filter)
-        .withTimeout(kCallTimeout)
-        .uponReplyInvoke([this](const sdbus::Error* error) {
-          if (error) {
-            discoveryFailed(*error);
-          } else if (bus->adapter) {
-            bus->adapter->callMethodAsync("StartDiscovery")
-                .onInterface(kAdapter)
-                .withTimeout(kCallTimeout)
-                .uponReplyInvoke([this](const sdbus::Error* error) {
-                  if (error && error->getName() != "org.bluez.Error.InProgress") {
-                    discoveryFailed(*error);
-                  }
-                  handledOne();
-                });
-          }
-          handledOne();
-        });
+    auto setFilter = bus->adapter->createMethodCall(kAdapter, "SetDiscoveryFilter");
+    setFilter << filter;
+    call(*bus->adapter, Peer::Bluez, setFilter, "BlueZ SetDiscoveryFilter",
+         [this](const sdbus::Error* error, sdbus::MethodReply&) {
+           if (error) {
+             discoveryFailed(*error);
+           } else if (bus->adapter) {
+             call(*bus->adapter, Peer::Bluez,
+                  bus->adapter->createMethodCall(kAdapter, "StartDiscovery"),
+                  "BlueZ StartDiscovery", [this](const sdbus::Error* error, sdbus::MethodReply&) {
+                    if (error && error->getName() != "org.bluez.Error.InProgress") {
+                      discoveryFailed(*error);
+                    }
+                    handledOne();
+                  });
+           }
+           handledOne();
+         });
   }
 
   void discoveryFailed(const sdbus::Error& error) {
@@ -308,16 +348,13 @@ struct DeviceProximity::Private {
 
   void readDevice(const std::string& path, const Properties& properties, bool sighted) {
     if (path.rfind(bus->adapterPath + "/", 0) != 0) return;
-    if (auto data = properties.find("ManufacturerData"); data != properties.end()) {
-      if (auto frame = beaconFrame(data->second)) {
-        bus->frames[path] = *frame;
-      } else {
-        bus->frames.erase(path);
-      }
-    }
-    auto frame = bus->frames.find(path);
+    auto data = properties.find("ManufacturerData");
+    std::optional<proximity::BeaconFrame> frame;
+    if (data != properties.end()) frame = beaconFrame(data->second);
     auto rssi = property<std::int16_t>(properties, "RSSI");
-    if (sighted && rssi && frame != bus->frames.end()) sighting(frame->second, *rssi);
+    std::lock_guard lock(mutex);
+    if (data != properties.end()) sightings.setFrame(path, frame);
+    if (sighted && rssi) sightings.heard(path, *rssi);
   }
 
   void onObjectManager(sdbus::Message& message) {
@@ -337,7 +374,10 @@ struct DeviceProximity::Private {
       std::vector<std::string> interfaces;
       message >> interfaces;
       for (const std::string& interface : interfaces) {
-        if (interface == kDevice) bus->frames.erase(path);
+        if (interface == kDevice) {
+          std::lock_guard lock(mutex);
+          sightings.forgetDevice(path);
+        }
         if (interface == kAdapter && path == bus->adapterPath) {
           log("QuorvelSDK: Bluetooth adapter " + path + " removed");
           forgetAdapter();
@@ -367,44 +407,42 @@ struct DeviceProximity::Private {
     if (bus->locating) return;
     bus->locating = true;
     bus->geoclue = sdbus::createProxy(connection, kGeoClue, kGeoClueManager);
-    bus->geoclue->callMethodAsync("GetClient")
-        .onInterface("org.freedesktop.GeoClue2.Manager")
-        .withTimeout(kCallTimeout)
-        .uponReplyInvoke(
-            [this, &connection](const sdbus::Error* error, const sdbus::ObjectPath& client) {
-              if (error) {
-                locationRefused(*error);
-              } else {
-                bus->clientPath = client;
-                bus->client = sdbus::createProxy(connection, kGeoClue, client);
-                configureClient();
-              }
-              handledOne();
-            });
+    call(*bus->geoclue, Peer::GeoClue,
+         bus->geoclue->createMethodCall("org.freedesktop.GeoClue2.Manager", "GetClient"),
+         "GeoClue GetClient",
+         [this, &connection](const sdbus::Error* error, sdbus::MethodReply& reply) {
+           if (error) {
+             locationRefused(*error);
+           } else {
+             sdbus::ObjectPath client;
+             reply >> client;
+             bus->clientPath = client;
+             bus->client = sdbus::createProxy(connection, kGeoClue, client);
+             configureClient();
+           }
+           handledOne();
+         });
   }
 
   void configureClient() {
     std::string desktopId = settings.desktopId.empty() ? "quorvel" : settings.desktopId;
     auto set = [this](const char* name, sdbus::Variant value, auto then) {
-      bus->client->callMethodAsync("Set")
-          .onInterface(kProperties)
-          .withArguments(std::string(kGeoClueClient), std::string(name), value)
-          .withTimeout(kCallTimeout)
-          .uponReplyInvoke([this, then](const sdbus::Error* error) {
-            if (error) return locationRefused(*error);
-            then();
-          });
+      auto message = bus->client->createMethodCall(kProperties, "Set");
+      message << std::string(kGeoClueClient) << std::string(name) << value;
+      call(*bus->client, Peer::GeoClue, message, "GeoClue Set",
+           [this, then](const sdbus::Error* error, sdbus::MethodReply&) {
+             if (error) return locationRefused(*error);
+             then();
+           });
     };
     set("DesktopId", sdbus::Variant(desktopId), [this, set] {
       set("RequestedAccuracyLevel", sdbus::Variant(settings.accuracyLevel), [this] {
-        bus->client->callMethodAsync("Start")
-            .onInterface(kGeoClueClient)
-            .withTimeout(kCallTimeout)
-            .uponReplyInvoke([this](const sdbus::Error* error) {
-              if (error) return locationRefused(*error);
-              setAuthorization(AuthorizationStatus::AuthorizedAlways);
-              handledOne();
-            });
+        call(*bus->client, Peer::GeoClue, bus->client->createMethodCall(kGeoClueClient, "Start"),
+             "GeoClue Start", [this](const sdbus::Error* error, sdbus::MethodReply&) {
+               if (error) return locationRefused(*error);
+               setAuthorization(AuthorizationStatus::AuthorizedAlways);
+               handledOne();
+             });
       });
     });
   }
@@ -421,20 +459,21 @@ struct DeviceProximity::Private {
     sdbus::ObjectPath previous, current;
     message >> previous >> current;
     bus->location = sdbus::createProxy(bus->client->getConnection(), kGeoClue, current);
-    bus->location->callMethodAsync("GetAll")
-        .onInterface(kProperties)
-        .withArguments(std::string(kGeoClueLocation))
-        .withTimeout(kCallTimeout)
-        .uponReplyInvoke([this](const sdbus::Error* error, const Properties& properties) {
-          auto latitude = property<double>(properties, "Latitude");
-          auto longitude = property<double>(properties, "Longitude");
-          auto accuracy = property<double>(properties, "Accuracy");
-          if (!error && latitude && longitude) {
-            std::lock_guard lock(mutex);
-            position = proximity::Fix{{*latitude, *longitude}, accuracy.value_or(0.0)};
-          }
-          handledOne();
-        });
+    auto getAll = bus->location->createMethodCall(kProperties, "GetAll");
+    getAll << std::string(kGeoClueLocation);
+    call(*bus->location, Peer::GeoClue, getAll, "GeoClue location",
+         [this](const sdbus::Error* error, sdbus::MethodReply& reply) {
+           Properties properties;
+           if (!error) reply >> properties;
+           auto latitude = property<double>(properties, "Latitude");
+           auto longitude = property<double>(properties, "Longitude");
+           auto accuracy = property<double>(properties, "Accuracy");
+           if (!error && latitude && longitude) {
+             std::lock_guard lock(mutex);
+             position = proximity::Fix{{*latitude, *longitude}, accuracy.value_or(0.0)};
+           }
+           handledOne();
+         });
   }
 };
 
@@ -490,6 +529,17 @@ std::string DeviceProximity::recordedScene() const {
 
 std::uint64_t DeviceProximity::signalsHandled() const {
   return d_->handled.load(std::memory_order_acquire);
+}
+
+DeviceProximityStats DeviceProximity::stats() const {
+  DeviceProximityStats stats;
+  stats.messagesDropped = d_->dropped.load(std::memory_order_relaxed);
+  std::lock_guard lock(d_->mutex);
+  device::Sightings::Stats kept = d_->sightings.stats();
+  stats.beaconsKept = kept.beacons;
+  stats.devicesKept = kept.devices;
+  stats.evicted = kept.evicted;
+  return stats;
 }
 
 void DeviceProximity::setDelegate(std::weak_ptr<LocationServiceDelegate> delegate) {

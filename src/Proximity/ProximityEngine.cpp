@@ -159,8 +159,11 @@ void Engine::tick(Date now, const std::vector<Heard>& heard, const std::optional
   }
   if (ranging) {
     for (const BeaconRegion& region : ranged_) {
-      sendLocation([report = tracker_.rangingReport(now, region),
-                    region](LocationServiceDelegate& d) { d.didRangeBeacons(report, region); });
+      std::vector<RangedBeacon> report = tracker_.rangingReport(now, region);
+      if (report.size() > kMaxBeacons) report.resize(kMaxBeacons);
+      sendLocation([report = std::move(report), region](LocationServiceDelegate& d) {
+        d.didRangeBeacons(report, region);
+      });
     }
   }
   tracker_.prune(now);

@@ -9,6 +9,7 @@
 // Not thread-safe: a backend calls it under its own lock, then posts takeOutbox() to the
 // main queue with deliver() once the lock is released.
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -22,6 +23,10 @@
 #include "quorvel/Platform/Scene.h"
 
 namespace qvl::proximity {
+
+/// The most beacons a device backend keeps state for, and one ranging report carries (the
+/// nearest): what the air sends is not bounded, what a backend holds must be.
+inline constexpr std::size_t kMaxBeacons = 2048;
 
 /// One beacon as the radio heard it during a tick.
 struct Heard {
@@ -57,7 +62,7 @@ class Engine {
 
   /// One tick at `now`: the beacons heard since the last one (used only with Bluetooth on;
   /// weaker than the sensitivity: not heard) and the device's position, if known. Queues
-  /// region events, then one ranging report per ranged region.
+  /// region events, then one ranging report per ranged region (at most kMaxBeacons).
   void tick(Date now, const std::vector<Heard>& heard, const std::optional<Fix>& position);
 
   /// Queues a delivery of the backend's own, in order with the events.

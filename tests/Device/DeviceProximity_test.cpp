@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "Device/BusThread.h"
 #include "Device/MockBus.h"
+#include "Device/Sightings.h"
 #include "Proximity/ProximityCore.h"
 #include "quorvel/Categories/QVLBeaconSupport.h"
 #include "quorvel/Managers/QVLBeaconManager.h"
@@ -201,6 +203,7 @@ TEST_F(DeviceProximityTest, ABluezThatRestartsIsUsedAgain) {
   EXPECT_TRUE(eventually([&] { return discovering(); }));
   tick();
   EXPECT_EQ(backend_->state(), BluetoothState::PoweredOn);
+  advertise(1, -60);  // the new owner's signals are heard
 }
 
 TEST_F(DeviceProximityTest, AWalkAcrossAGeofenceEntersOnceAndLeavesOnce) {
@@ -284,6 +287,82 @@ TEST_F(DeviceProximityTest, ARecordedSessionReplaysToTheSameLog) {
   EXPECT_EQ(replayed->reports, detailed->reports);
   EXPECT_GE(detailed->count("exit b1"), 1u);  // the session had crossings worth replaying
   EXPECT_GE(detailed->count("enter b2"), 1u);
+}
+
+class DeviceSecurity : public DeviceProximityTest {};
+
+// Another connection sends BlueZ's signals for a beacon and claims BlueZ's name, to everyone
+// and to each connection by name: none of it reaches the host, and what arrived is counted.
+TEST_F(DeviceSecurity, SignalsFromAnotherConnectionAreDroppedAndCounted) {
+  startBackend();
+  backend_->startMonitoring(BeaconRegion::withMajorMinor(kUuid, 1, 7, "b7"));
+  backend_->startRanging(kRanging);
+  auto spoofer = sdbus::createSessionBusConnectionWithAddress(bus_->address());
+  const sdbus::ObjectPath device("/org/bluez/hci0/dev_C0_FF_EE_00_4C_07");
+  const std::map<std::string, sdbus::Variant> properties{
+      {"RSSI", sdbus::Variant(std::int16_t{-40})},
+      {"ManufacturerData", sdbus::Variant(std::map<std::uint16_t, sdbus::Variant>{
+                               {proximity::kIBeaconCompanyId, sdbus::Variant(frame(7))}})}};
+  auto daemon = sdbus::createObject(*spoofer, "/org/freedesktop/DBus");
+  auto root = sdbus::createObject(*spoofer, "/");
+  auto object = sdbus::createObject(*spoofer, device);
+  std::vector<std::string> names;
+  bus_->proxy("org.freedesktop.DBus", "/org/freedesktop/DBus")
+      ->callMethod("ListNames")
+      .onInterface("org.freedesktop.DBus")
+      .storeResultsTo(names);
+  std::erase_if(names, [](const std::string& name) { return !name.starts_with(':'); });
+  names.insert(names.begin(), "");  // a broadcast first
+  const std::uint64_t before = backend_->stats().messagesDropped;
+  for (const std::string& to : names) {
+    auto owner = daemon->createSignal("org.freedesktop.DBus", "NameOwnerChanged");
+    owner << std::string("org.bluez") << std::string() << spoofer->getUniqueName();
+    auto added = root->createSignal("org.freedesktop.DBus.ObjectManager", "InterfacesAdded");
+    added << device
+          << std::map<std::string, std::map<std::string, sdbus::Variant>>{
+                 {"org.bluez.Device1", properties}};
+    auto changed = object->createSignal("org.freedesktop.DBus.Properties", "PropertiesChanged");
+    changed << std::string("org.bluez.Device1") << properties << std::vector<std::string>{};
+    for (sdbus::Signal* signal : {&owner, &added, &changed}) {
+      if (!to.empty()) signal->setDestination(to);
+      signal->send();
+    }
+  }
+  // The unicast ones reach the handlers, in order, and are turned away there.
+  ASSERT_TRUE(eventually([&] { return backend_->stats().messagesDropped >= before + 2; }));
+  advertise(1, -60);  // BlueZ itself is still heard
+  tick();
+  EXPECT_EQ(log_->count("enter b7"), 0u);
+  EXPECT_EQ(log_->reports.back(), "@2 Beacons: 1.1");
+}
+
+// Whatever a callback throws stays on the bus thread: it is logged and the next one runs.
+TEST_F(DeviceSecurity, ACallbackThatThrowsLeavesTheBusThreadRunning) {
+  std::atomic<bool> ran{false};
+  device::BusThread thread(
+      bus_->address(), [](sdbus::IConnection&) {}, [] {}, [](const std::string&) {});
+  thread.post([](sdbus::IConnection&) { throw std::runtime_error("not a D-Bus error"); });
+  thread.post([&](sdbus::IConnection&) { ran = true; });
+  EXPECT_TRUE(eventually([&] { return ran.load(); }));
+}
+
+// A flood of made-up identifiers through the backend's handling of advertisements keeps its
+// tables at the cap, the most recent kept; beacons gone quiet are forgotten.
+TEST(SightingsSecurity, AFloodOfIdentifiersStaysAtTheCap) {
+  device::Sightings sightings(100, 60);
+  for (std::uint16_t minor = 0; minor < 250; ++minor) {
+    const std::string path = "/org/bluez/hci0/dev_" + std::to_string(minor);
+    sightings.setFrame(path, proximity::BeaconFrame{{kUuid, 1, minor}, -59});
+    sightings.heard(path, -60);
+  }
+  EXPECT_EQ(sightings.stats().beacons, 100u);
+  EXPECT_EQ(sightings.stats().devices, 100u);
+  EXPECT_EQ(sightings.stats().evicted, 300u);
+  const std::vector<proximity::Heard> heard = sightings.take();
+  ASSERT_EQ(heard.size(), 100u);
+  EXPECT_EQ(heard.front().frame.key.minor, 150);
+  for (int tick = 0; tick < 60; ++tick) sightings.take();
+  EXPECT_EQ(sightings.stats().beacons, 0u);
 }
 
 }  // namespace

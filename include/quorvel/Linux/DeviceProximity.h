@@ -2,6 +2,7 @@
 /// @file
 /// The Linux device backend: beacons through BlueZ, the position through GeoClue2.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,6 +39,19 @@ struct QVL_EXPORT DeviceProximitySettings {
   bool record = false;
 };
 
+/// What the device backend refused or forgot to keep its bounds.
+struct QVL_EXPORT DeviceProximityStats {
+  /// D-Bus signals and answers dropped because their sender was neither the bus itself nor
+  /// the current owner of org.bluez or org.freedesktop.GeoClue2 (as the message claimed).
+  std::uint64_t messagesDropped = 0;
+  /// Beacons and beacon devices forgotten, least recently heard first, to stay within the
+  /// cap (2048 of each).
+  std::uint64_t evicted = 0;
+  /// Beacons and beacon devices (BlueZ device objects with an iBeacon frame) kept now.
+  std::size_t beaconsKept = 0;
+  std::size_t devicesKept = 0;
+};
+
 /// A location service and Bluetooth central over the machine's own radio and position.
 ///
 /// - Bluetooth: BlueZ's first adapter (or the named one). Its state: no BlueZ or no adapter
@@ -49,6 +63,13 @@ struct QVL_EXPORT DeviceProximitySettings {
 ///   report of a device counting as one sighting of the frame it last advertised. BlueZ's
 ///   device objects say nothing about presence (they outlive the beacon), so the backend
 ///   keeps its own last-seen time per beacon.
+/// - Bounds: what the air sends is not bounded, so the backend keeps at most 2048 beacons
+///   and 2048 beacon devices (a new one past that evicts the least recently heard; a beacon
+///   not heard for 60 s is forgotten), each advertisement costs O(1), and one ranging report
+///   carries at most 2048 beacons, the nearest: a few MiB in all, however many beacons.
+/// - Peers: signals and answers count only from the current unique-name owner of org.bluez
+///   or org.freedesktop.GeoClue2 (followed through NameOwnerChanged, so a restarted
+///   bluetoothd is heard again); anything else on the bus is dropped and counted.
 /// - Once a second, on the environment's clock (the one in force at creation), the signals
 ///   heard since the last tick (mean RSSI per beacon) and the latest position fix go
 ///   through the same rules as the simulated world: filtered RSSI, distance and proximity
@@ -83,6 +104,9 @@ class QVL_EXPORT DeviceProximity final : public LocationService, public Bluetoot
   /// Signals handled so far (advertisements, adapter and position changes, method
   /// answers). A caller that caused a change waits for this to grow before relying on it.
   std::uint64_t signalsHandled() const;
+
+  /// Dropped messages and evictions so far, and what is kept now. Any thread.
+  DeviceProximityStats stats() const;
 
   /// The LocationService and BluetoothCentral operations; see there.
   ///@{
