@@ -207,9 +207,16 @@ TEST_F(QVLAnalyticsManagerTest,
   ASSERT_TRUE(analytics().flush(60s));  // the exit
 
   using Names = std::multiset<std::string>;
-  const auto received = [&](const char* type, const char* start) {
+  const auto delivered = [&] {  // each view the sandbox took, named by type and start
     Names names;
-    for (const auto& view : sandbox.state()[type]) names.insert(view[start].get<std::string>());
+    for (const auto& request : sandbox.requests()) {
+      if (request["status"] != 201) continue;
+      const json& body = request["body"];
+      for (const auto& view : body.is_array() ? body : json::array({body})) {
+        names.insert(view.contains("time_in") ? "p" + view["time_in"].get<std::string>()
+                                              : "b" + view["enter"].get<std::string>());
+      }
+    }
     return names;
   };
   const auto kept = [&] {
@@ -218,12 +225,6 @@ TEST_F(QVLAnalyticsManagerTest,
       names.insert("p" + QVLDateFormatter::formattedStringFromDate(*view->timeIn()));
     for (const auto& view : QVLRealm::realm()->objects<QVLBeaconView>().snapshot())
       names.insert("b" + QVLDateFormatter::formattedStringFromDate(*view->enterDate()));
-    return names;
-  };
-  const auto delivered = [&] {
-    Names names;
-    for (const auto& name : received("postviews", "time_in")) names.insert("p" + name);
-    for (const auto& name : received("beaconviews", "enter")) names.insert("b" + name);
     return names;
   };
   // At the exit each view is either confirmed or kept, never both.
@@ -261,7 +262,7 @@ TEST_F(QVLAnalyticsManagerTest, ViewsClosedBeforeAKillAreSentByTheNextRun) {
       storeGuest();
       for (std::int64_t id = run * 1000 + 1; id <= run * 1000 + 200; ++id) {
         viewPost(id);
-        if (::write(ids[1], &id, sizeof id) != sizeof id) break;
+        if (::write(ids[1], &id, sizeof id) != static_cast<ssize_t>(sizeof id)) break;
       }
       ::pause();
       ::_exit(0);
@@ -272,7 +273,7 @@ TEST_F(QVLAnalyticsManagerTest, ViewsClosedBeforeAKillAreSentByTheNextRun) {
       pollfd reader{ids[0], POLLIN, 0};
       std::int64_t id = 0;
       while (closed.size() < atLeast && ::poll(&reader, 1, 20000) == 1 &&
-             ::read(ids[0], &id, sizeof id) == sizeof id) {
+             ::read(ids[0], &id, sizeof id) == static_cast<ssize_t>(sizeof id)) {
         closed.insert(id);
       }
     };
