@@ -70,6 +70,36 @@ struct QVLAnalyticsManager::Outbox {
   std::mutex mutex;
   std::condition_variable settled;
   Kind posts, beacons;
+  // At exit the store's class statics are destroyed while answers may still come: store
+  // work stops first (a guard made after them is destroyed before them).
+  bool exiting = false;
+  int storeUsers = 0;  // answers using the store now
+
+  struct ExitGuard {
+    Outbox* outbox;
+    ~ExitGuard() {
+      std::unique_lock lock(outbox->mutex);
+      outbox->exiting = true;
+      outbox->settled.wait_for(lock, std::chrono::seconds(1),
+                               [this] { return outbox->storeUsers == 0; });
+    }
+  };
+  void armExitGuard() { static ExitGuard guard{this}; }
+  // Runs an answer's store work unless the process is exiting.
+  template <class Work>
+  void useStore(const Work& work) {
+    {
+      std::lock_guard lock(mutex);
+      if (exiting) return;
+      ++storeUsers;
+    }
+    work();
+    {
+      std::lock_guard lock(mutex);
+      --storeUsers;
+    }
+    settled.notify_all();
+  }
 
   template <class View>
   Kind& kind() {
@@ -86,11 +116,14 @@ struct QVLAnalyticsManager::Outbox {
     std::int64_t row = 0;
     {
       std::lock_guard lock(mutex);
-      writeStore(configuration, "keep a closed view", [&](qvl::Store& store) {
-        row = qvl::storedRow(*store.addOrUpdate(std::shared_ptr<qvl::Object>(view)));
-      });
+      if (!exiting) {
+        writeStore(configuration, "keep a closed view", [&](qvl::Store& store) {
+          row = qvl::storedRow(*store.addOrUpdate(std::shared_ptr<qvl::Object>(view)));
+        });
+      }
       if (row != 0) kind<View>().single.emplace(configuration.path, row);
     }
+    armExitGuard();
     QVLApiClient::sharedClient().postObject(
         view, [this, view, row, configuration](std::optional<QVLError> error) {
           settleOne<View>(view, row, configuration, error);
@@ -103,8 +136,10 @@ struct QVLAnalyticsManager::Outbox {
                  const std::optional<QVLError>& error) {
     if (row == 0) {  // the store did not take it before: keep it now if it is unsent
       if (!answered(error)) {
-        writeStore(configuration, "keep an unsent view", [&](qvl::Store& store) {
-          store.addOrUpdate(std::shared_ptr<qvl::Object>(view));
+        useStore([&] {
+          writeStore(configuration, "keep an unsent view", [&](qvl::Store& store) {
+            store.addOrUpdate(std::shared_ptr<qvl::Object>(view));
+          });
         });
       }
       return;
@@ -155,7 +190,7 @@ struct QVLAnalyticsManager::Outbox {
       std::lock_guard lock(mutex);
       const Kind& k = kind<View>();
       try {
-        if (auto store = openStore(configuration)) {
+        if (auto store = exiting ? nullptr : openStore(configuration)) {
           for (auto& view : store->objects<View>().snapshot()) {
             const std::int64_t row = qvl::storedRow(*view);
             if (k.single.count({configuration.path, row}) != 0) continue;
@@ -168,14 +203,17 @@ struct QVLAnalyticsManager::Outbox {
         views.clear();
       }
     }
+    armExitGuard();
     if (views.empty()) return endBatch<View>();
     QVLApiClient::sharedClient().postObjects(
         views, [this, rows = std::move(rows), configuration](std::optional<QVLError> error) {
           // Answered, accepted or refused: exactly the views of the batch go. Without an
           // answer they stay for the next attempt.
           if (answered(error)) {
-            writeStore(configuration, "remove sent views", [&](qvl::Store& store) {
-              qvl::removeRows(store, View::modelClass(), rows);
+            useStore([&] {
+              writeStore(configuration, "remove sent views", [&](qvl::Store& store) {
+                qvl::removeRows(store, View::modelClass(), rows);
+              });
             });
           }
           endBatch<View>();
