@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Managers/ManagerSupport.h"
+#include "Platform/Immortal.h"
 #include "Store/StoreRows.h"
 #include "quorvel/Categories/QVLBeaconSupport.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -26,30 +27,64 @@ bool answered(const std::optional<QVLError>& error) {
   return !error || error->domain == kQVLApiClientErrorDomain;
 }
 
+// At exit the store's class statics are destroyed while answers may still come: store work
+// stops first. The guard is made after the first store opened, so after those statics, and
+// is destroyed before them; it waits (bounded) for the store work under way.
+struct ExitState {
+  std::mutex mutex;
+  std::condition_variable idle;
+  bool exiting = false;
+  int users = 0;
+};
+ExitState& exitState() { return qvl::detail::immortal<ExitState>(); }
+struct ExitGuard {
+  ~ExitGuard() {
+    ExitState& state = exitState();
+    std::unique_lock lock(state.mutex);
+    state.exiting = true;
+    state.idle.wait_for(lock, std::chrono::seconds(1), [&] { return state.users == 0; });
+  }
+};
+
 // The calling thread's handle on the file `configuration` names (the one a send began
 // with, wherever its answer comes), or null.
 std::shared_ptr<qvl::Store> openStore(const qvl::StoreConfiguration& configuration) {
   try {
-    return qvl::Store::open(configuration);
+    auto store = qvl::Store::open(configuration);
+    static ExitGuard guard;
+    return store;
   } catch (const std::exception& e) {
     qvl::log(std::string("QuorvelSDK: Couldn't open the store for views: ") + e.what());
     return nullptr;
   }
 }
 
-// Runs `change` in one write transaction on that store; false when it failed (logged).
-template <class Change>
-bool writeStore(const qvl::StoreConfiguration& configuration, const char* what,
-                const Change& change) {
-  auto store = openStore(configuration);
-  if (!store) return false;
+// Runs `work` with that store, unless the process is exiting; failures are logged.
+template <class Work>
+void withStore(const qvl::StoreConfiguration& configuration, const char* what, const Work& work) {
+  ExitState& state = exitState();
+  {
+    std::lock_guard lock(state.mutex);
+    if (state.exiting) return;
+    ++state.users;
+  }
   try {
-    store->write([&] { change(*store); });
-    return true;
+    if (auto store = openStore(configuration)) work(*store);
   } catch (const std::exception& e) {
     qvl::log(std::string("QuorvelSDK: Couldn't ") + what + ": " + e.what());
-    return false;
   }
+  {
+    std::lock_guard lock(state.mutex);
+    --state.users;
+  }
+  state.idle.notify_all();
+}
+
+// withStore() in one write transaction.
+template <class Change>
+void writeStore(const qvl::StoreConfiguration& configuration, const char* what,
+                const Change& change) {
+  withStore(configuration, what, [&](qvl::Store& store) { store.write([&] { change(store); }); });
 }
 
 }  // namespace
@@ -70,37 +105,6 @@ struct QVLAnalyticsManager::Outbox {
   std::mutex mutex;
   std::condition_variable settled;
   Kind posts, beacons;
-  // At exit the store's class statics are destroyed while answers may still come: store
-  // work stops first (a guard made after them is destroyed before them).
-  bool exiting = false;
-  int storeUsers = 0;  // answers using the store now
-
-  struct ExitGuard {
-    Outbox* outbox;
-    ~ExitGuard() {
-      std::unique_lock lock(outbox->mutex);
-      outbox->exiting = true;
-      outbox->settled.wait_for(lock, std::chrono::seconds(1),
-                               [this] { return outbox->storeUsers == 0; });
-    }
-  };
-  void armExitGuard() { static ExitGuard guard{this}; }
-  // Runs an answer's store work unless the process is exiting.
-  template <class Work>
-  void useStore(const Work& work) {
-    {
-      std::lock_guard lock(mutex);
-      if (exiting) return;
-      ++storeUsers;
-    }
-    work();
-    {
-      std::lock_guard lock(mutex);
-      --storeUsers;
-    }
-    settled.notify_all();
-  }
-
   template <class View>
   Kind& kind() {
     if constexpr (std::is_same_v<View, QVLPostView>) {
@@ -116,14 +120,11 @@ struct QVLAnalyticsManager::Outbox {
     std::int64_t row = 0;
     {
       std::lock_guard lock(mutex);
-      if (!exiting) {
-        writeStore(configuration, "keep a closed view", [&](qvl::Store& store) {
-          row = qvl::storedRow(*store.addOrUpdate(std::shared_ptr<qvl::Object>(view)));
-        });
-      }
+      writeStore(configuration, "keep a closed view", [&](qvl::Store& store) {
+        row = qvl::storedRow(*store.addOrUpdate(std::shared_ptr<qvl::Object>(view)));
+      });
       if (row != 0) kind<View>().single.emplace(configuration.path, row);
     }
-    armExitGuard();
     QVLApiClient::sharedClient().postObject(
         view, [this, view, row, configuration](std::optional<QVLError> error) {
           settleOne<View>(view, row, configuration, error);
@@ -136,10 +137,8 @@ struct QVLAnalyticsManager::Outbox {
                  const std::optional<QVLError>& error) {
     if (row == 0) {  // the store did not take it before: keep it now if it is unsent
       if (!answered(error)) {
-        useStore([&] {
-          writeStore(configuration, "keep an unsent view", [&](qvl::Store& store) {
-            store.addOrUpdate(std::shared_ptr<qvl::Object>(view));
-          });
+        writeStore(configuration, "keep an unsent view", [&](qvl::Store& store) {
+          store.addOrUpdate(std::shared_ptr<qvl::Object>(view));
         });
       }
       return;
@@ -189,31 +188,23 @@ struct QVLAnalyticsManager::Outbox {
     {
       std::lock_guard lock(mutex);
       const Kind& k = kind<View>();
-      try {
-        if (auto store = exiting ? nullptr : openStore(configuration)) {
-          for (auto& view : store->objects<View>().snapshot()) {
-            const std::int64_t row = qvl::storedRow(*view);
-            if (k.single.count({configuration.path, row}) != 0) continue;
-            rows.push_back(row);
-            views.push_back(std::move(view));
-          }
+      withStore(configuration, "read the kept views", [&](qvl::Store& store) {
+        for (auto& view : store.objects<View>().snapshot()) {
+          const std::int64_t row = qvl::storedRow(*view);
+          if (k.single.count({configuration.path, row}) != 0) continue;
+          rows.push_back(row);
+          views.push_back(std::move(view));
         }
-      } catch (const std::exception& e) {
-        qvl::log(std::string("QuorvelSDK: Couldn't read the kept views: ") + e.what());
-        views.clear();
-      }
+      });
     }
-    armExitGuard();
     if (views.empty()) return endBatch<View>();
     QVLApiClient::sharedClient().postObjects(
         views, [this, rows = std::move(rows), configuration](std::optional<QVLError> error) {
           // Answered, accepted or refused: exactly the views of the batch go. Without an
           // answer they stay for the next attempt.
           if (answered(error)) {
-            useStore([&] {
-              writeStore(configuration, "remove sent views", [&](qvl::Store& store) {
-                qvl::removeRows(store, View::modelClass(), rows);
-              });
+            writeStore(configuration, "remove sent views", [&](qvl::Store& store) {
+              qvl::removeRows(store, View::modelClass(), rows);
             });
           }
           endBatch<View>();
