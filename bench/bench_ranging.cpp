@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
     env.clock = std::make_shared<qvl::ManualClock>();
     env.mainQueue = std::make_shared<qvl::MainQueue>();
     env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
-    env.application = std::make_shared<qvl::Application>();
+    env.application = std::make_shared<qvl::StandardApplication>();
     env.storeDirectory = home.file("store");
     env.userDefaultsPath = home.file("host.defaults");
   });

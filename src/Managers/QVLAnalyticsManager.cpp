@@ -1,8 +1,14 @@
 #include "quorvel/Managers/QVLAnalyticsManager.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <set>
+#include <type_traits>
+#include <utility>
 
 #include "Managers/ManagerSupport.h"
+#include "Platform/Immortal.h"
+#include "Store/StoreRows.h"
 #include "quorvel/Categories/QVLBeaconSupport.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
@@ -16,54 +22,216 @@ bool sameId(std::optional<std::int64_t> a, std::optional<std::int64_t> b) {
   return a && b && *a == *b;
 }
 
-// Keeps a view whose sending got no answer; it goes out with the next batch.
-void keepForLater(const std::shared_ptr<QVLApiModel>& view) {
+// The service answered, accepting or refusing: either way the view is settled.
+bool answered(const std::optional<QVLError>& error) {
+  return !error || error->domain == kQVLApiClientErrorDomain;
+}
+
+// At exit the store's class statics are destroyed while answers may still come: store work
+// stops first. The guard is made after the first store opened, so after those statics, and
+// is destroyed before them; it waits (bounded) for the store work under way.
+struct ExitState {
+  std::mutex mutex;
+  std::condition_variable idle;
+  bool exiting = false;
+  int users = 0;
+};
+ExitState& exitState() { return qvl::detail::immortal<ExitState>(); }
+struct ExitGuard {
+  ~ExitGuard() {
+    ExitState& state = exitState();
+    std::unique_lock lock(state.mutex);
+    state.exiting = true;
+    state.idle.wait_for(lock, std::chrono::seconds(1), [&] { return state.users == 0; });
+  }
+};
+
+// The calling thread's handle on the file `configuration` names (the one a send began
+// with, wherever its answer comes), or null.
+std::shared_ptr<qvl::Store> openStore(const qvl::StoreConfiguration& configuration) {
   try {
-    auto realm = QVLRealm::realm();
-    if (realm) realm->write([&] { realm->addOrUpdate(view); });
+    auto store = qvl::Store::open(configuration);
+    static ExitGuard guard;
+    return store;
   } catch (const std::exception& e) {
-    qvl::log(std::string("QuorvelSDK: Couldn't keep an unsent view: ") + e.what());
+    qvl::log(std::string("QuorvelSDK: Couldn't open the store for views: ") + e.what());
+    return nullptr;
   }
 }
 
-// Sends every stored view of one type in one batch, guarded by its in-flight flag.
-template <class View>
-void sendStoredViews(std::atomic<bool>& sending) {
-  if (sending.exchange(true)) return;  // a batch is on its way
-  std::vector<std::shared_ptr<QVLApiModel>> views;
-  if (auto realm = QVLRealm::realm()) {
-    for (auto& view : realm->objects<View>().snapshot()) views.push_back(std::move(view));
+// Runs `work` with that store, unless the process is exiting; failures are logged.
+template <class Work>
+void withStore(const qvl::StoreConfiguration& configuration, const char* what, const Work& work) {
+  ExitState& state = exitState();
+  {
+    std::lock_guard lock(state.mutex);
+    if (state.exiting) return;
+    ++state.users;
   }
-  if (views.empty()) {
-    sending = false;
-    return;
+  try {
+    if (auto store = openStore(configuration)) work(*store);
+  } catch (const std::exception& e) {
+    qvl::log(std::string("QuorvelSDK: Couldn't ") + what + ": " + e.what());
   }
-  QVLApiClient::sharedClient().postObjects(views, [&sending](std::optional<QVLError> error) {
-    if (error && error->domain != kQVLApiClientErrorDomain) {
-      sending = false;  // no answer: the views stay for the next attempt
-      return;
-    }
-    // Answered, accepted or refused: every view stored now goes, including any kept while
-    // the batch was on its way.
-    try {
-      auto realm = QVLRealm::realm();
-      if (realm) {
-        realm->write([&] {
-          for (const auto& view : realm->objects<View>().snapshot()) realm->remove(view);
-        });
-      }
-    } catch (const std::exception& e) {
-      qvl::log(std::string("QuorvelSDK: Couldn't remove sent views: ") + e.what());
-    }
-    sending = false;
-  });
+  {
+    std::lock_guard lock(state.mutex);
+    --state.users;
+  }
+  state.idle.notify_all();
+}
+
+// withStore() in one write transaction.
+template <class Change>
+void writeStore(const qvl::StoreConfiguration& configuration, const char* what,
+                const Change& change) {
+  withStore(configuration, what, [&](qvl::Store& store) { store.write([&] { change(store); }); });
 }
 
 }  // namespace
 
+// What is on its way, per view type. A closed view is written to the store and marked as
+// sent by itself in one step under the lock, and a batch picks its rows under the same
+// lock, so a view never goes out both ways nor in two batches.
+struct QVLAnalyticsManager::Outbox {
+  using StoredView = std::pair<std::string, std::int64_t>;  // store file, row
+  struct Kind {
+    std::set<StoredView> single;  // sent by itself, not answered yet
+    bool batch = false;           // a batch is on its way
+    // A batch asked for while single sends were on its way: it starts when they are done.
+    std::optional<qvl::StoreConfiguration> wanted;
+    bool idle() const { return single.empty() && !batch && !wanted; }
+  };
+
+  std::mutex mutex;
+  std::condition_variable settled;
+  Kind posts, beacons;
+  template <class View>
+  Kind& kind() {
+    if constexpr (std::is_same_v<View, QVLPostView>) {
+      return posts;
+    } else {
+      return beacons;
+    }
+  }
+
+  template <class View>
+  void sendOne(const std::shared_ptr<View>& view) {
+    qvl::StoreConfiguration configuration = QVLRealm::configuration();
+    std::int64_t row = 0;
+    {
+      std::lock_guard lock(mutex);
+      writeStore(configuration, "keep a closed view", [&](qvl::Store& store) {
+        row = qvl::storedRow(*store.addOrUpdate(std::shared_ptr<qvl::Object>(view)));
+      });
+      if (row != 0) kind<View>().single.emplace(configuration.path, row);
+    }
+    QVLApiClient::sharedClient().postObject(
+        view, [this, view, row, configuration](std::optional<QVLError> error) {
+          settleOne<View>(view, row, configuration, error);
+        });
+  }
+
+  template <class View>
+  void settleOne(const std::shared_ptr<View>& view, std::int64_t row,
+                 const qvl::StoreConfiguration& configuration,
+                 const std::optional<QVLError>& error) {
+    if (row == 0) {  // the store did not take it before: keep it now if it is unsent
+      if (!answered(error)) {
+        writeStore(configuration, "keep an unsent view", [&](qvl::Store& store) {
+          store.addOrUpdate(std::shared_ptr<qvl::Object>(view));
+        });
+      }
+      return;
+    }
+    // Removed before it is unmarked, so that no batch takes it up meanwhile.
+    if (answered(error)) {
+      writeStore(configuration, "remove a sent view",
+                 [&](qvl::Store& store) { qvl::removeRows(store, View::modelClass(), {row}); });
+    }
+    std::optional<qvl::StoreConfiguration> batch;
+    {
+      std::lock_guard lock(mutex);
+      Kind& k = kind<View>();
+      k.single.erase({configuration.path, row});
+      if (k.single.empty() && k.wanted && !k.batch) {
+        batch = std::move(k.wanted);
+        k.wanted.reset();
+        k.batch = true;
+      }
+    }
+    settled.notify_all();
+    if (batch) startBatch<View>(*batch);
+  }
+
+  template <class View>
+  void sendStored() {
+    qvl::StoreConfiguration configuration = QVLRealm::configuration();
+    {
+      std::lock_guard lock(mutex);
+      Kind& k = kind<View>();
+      if (k.batch) return;  // one is on its way
+      if (!k.single.empty()) {
+        k.wanted = std::move(configuration);
+        return;
+      }
+      k.batch = true;
+    }
+    startBatch<View>(configuration);
+  }
+
+  // Sends the stored views of the type not on their way by themselves; the batch flag is
+  // already set.
+  template <class View>
+  void startBatch(const qvl::StoreConfiguration& configuration) {
+    std::vector<std::shared_ptr<QVLApiModel>> views;
+    std::vector<std::int64_t> rows;
+    {
+      std::lock_guard lock(mutex);
+      const Kind& k = kind<View>();
+      withStore(configuration, "read the kept views", [&](qvl::Store& store) {
+        for (auto& view : store.objects<View>().snapshot()) {
+          const std::int64_t row = qvl::storedRow(*view);
+          if (k.single.count({configuration.path, row}) != 0) continue;
+          rows.push_back(row);
+          views.push_back(std::move(view));
+        }
+      });
+    }
+    if (views.empty()) return endBatch<View>();
+    QVLApiClient::sharedClient().postObjects(
+        views, [this, rows = std::move(rows), configuration](std::optional<QVLError> error) {
+          // Answered, accepted or refused: exactly the views of the batch go. Without an
+          // answer they stay for the next attempt.
+          if (answered(error)) {
+            writeStore(configuration, "remove sent views", [&](qvl::Store& store) {
+              qvl::removeRows(store, View::modelClass(), rows);
+            });
+          }
+          endBatch<View>();
+        });
+  }
+
+  template <class View>
+  void endBatch() {
+    {
+      std::lock_guard lock(mutex);
+      kind<View>().batch = false;
+    }
+    settled.notify_all();
+  }
+
+  bool flush(std::chrono::milliseconds deadline) {
+    std::unique_lock lock(mutex);
+    return settled.wait_for(lock, deadline, [this] { return posts.idle() && beacons.idle(); });
+  }
+};
+
 QVLAnalyticsManager::QVLAnalyticsManager()
-    : observation_(std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
-          {qvl::Application::kDidBecomeActiveNotification, [this] { sendAllFinishedViews(); }}})) {}
+    : outbox_(std::make_unique<Outbox>()),
+      observation_(std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
+          {qvl::Application::kDidBecomeActiveNotification, [this] { sendAllFinishedViews(); }},
+          {qvl::Application::kWillTerminateNotification,
+           [this] { flush(kTerminationFlushDeadline); }}})) {}
 
 QVLAnalyticsManager::~QVLAnalyticsManager() = default;
 
@@ -174,23 +342,34 @@ bool QVLAnalyticsManager::validateView(const std::shared_ptr<QVLApiModel>& view)
 
 void QVLAnalyticsManager::sendOrSaveFinishedView(const std::shared_ptr<QVLApiModel>& view) {
   if (!validateView(view)) return;
-  QVLApiClient::sharedClient().postObject(view, [view](std::optional<QVLError> error) {
-    // Delivered or refused: done. Only a view that got no answer is kept.
-    if (error && error->domain != kQVLApiClientErrorDomain) keepForLater(view);
-  });
+  if (auto post = std::dynamic_pointer_cast<QVLPostView>(view)) {
+    outbox_->sendOne(post);
+  } else {
+    outbox_->sendOne(std::static_pointer_cast<QVLBeaconView>(view));
+  }
 }
 
-void QVLAnalyticsManager::sendFinishedPostViews() {
-  sendStoredViews<QVLPostView>(sendingPostViews_);
-}
+void QVLAnalyticsManager::sendFinishedPostViews() { outbox_->sendStored<QVLPostView>(); }
 
-void QVLAnalyticsManager::sendFinishedBeaconViews() {
-  sendStoredViews<QVLBeaconView>(sendingBeaconViews_);
-}
+void QVLAnalyticsManager::sendFinishedBeaconViews() { outbox_->sendStored<QVLBeaconView>(); }
 
 void QVLAnalyticsManager::sendAllFinishedViews() {
   sendFinishedPostViews();
   sendFinishedBeaconViews();
+}
+
+bool QVLAnalyticsManager::flush(std::chrono::milliseconds deadline) {
+  return outbox_->flush(deadline);
+}
+
+bool QVLAnalyticsManager::sendingPostViews() const {
+  std::lock_guard lock(outbox_->mutex);
+  return outbox_->posts.batch;
+}
+
+bool QVLAnalyticsManager::sendingBeaconViews() const {
+  std::lock_guard lock(outbox_->mutex);
+  return outbox_->beacons.batch;
 }
 
 std::vector<std::shared_ptr<QVLPostView>> QVLAnalyticsManager::unfinishedPostViews() const {

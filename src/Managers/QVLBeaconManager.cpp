@@ -7,6 +7,7 @@
 
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLAnalyticsManager.h"
+#include "quorvel/Platform/Application.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/NotificationCenter.h"
 
@@ -311,7 +312,13 @@ void QVLBeaconManager::requestLocationAlwaysAuthorization() {
   if (auto service = locationService()) service->requestAlwaysAuthorization();
 }
 
-void QVLBeaconManager::requestPermissionsForNotifications() {}
+void QVLBeaconManager::requestPermissionsForNotifications() {
+  using qvl::Application;
+  Application::shared().registerUserNotificationSettings(
+      Application::kUserNotificationTypeBadge | Application::kUserNotificationTypeSound |
+          Application::kUserNotificationTypeAlert,
+      {});
+}
 
 // ---- events -------------------------------------------------------------------------------
 

@@ -68,7 +68,12 @@ qvl::HttpRequest QVLPushManager::requestWithURL(std::string url, std::string met
   qvl::HttpRequest request;
   request.url = std::move(url);
   request.method = std::move(method);
-  request.body = body.dump();
+  try {
+    request.body = body.dump();
+  } catch (const nlohmann::json::exception&) {
+    // Text that is not UTF-8 cannot be JSON: the body stays empty and the service's refusal
+    // reaches the completion.
+  }
   return request;
 }
 

@@ -16,7 +16,13 @@ void Application::didBecomeActive() { post(kDidBecomeActiveNotification); }
 
 void Application::didEnterBackground() { post(kDidEnterBackgroundNotification); }
 
-Application::BackgroundTaskId Application::beginBackgroundTask(
+void Application::willTerminate() { post(kWillTerminateNotification); }
+
+bool Application::registerUserNotificationSettings(unsigned, const std::vector<std::string>&) {
+  return false;
+}
+
+Application::BackgroundTaskId StandardApplication::beginBackgroundTask(
     std::string name, std::function<void()> expirationHandler) {
   const std::shared_ptr<const Env> env = Env::current();
   std::unique_lock lock(mutex_);
@@ -42,16 +48,21 @@ Application::BackgroundTaskId Application::beginBackgroundTask(
   return id;
 }
 
-void Application::expire(BackgroundTaskId id, const std::function<void()>& handler) {
+void StandardApplication::expire(BackgroundTaskId id, const std::function<void()>& handler) {
+  std::string name;
   {
     std::lock_guard lock(mutex_);
-    if (running_.erase(id) == 0) return;  // ended meanwhile
+    auto it = running_.find(id);
+    if (it == running_.end()) return;  // ended meanwhile
+    name = std::move(it->second.name);
+    running_.erase(it);
   }
   tasksChanged_.notify_all();
+  tell(id, name, TaskOutcome::expired);
   if (handler) handler();
 }
 
-void Application::endBackgroundTask(BackgroundTaskId id) {
+void StandardApplication::endBackgroundTask(BackgroundTaskId id) {
   Task task;
   {
     std::lock_guard lock(mutex_);
@@ -62,36 +73,51 @@ void Application::endBackgroundTask(BackgroundTaskId id) {
   }
   tasksChanged_.notify_all();
   if (task.timer != 0) task.clock->cancel(task.timer);
+  tell(id, task.name, TaskOutcome::ended);
 }
 
-std::vector<std::string> Application::runningBackgroundTasks() const {
+void StandardApplication::tell(BackgroundTaskId id, const std::string& name, TaskOutcome outcome) {
+  TaskObserver observer;
+  {
+    std::lock_guard lock(mutex_);
+    observer = taskObserver_;
+  }
+  if (observer) observer(id, name, outcome);
+}
+
+void StandardApplication::setBackgroundTaskObserver(TaskObserver observer) {
+  std::lock_guard lock(mutex_);
+  taskObserver_ = std::move(observer);
+}
+
+std::vector<std::string> StandardApplication::runningBackgroundTasks() const {
   std::lock_guard lock(mutex_);
   std::vector<std::string> names;
   for (const auto& [id, task] : running_) names.push_back(task.name);
   return names;
 }
 
-std::chrono::milliseconds Application::backgroundTaskAllowance() const {
+std::chrono::milliseconds StandardApplication::backgroundTaskAllowance() const {
   std::lock_guard lock(mutex_);
   return allowance_;
 }
 
-void Application::setBackgroundTaskAllowance(std::chrono::milliseconds allowance) {
+void StandardApplication::setBackgroundTaskAllowance(std::chrono::milliseconds allowance) {
   std::lock_guard lock(mutex_);
   allowance_ = allowance;
 }
 
-bool Application::waitForBackgroundTasks(std::chrono::milliseconds timeout) {
+bool StandardApplication::waitForBackgroundTasks(std::chrono::milliseconds timeout) {
   std::unique_lock lock(mutex_);
   return tasksChanged_.wait_for(lock, timeout, [this] { return running_.empty(); });
 }
 
-int Application::applicationIconBadgeNumber() const {
+int StandardApplication::applicationIconBadgeNumber() const {
   std::lock_guard lock(mutex_);
   return badgeNumber_;
 }
 
-void Application::setApplicationIconBadgeNumber(int number) {
+void StandardApplication::setApplicationIconBadgeNumber(int number) {
   if (!Env::current()->mainQueue->isCurrent()) {
     log("QuorvelSDK: the icon badge can only be set on the main queue");
     return;
@@ -105,7 +131,7 @@ void Application::setApplicationIconBadgeNumber(int number) {
   if (hook) hook(number);
 }
 
-void Application::setBadgeHook(std::function<void(int)> hook) {
+void StandardApplication::setBadgeHook(std::function<void(int)> hook) {
   std::lock_guard lock(mutex_);
   badgeHook_ = std::move(hook);
 }

@@ -22,7 +22,7 @@ struct Standard {
   std::shared_ptr<const HttpSessionConfiguration> httpSessionConfiguration =
       std::make_shared<const HttpSessionConfiguration>();
   std::shared_ptr<NotificationCenter> notificationCenter = std::make_shared<NotificationCenter>();
-  std::shared_ptr<Application> application = std::make_shared<Application>();
+  std::shared_ptr<Application> application = std::make_shared<StandardApplication>();
   std::shared_ptr<PinValidator> pinValidator = std::make_shared<PinValidator>();
   std::once_flag transportOnce;
   std::shared_ptr<HttpTransport> transport;

@@ -163,7 +163,7 @@ TEST_F(DeviceProximityTest, PoweringOffReachesTheManagerAndDiscoveryResumesOnPow
   startBackend();
   ScopedEnv services([&](Env& env) {
     env.notificationCenter = std::make_shared<NotificationCenter>();
-    env.application = std::make_shared<Application>();
+    env.application = std::make_shared<StandardApplication>();
     env.locationService = backend_;
     env.bluetoothCentral = backend_;
   });

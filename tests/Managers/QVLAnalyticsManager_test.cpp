@@ -1,9 +1,19 @@
 #include "quorvel/Managers/QVLAnalyticsManager.h"
 
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <condition_variable>
+#include <map>
+#include <random>
 #include <set>
 
 #include "Managers/ServiceFixture.h"
+#include "quorvel/Helpers/QVLDateFormatter.h"
+#include "quorvel/Models/QVLToken.h"
+#include "sandbox/Sandbox.h"
 
 namespace managers_test {
 namespace {
@@ -155,6 +165,134 @@ TEST_F(QVLAnalyticsManagerTest, AThousandViewsFinishedOfflineReachTheServiceOnce
   }
   EXPECT_EQ(received.size(), 1000u);
   EXPECT_EQ(std::set<std::int64_t>(received.begin(), received.end()).size(), 1000u);
+}
+
+TEST_F(QVLAnalyticsManagerTest, TerminationWaitsForTheViewsOnTheirWay) {
+  storeGuest();
+  analytics();
+  viewPost(1);
+  application_->willTerminate();
+  EXPECT_EQ(stored<QVLPostView>(), 0u);  // answered before the termination returned
+  EXPECT_EQ(bodies("POST", "/v8/postviews").size(), 1u);
+}
+
+TEST_F(QVLAnalyticsManagerTest,
+       ViewsClosedJustBeforeACleanExitReachTheServiceOnceAfterTheNextStart) {
+  const qvl::test::TempDir sandboxDirectory;
+  qvl::sandbox::Sandbox sandbox({sandboxDirectory.path(), QVL_SANDBOX_SOURCE_SEED, "test-key"});
+  const auto toSandbox = [&](qvl::Env& env) {
+    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
+    env.apiDomain = "localhost:" + std::to_string(sandbox.port());
+    env.publicKeyHashes = {sandbox.pin()};
+    env.trustAnchorsFile = sandbox.caFile();
+    env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", "test-key"}}}};
+  };
+  change(toSandbox);
+  QVLApiClient::sharedClient().setupPinning();
+  QVLToken::initWithContent(sandbox.token())->saveToken();
+  storeGuest(1);
+  analytics();
+  // Every view starts a second after the last: its start time names it.
+  const auto closeViews = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      clock_->advance(1s);
+      viewPost(i % 12 + 1);
+      clock_->advance(1s);
+      viewBeacon(i % 6 + 1);
+    }
+  };
+  closeViews(100);
+  serviceAt(refusingPort());  // the rest get no answer
+  closeViews(100);
+  ASSERT_TRUE(analytics().flush(60s));  // the exit
+
+  using Names = std::multiset<std::string>;
+  const auto delivered = [&] {  // each view the sandbox took, named by type and start
+    Names names;
+    for (const auto& request : sandbox.requests()) {
+      if (request["status"] != 201) continue;
+      const json& body = request["body"];
+      for (const auto& view : body.is_array() ? body : json::array({body})) {
+        names.insert(view.contains("time_in") ? "p" + view["time_in"].get<std::string>()
+                                              : "b" + view["enter"].get<std::string>());
+      }
+    }
+    return names;
+  };
+  const auto kept = [&] {
+    Names names;
+    for (const auto& view : QVLRealm::realm()->objects<QVLPostView>().snapshot())
+      names.insert("p" + QVLDateFormatter::formattedStringFromDate(*view->timeIn()));
+    for (const auto& view : QVLRealm::realm()->objects<QVLBeaconView>().snapshot())
+      names.insert("b" + QVLDateFormatter::formattedStringFromDate(*view->enterDate()));
+    return names;
+  };
+  // At the exit each view is either confirmed or kept, never both.
+  Names atExit = delivered();
+  const Names keptAtExit = kept();
+  EXPECT_EQ(atExit.size(), 200u);
+  EXPECT_EQ(keptAtExit.size(), 200u);
+  atExit.insert(keptAtExit.begin(), keptAtExit.end());
+  EXPECT_EQ(std::set<std::string>(atExit.begin(), atExit.end()).size(), 400u);
+
+  // The next start: a new environment and store handle; the first use sends what was kept.
+  qvl::Store::closeThreadHandles();
+  change(toSandbox);
+  analytics();
+  ASSERT_TRUE(eventually([&] { return delivered().size() >= 400 && kept().empty(); }));
+  const Names all = delivered();
+  EXPECT_EQ(all.size(), 400u);
+  EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), 400u);  // none twice
+}
+
+TEST_F(QVLAnalyticsManagerTest, ViewsClosedBeforeAKillAreSentByTheNextRun) {
+  std::mt19937 random(std::random_device{}());
+  for (int run = 0; run < 5; ++run) {
+    SCOPED_TRACE(run);
+    // Each run on a store file this process has never opened: the child opens it first.
+    change(
+        [&](qvl::Env& env) { env.storeDirectory = directory_.file("run" + std::to_string(run)); });
+    ASSERT_TRUE(analytics().flush(20s));  // quiet before the fork
+    int ids[2];
+    ASSERT_EQ(::pipe(ids), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {  // closes views until it is killed, reporting each once closed
+      ::close(ids[0]);
+      storeGuest();
+      for (std::int64_t id = run * 1000 + 1; id <= run * 1000 + 200; ++id) {
+        viewPost(id);
+        if (::write(ids[1], &id, sizeof id) != static_cast<ssize_t>(sizeof id)) break;
+      }
+      ::pause();
+      ::_exit(0);
+    }
+    ::close(ids[1]);
+    std::set<std::int64_t> closed;
+    const auto readClosed = [&](size_t atLeast) {
+      pollfd reader{ids[0], POLLIN, 0};
+      std::int64_t id = 0;
+      while (closed.size() < atLeast && ::poll(&reader, 1, 20000) == 1 &&
+             ::read(ids[0], &id, sizeof id) == static_cast<ssize_t>(sizeof id)) {
+        closed.insert(id);
+      }
+    };
+    readClosed(std::uniform_int_distribution<size_t>(1, 30)(random));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    readClosed(SIZE_MAX);  // what it reported before it died
+    ::close(ids[0]);
+    ASSERT_FALSE(closed.empty());
+
+    analytics().sendAllFinishedViews();
+    ASSERT_TRUE(eventually([&] { return stored<QVLPostView>() == 0; }));
+    std::set<std::int64_t> received;
+    for (const auto& body : bodies("POST", "/v8/postviews")) {
+      for (const auto& view : body.is_array() ? body : json::array({body}))
+        received.insert(view["post_id"].get<std::int64_t>());
+    }
+    for (std::int64_t id : closed) EXPECT_EQ(received.count(id), 1u) << "lost view " << id;
+  }
 }
 
 }  // namespace

@@ -231,7 +231,7 @@ class QVLBeaconManagerTest : public ::testing::Test {
   qvl::ScopedEnv env_{[this](qvl::Env& env) {
     env.mainQueue = std::make_shared<qvl::MainQueue>();
     env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
-    env.application = std::make_shared<qvl::Application>();
+    env.application = std::make_shared<qvl::StandardApplication>();
     env.locationService = services_;
     env.bluetoothCentral = services_;
     env.transport = transport_;
@@ -432,6 +432,15 @@ TEST_F(QVLBeaconManagerTest, ANewLocationServiceStartsFromAnEmptyWatchList) {
   EXPECT_TRUE(manager().searchingBeacons().empty());
   EXPECT_TRUE(next->monitored.empty());
   EXPECT_FALSE(manager().rangedUUID());
+}
+
+TEST_F(QVLBeaconManagerTest, NotificationSettingsGoToAHostThatOffersThem) {
+  QVLBeaconManager::sharedManager().requestPermissionsForNotifications();  // standard: nothing
+  auto host = std::make_shared<managers_test::HostApplication>();
+  qvl::ScopedEnv scope([&](qvl::Env& env) { env.application = host; });
+  QVLBeaconManager::sharedManager().requestPermissionsForNotifications();
+  EXPECT_EQ(host->registered(),
+            (std::vector<std::pair<unsigned, std::vector<std::string>>>{{7u, {}}}));
 }
 
 TEST_F(QVLBeaconManagerTest, ReleasedDelegatesAreSkippedAndTheirSlotsDropped) {

@@ -50,6 +50,21 @@ class QVLInboxManagerTest : public ServiceTest {
   std::shared_ptr<QVLGuest> guest_;
 };
 
+TEST_F(QVLInboxManagerTest, TheSyncsAnswerEndsTheHostsBackgroundTaskOnce) {
+  auto host =
+      std::make_shared<HostApplication>([this] { return bodies("PUT", kInboxPath).size(); });
+  change([&](qvl::Env& env) { env.application = host; });
+  inbox().addPost(storePost(1));
+  const size_t before = completions();
+  host->didEnterBackground();
+  EXPECT_TRUE(host->waitForBackgroundTasks(20s));
+  ASSERT_TRUE(eventually([&] { return completions() > before; }));  // the sync's completion ran
+  const auto ends = host->ends();
+  ASSERT_EQ(ends.size(), 1u);
+  EXPECT_EQ(ends[0].name, "SyncInbox");
+  EXPECT_EQ(ends[0].answersBefore, 1u);
+}
+
 TEST_F(QVLInboxManagerTest, ChangedListsGoOutWhenTheApplicationEntersTheBackground) {
   auto first = storePost(1);
   auto second = storePost(2);

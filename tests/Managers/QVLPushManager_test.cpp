@@ -55,6 +55,14 @@ TEST_F(QVLPushManagerTest, EndpointIsCreatedWithTheTokenAndTheGuestAttached) {
   }
 }
 
+TEST(QVLPushManagerSecurity, ABodyThatIsNotUtf8IsLeftEmptyInsteadOfThrowing) {
+  qvl::HttpRequest request;
+  EXPECT_NO_THROW(request = QVLPushManager::requestWithURL("https://localhost/v8/endpoints", "POST",
+                                                           {{"token", "\xff\xfe"}}));
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.body, "");
+}
+
 TEST_F(QVLPushManagerTest, FailuresReachTheCompletionAndLeaveTheEndpointAlone) {
   bool calledBack = false;
   QVLPushManager::updateGuestIdForEndpointWithCompletion([&](std::optional<QVLError> error) {

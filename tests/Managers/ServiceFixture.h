@@ -9,8 +9,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -72,6 +74,61 @@ class CountingExecutor : public qvl::Executor {
   std::shared_ptr<std::atomic<size_t>> finished_ = std::make_shared<std::atomic<size_t>>(0);
 };
 
+/// A host's own application: its tasks never expire; it records each task's ends and each
+/// user-notification registration, and offers that registration.
+class HostApplication : public qvl::Application {
+ public:
+  struct End {
+    BackgroundTaskId id;
+    std::string name;
+    size_t answersBefore;  // answers() when the task was ended
+  };
+  explicit HostApplication(std::function<size_t()> answers = [] { return 0; })
+      : answers_(std::move(answers)) {}
+
+  BackgroundTaskId beginBackgroundTask(std::string name, std::function<void()>) override {
+    std::lock_guard lock(mutex_);
+    names_.push_back(std::move(name));
+    return names_.size();
+  }
+  void endBackgroundTask(BackgroundTaskId id) override {
+    {
+      std::lock_guard lock(mutex_);
+      ends_.push_back({id, id - 1 < names_.size() ? names_[id - 1] : "", answers_()});
+    }
+    ended_.notify_all();
+  }
+  bool waitForBackgroundTasks(std::chrono::milliseconds timeout) override {
+    std::unique_lock lock(mutex_);
+    return ended_.wait_for(lock, timeout, [&] { return ends_.size() >= names_.size(); });
+  }
+  int applicationIconBadgeNumber() const override { return 0; }
+  void setApplicationIconBadgeNumber(int) override {}
+  bool registerUserNotificationSettings(unsigned types,
+                                        const std::vector<std::string>& categories) override {
+    std::lock_guard lock(mutex_);
+    registered_.emplace_back(types, categories);
+    return true;
+  }
+
+  std::vector<End> ends() const {
+    std::lock_guard lock(mutex_);
+    return ends_;
+  }
+  std::vector<std::pair<unsigned, std::vector<std::string>>> registered() const {
+    std::lock_guard lock(mutex_);
+    return registered_;
+  }
+
+ private:
+  std::function<size_t()> answers_;
+  mutable std::mutex mutex_;
+  std::condition_variable ended_;
+  std::vector<std::string> names_;
+  std::vector<End> ends_;
+  std::vector<std::pair<unsigned, std::vector<std::string>>> registered_;
+};
+
 class ServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -114,7 +171,8 @@ class ServiceTest : public ::testing::Test {
   qvl::devserver::HttpsServer server_{qvl::test::TestCertificates::leaf()};
   std::shared_ptr<qvl::ManualClock> clock_ = std::make_shared<qvl::ManualClock>();
   std::shared_ptr<qvl::MainQueue> mainQueue_ = std::make_shared<qvl::MainQueue>();
-  std::shared_ptr<qvl::Application> application_ = std::make_shared<qvl::Application>();
+  std::shared_ptr<qvl::StandardApplication> application_ =
+      std::make_shared<qvl::StandardApplication>();
   std::shared_ptr<CountingExecutor> executor_ = std::make_shared<CountingExecutor>();
   qvl::ScopedEnv env_{[this](qvl::Env& env) {
     env.clock = clock_;

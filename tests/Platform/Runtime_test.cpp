@@ -3,6 +3,7 @@
 #include <atomic>
 #include <future>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -158,7 +159,7 @@ class ApplicationTest : public ::testing::Test {
  protected:
   std::shared_ptr<qvl::ManualClock> clock = std::make_shared<qvl::ManualClock>();
   std::shared_ptr<qvl::MainQueue> mainQueue = std::make_shared<qvl::MainQueue>();
-  std::shared_ptr<qvl::Application> app = std::make_shared<qvl::Application>();
+  std::shared_ptr<qvl::StandardApplication> app = std::make_shared<qvl::StandardApplication>();
   qvl::ScopedEnv env{[this](qvl::Env& env) {
     env.clock = clock;
     env.mainQueue = mainQueue;
@@ -168,7 +169,12 @@ class ApplicationTest : public ::testing::Test {
 };
 
 TEST_F(ApplicationTest, BackgroundTaskExpiresOnTheMainQueueAfterItsAllowance) {
+  using Outcome = qvl::StandardApplication::TaskOutcome;
   std::vector<std::thread::id> expiredOn;
+  std::vector<std::tuple<qvl::Application::BackgroundTaskId, std::string, Outcome>> told;
+  app->setBackgroundTaskObserver([&](auto id, const std::string& name, Outcome outcome) {
+    told.emplace_back(id, name, outcome);
+  });
   const auto expiring =
       app->beginBackgroundTask("Sync", [&] { expiredOn.push_back(std::this_thread::get_id()); });
   const auto ended = app->beginBackgroundTask("Other", [&] { ADD_FAILURE() << "ended task"; });
@@ -185,6 +191,10 @@ TEST_F(ApplicationTest, BackgroundTaskExpiresOnTheMainQueueAfterItsAllowance) {
   EXPECT_THAT(expiredOn, ElementsAre(std::this_thread::get_id()));
   EXPECT_THAT(app->runningBackgroundTasks(), IsEmpty());
   EXPECT_TRUE(app->waitForBackgroundTasks(0ms));
+  app->endBackgroundTask(expiring);  // too late: told once, as expired
+  app->endBackgroundTask(ended);
+  EXPECT_THAT(told, ElementsAre(std::tuple(ended, "Other", Outcome::ended),
+                                std::tuple(expiring, "Sync", Outcome::expired)));
 }
 
 TEST_F(ApplicationTest, WaitForBackgroundTasksIsBoundedAndWakesWhenTheyEnd) {

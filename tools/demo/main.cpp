@@ -431,9 +431,11 @@ int main(int argc, char** argv) {
   Expectations expected;
   expected.deviceTokenHex = QVLPushManager::stringFromDeviceToken(kDeviceToken);
   auto host = std::make_shared<Host>(*timeline, expected);
-  auto& application = qvl::Application::shared();
+  // The host's own application object, so that it can show the badge.
+  auto application = std::make_shared<qvl::StandardApplication>();
+  qvl::Env::update([&](qvl::Env& env) { env.application = application; });
   // The hook runs once per inbox change; show only what changes on screen.
-  application.setBadgeHook([timeline, shown = std::make_shared<int>(-1)](int number) {
+  application->setBadgeHook([timeline, shown = std::make_shared<int>(-1)](int number) {
     if (number != *shown) timeline->print("badge", "icon badge " + std::to_string(number));
     *shown = number;
   });
@@ -441,7 +443,7 @@ int main(int argc, char** argv) {
   timeline->print("start", "store " + storeDir + ", service " + sandboxUrl + "/v8");
   QVLToken::initWithContent(sandbox["token"].get<std::string>())->saveToken();
   QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);  // also pins the sandbox
-  application.didBecomeActive();
+  application->didBecomeActive();
   timeline->print("lifecycle", "became active");
 
   // The organization's records.
@@ -513,7 +515,7 @@ int main(int argc, char** argv) {
       const auto limit = std::chrono::milliseconds(std::lround(options.offlineSeconds * 1000)) + 5s;
       const bool back = waitUntil(limit, [&] { return control.get("/_sandbox/faults").ok(); });
       timeline->print("network", back ? "online again" : "the sandbox is still unreachable");
-      application.didBecomeActive();
+      application->didBecomeActive();
       timeline->print("lifecycle", "became active: kept views are sent in one batch");
     } else {
       timeline->print("marker", marker);
@@ -537,9 +539,9 @@ int main(int argc, char** argv) {
   host->closeAll();
   mainQueue->runUntilIdle();
   timeline->print("watching", "stopped");
-  application.didEnterBackground();
+  application->didEnterBackground();
   timeline->print("lifecycle", "entered background: inbox and subscriptions are synchronised");
-  const bool flushed = application.waitForBackgroundTasks(15s);
+  const bool flushed = application->waitForBackgroundTasks(15s);
   timeline->print("lifecycle",
                   flushed ? "background tasks done" : "background tasks still running");
   waitUntil(5s, [] { return keptViews() == 0; });

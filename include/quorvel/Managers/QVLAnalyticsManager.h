@@ -2,7 +2,7 @@
 /// @file
 /// Times how long the guest looks at posts and stays near beacons, and reports those views.
 
-#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -24,14 +24,17 @@ class CenterObservation;
 
 /// The process's view analytics.
 ///
-/// A view is open in memory (lost if the process ends first), then closed, validated and
-/// sent at once with QVLApiClient::postObject(). A view the service refused
-/// ("QVLApiClientErrorDomain") is discarded; a view for which no answer came is kept in the
-/// store and goes out, with every other kept view of its type, in one batch
-/// (postObjects()) when the manager is created and whenever the application becomes
-/// active. A batch leaves the store once answered, refused or not; without an answer it
-/// stays for the next attempt. Nothing is reported to the caller and nothing is logged
-/// (but a kept view the store could not take).
+/// A view is open in memory (lost if the process ends first), then closed, validated,
+/// written to the store and sent at once with QVLApiClient::postObject(). Once the service
+/// answered, accepted or refused ("QVLApiClientErrorDomain"), exactly that stored view is
+/// removed; a view for which no answer came stays in the store and goes out, with every
+/// other kept view of its type, in one batch (postObjects()) when the manager is created
+/// and whenever the application becomes active. So a closed view survives the process
+/// ending at any moment, and is sent again only if the process ended while it was on its
+/// way. A batch leaves out the views on their way one by one (when such sends are on their
+/// way it waits for them, so that those that fail go with it) and leaves the store once
+/// answered, refused or not; without an answer it stays for the next attempt. Nothing is
+/// reported to the caller and nothing is logged (but store failures).
 ///
 /// Threads: every operation may be called from any thread and returns at once; times come
 /// from the environment's clock. The open views and the batch flags are guarded, so calls
@@ -39,13 +42,24 @@ class CenterObservation;
 /// only read on the calling thread.
 ///
 /// Creation and environment: created on first use, never destroyed. It observes
-/// "UIApplicationDidBecomeActiveNotification" on the environment's notification centre; a
-/// use that finds another centre in force observes that one too and sends the kept views,
-/// as a creation does.
+/// "UIApplicationDidBecomeActiveNotification" (sends the kept views) and
+/// "UIApplicationWillTerminateNotification" (flush(kTerminationFlushDeadline)) on the
+/// environment's notification centre; a use that finds another centre in force observes
+/// that one too and sends the kept views, as a creation does.
 class QVL_EXPORT QVLAnalyticsManager {
  public:
+  /// How long the application's termination waits for views on their way.
+  static constexpr std::chrono::milliseconds kTerminationFlushDeadline{2000};
+
   /// The one manager, created on first use (sending the kept views); see above.
   static QVLAnalyticsManager& sharedManager();
+
+  /// For a process about to exit: blocks the calling thread until no view is on its way
+  /// (single sends and batches, including a batch waiting for single sends) or `deadline`
+  /// (real time) has passed. True when everything on its way was settled. Either way every
+  /// closed view the service has not confirmed is in the store and goes out at the next
+  /// start. Sends nothing itself. Must not be called from a client completion.
+  bool flush(std::chrono::milliseconds deadline);
 
   /// Opens a post view (the audience may be null). Needs a guest in the store and a post
   /// with a postId. Several open views of one post are allowed.
@@ -65,12 +79,13 @@ class QVL_EXPORT QVLAnalyticsManager {
   /// Closes and sends every open beacon view.
   void finishAllUnfinishedBeaconViews();
 
-  /// Sends one closed view; keeps it in the store when no answer comes. An invalid view is
-  /// dropped.
+  /// Writes one closed view to the store and sends it; it stays stored when no answer
+  /// comes. An invalid view is dropped.
   void sendOrSaveFinishedView(const std::shared_ptr<QVLApiModel>& view);
   ///@{
   /// Sends every kept view of the type in one batch, unless a batch of that type is on its
-  /// way or none is kept. sendAllFinishedViews() does both types.
+  /// way or none is kept. While single views of the type are on their way, the batch
+  /// starts once they are all answered. sendAllFinishedViews() does both types.
   void sendFinishedPostViews();
   void sendFinishedBeaconViews();
   void sendAllFinishedViews();
@@ -89,11 +104,12 @@ class QVL_EXPORT QVLAnalyticsManager {
   ///@}
   ///@{
   /// True while a batch of the type is on its way.
-  bool sendingPostViews() const { return sendingPostViews_.load(); }
-  bool sendingBeaconViews() const { return sendingBeaconViews_.load(); }
+  bool sendingPostViews() const;
+  bool sendingBeaconViews() const;
   ///@}
 
  private:
+  struct Outbox;
   QVLAnalyticsManager();
   ~QVLAnalyticsManager();
   bool beaconViewIsStartedLocked(std::optional<std::int64_t> beaconId) const;
@@ -101,7 +117,6 @@ class QVL_EXPORT QVLAnalyticsManager {
   mutable std::mutex mutex_;  // guards the two lists
   std::vector<std::shared_ptr<QVLPostView>> unfinishedPostViews_;
   std::vector<std::shared_ptr<QVLBeaconView>> unfinishedBeaconViews_;
-  std::atomic<bool> sendingPostViews_{false};
-  std::atomic<bool> sendingBeaconViews_{false};
+  std::unique_ptr<Outbox> outbox_;  // what is on its way
   std::unique_ptr<qvl::CenterObservation> observation_;
 };

@@ -213,8 +213,9 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   /// Asks the location service for "always" authorization; the library never asks by
   /// itself.
   void requestLocationAlwaysAuthorization();
-  /// Does nothing: Linux has no per-application settings for user notifications to
-  /// register. Kept so that host code written for other platforms compiles unchanged.
+  /// Registers badge, sound and alert (types 7, no categories) with the application's
+  /// registerUserNotificationSettings() where the host offers it; otherwise nothing. The
+  /// library never calls it by itself.
   void requestPermissionsForNotifications();
 
   /// QVLAnalyticsManager::sharedManager().

@@ -25,8 +25,8 @@ class CenterObservation;
 /// is set, the whole list with each post's flags goes to the service in a background task
 /// "SyncInbox"; a successful answer clears the flag, a failure logs "Something went wrong
 /// when syncing posts (inbox): <error>" and leaves it set for the next time. The flag is not
-/// kept across runs. A host that is about to exit calls Application::didEnterBackground()
-/// and then Application::waitForBackgroundTasks() so that a last change still goes out.
+/// kept across runs. A host that is about to exit calls Application::didEnterBackground(),
+/// willTerminate() and then waitForBackgroundTasks() so that a last change still goes out.
 ///
 /// Badge: with "QuorvelSDK" → "AutoUpdateAppIconBadge" true in the bundle information (read
 /// on every change), the application's icon badge is set, on the main queue, to the

@@ -51,7 +51,8 @@ class QVL_EXPORT QVLPushManager {
   static qvl::HttpRequest updateRequest();
   ///@}
   /// A request with the method and the body as compact JSON; no headers (the session adds
-  /// the client's).
+  /// the client's). A body that cannot be serialised (text that is not UTF-8) leaves the
+  /// request's body empty; never throws for it.
   static qvl::HttpRequest requestWithURL(std::string url, std::string method,
                                          const nlohmann::json& body);
   /// "APNS".

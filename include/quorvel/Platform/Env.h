@@ -55,7 +55,7 @@ struct QVL_EXPORT Env {
   std::shared_ptr<const HttpSessionConfiguration> httpSessionConfiguration;
   /// Broadcast notifications. Standard: one process-wide centre.
   std::shared_ptr<NotificationCenter> notificationCenter;
-  /// Lifecycle, background tasks, icon badge. Standard: one process-wide Application.
+  /// Lifecycle, background tasks, icon badge. Standard: one process-wide StandardApplication.
   std::shared_ptr<Application> application;
   /// Decides server-trust challenges of pinned hosts. Standard: one process-wide validator.
   std::shared_ptr<PinValidator> pinValidator;
