@@ -11,28 +11,19 @@
 
 #include <sdbus-c++/Error.h>
 
+#include "Platform/Guarded.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl::device {
 
 void guard(const std::string& origin, const std::function<void()>& callback) noexcept {
+  std::optional<std::string> what = detail::failureOf(callback);
+  if (!what) return;
   // Each bus thread logs an origin once: a peer that makes a handler fail can do it again.
   thread_local std::unordered_set<std::string> logged;
-  std::string reason;
   try {
-    callback();
-    return;
-  } catch (const sdbus::Error& error) {
-    reason = error.getName() + ": " + error.getMessage();
-  } catch (const std::exception& error) {
-    reason = error.what();
-  } catch (...) {
-    reason = "unknown exception";
-  }
-  try {
-    if (logged.insert(origin).second) log("QuorvelSDK: D-Bus: " + origin + " failed: " + reason);
-  } catch (...) {
-    // Out of memory while logging: the failure itself was already handled.
+    if (logged.insert(origin).second) detail::logFailure("D-Bus " + origin, *what);
+  } catch (...) {  // no memory for the set or the line: the failure itself was handled
   }
 }
 
