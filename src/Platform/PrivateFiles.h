@@ -119,15 +119,16 @@ inline FileResult makePrivateFile(const std::filesystem::path& file) {
   }
   if (errno != EEXIST)
     return {"cannot create " + file.string() + ": " + privatefiles::errnoText(errno)};
-  fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ELOOP) return {"refused " + file.string() + ": it is a symbolic link"};
-    return {"cannot open " + file.string() + ": " + privatefiles::errnoText(errno)};
-  }
+  // O_PATH: closing a real descriptor of a file drops every POSIX lock this process holds
+  // on it, SQLite's included (another thread's open store, its -shm read marks).
+  fd = ::open(file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return {"cannot open " + file.string() + ": " + privatefiles::errnoText(errno)};
   FileResult result;
   struct stat info {};
   if (::fstat(fd, &info) != 0) {
     result.error = "cannot inspect " + file.string() + ": " + privatefiles::errnoText(errno);
+  } else if (S_ISLNK(info.st_mode)) {
+    result.error = "refused " + file.string() + ": it is a symbolic link";
   } else if (!S_ISREG(info.st_mode)) {
     result.error = "refused " + file.string() + ": not a regular file";
   } else if (info.st_uid != ::geteuid()) {
@@ -140,21 +141,19 @@ inline FileResult makePrivateFile(const std::filesystem::path& file) {
 
 /// Takes group and other bits from an existing regular file of this user (files written by
 /// older versions); a missing file is fine.
+/// The file's folder must be private already (checkPrivateDirectory): the mode is changed by
+/// name, since no descriptor of a store file may be closed while SQLite holds locks on it.
 inline FileResult restrictToOwner(const std::filesystem::path& file) {
-  const int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ENOENT) return {};
-    return {"cannot open " + file.string() + ": " + privatefiles::errnoText(errno)};
-  }
-  FileResult result;
   struct stat info {};
-  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
-      (info.st_mode & 077) != 0 && ::fchmod(fd, info.st_mode & 0700) != 0) {
-    result.error =
-        "cannot set the mode of " + file.string() + ": " + privatefiles::errnoText(errno);
+  if (::lstat(file.c_str(), &info) != 0) {
+    if (errno == ENOENT) return {};
+    return {"cannot inspect " + file.string() + ": " + privatefiles::errnoText(errno)};
   }
-  ::close(fd);
-  return result;
+  if (S_ISREG(info.st_mode) && info.st_uid == ::geteuid() && (info.st_mode & 077) != 0 &&
+      ::chmod(file.c_str(), info.st_mode & 0700) != 0) {
+    return {"cannot set the mode of " + file.string() + ": " + privatefiles::errnoText(errno)};
+  }
+  return {};
 }
 
 /// Removes what a write that crashed before its rename left beside `file`: its own temporary

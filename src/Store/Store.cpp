@@ -1,6 +1,14 @@
 #include "quorvel/Store/Store.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include "Platform/PrivateFiles.h"
 #include "Store/StoreImpl.h"
@@ -11,7 +19,46 @@ namespace qvl {
 
 namespace {
 thread_local std::unordered_map<std::string, std::shared_ptr<Store>> threadHandles;
-}
+
+// Serialises the opening of the store files of one folder across processes and threads:
+// switching a new file to WAL needs it to itself, and SQLite answers a second switcher with
+// "database is locked" at once, without waiting. The lock is the folder's (flock), not the
+// file's, because closing a descriptor of the file would drop SQLite's own locks on it. A
+// holder only opens, switches and creates the schema; one that dies lets go with its process.
+class FolderOpenLock {
+ public:
+  FolderOpenLock(const std::filesystem::path& folder, std::chrono::milliseconds patience)
+      : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {
+    if (fd_ < 0) fail("cannot open the folder " + folder.string() + ": " + std::strerror(errno));
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      if (errno != EWOULDBLOCK && errno != EINTR) {
+        fail("cannot lock the folder " + folder.string() + ": " + std::strerror(errno));
+      }
+      if (std::chrono::steady_clock::now() > deadline) {
+        fail("the folder " + folder.string() + " stayed locked by another opener for " +
+             std::to_string(patience.count() / 1000) + " s");
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  }
+  ~FolderOpenLock() {
+    if (fd_ >= 0) ::close(fd_);  // releases the lock
+  }
+  FolderOpenLock(const FolderOpenLock&) = delete;
+  FolderOpenLock& operator=(const FolderOpenLock&) = delete;
+
+ private:
+  [[noreturn]] void fail(const std::string& reason) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    throw StoreError("store: " + reason);
+  }
+  int fd_;
+};
+
+constexpr std::chrono::milliseconds kBusyTimeout{60000};
+}  // namespace
 
 Store::Store(std::string path, std::uint64_t schemaVersion)
     : path_(std::move(path)),
@@ -41,9 +88,11 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
   // Someone who can change the folder could swap the file under us: refuse before touching
   // anything. SQLite gives the -wal and -shm files the mode of the file.
   const std::filesystem::path file(configuration.path);
-  detail::FileResult usable =
-      detail::checkPrivateDirectory(file.has_parent_path() ? file.parent_path() : ".");
-  if (usable) usable = detail::makePrivateFile(file);
+  const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : ".";
+  detail::FileResult usable = detail::checkPrivateDirectory(folder);
+  if (!usable) throw StoreError("store: " + usable.error);
+  const FolderOpenLock openLock(folder, kBusyTimeout);
+  usable = detail::makePrivateFile(file);
   if (!usable) throw StoreError("store: " + usable.error);
   sqlite3* db = nullptr;
   int rc =
@@ -54,7 +103,7 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
     std::string message = db ? sqlite3_errmsg(db) : "out of memory";
     throw StoreError("store: cannot open " + configuration.path + ": " + message);
   }
-  sqlite3_busy_timeout(db, 60000);
+  sqlite3_busy_timeout(db, static_cast<int>(kBusyTimeout.count()));
   refuseForeignSchema(db, configuration.path);
   for (const char* suffix : {"", "-wal", "-shm"}) {
     if (auto restricted = detail::restrictToOwner(configuration.path + suffix); !restricted)

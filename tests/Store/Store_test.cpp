@@ -2,7 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <thread>
 
 #include "support/TempDir.h"
@@ -359,6 +366,74 @@ TEST_F(StoreTest, WritersOnSeveralThreadsAreSerialisedAndLoseNothing) {
   auto store = open();
   EXPECT_EQ(store->objects(ownerClass()).size(), static_cast<size_t>(kThreads * kWrites));
   EXPECT_EQ(labelOf(store->object(itemClass(), 0)), std::to_string(kThreads * kWrites));
+}
+
+// The opener processes of the next test: each of its threads opens the store named by
+// QVL_TEST_STORE at the steady-clock time QVL_TEST_START_NS and writes one owner.
+TEST_F(StoreTest, DISABLED_OpenerProcess) {
+  const char* path = std::getenv("QVL_TEST_STORE");
+  const char* start = std::getenv("QVL_TEST_START_NS");
+  ASSERT_TRUE(path && start);
+  const std::chrono::steady_clock::time_point at{std::chrono::nanoseconds(std::atoll(start))};
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      std::this_thread::sleep_until(at);
+      try {
+        qvl::StoreConfiguration c = config();
+        c.path = path;
+        auto store = Store::open(c);
+        store->write([&] { store->addOrUpdate(owner(::getpid() * 10 + t, "opener")); });
+      } catch (const std::exception& e) {
+        ADD_FAILURE() << e.what();
+        ++failures;
+      }
+      Store::closeThreadHandles();
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(failures.load(), 0);
+}
+
+// Processes and threads that open one new store at the same moment all get it: nobody is
+// answered "database is locked" while another switches the new file to WAL.
+TEST_F(StoreTest, ANewStoreOpenedByManyProcessesAtOnceOpensForEveryone) {
+  constexpr int kRounds = 8;
+  constexpr int kProcesses = 4;
+  std::string filter = "--gtest_filter=StoreTest.DISABLED_OpenerProcess";
+  std::string disabled = "--gtest_also_run_disabled_tests";
+  for (int round = 0; round < kRounds; ++round) {
+    const std::string folder = dir.file("round" + std::to_string(round));
+    ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
+    const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    std::string storeVar = "QVL_TEST_STORE=" + folder + "/test.store";
+    std::string startVar =
+        "QVL_TEST_START_NS=" +
+        std::to_string(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(start.time_since_epoch()).count());
+    std::vector<char*> environment;
+    for (char** e = environ; *e; ++e) environment.push_back(*e);
+    environment.push_back(storeVar.data());
+    environment.push_back(startVar.data());
+    environment.push_back(nullptr);
+    char self[] = "/proc/self/exe";
+    char* argv[] = {self, filter.data(), disabled.data(), nullptr};
+    std::vector<pid_t> children(kProcesses);
+    for (pid_t& child : children) {
+      ASSERT_EQ(::posix_spawn(&child, self, nullptr, nullptr, argv, environment.data()), 0);
+    }
+    int failed = 0;
+    for (pid_t child : children) {
+      int status = 0;
+      ASSERT_EQ(::waitpid(child, &status, 0), child);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
+    }
+    EXPECT_EQ(failed, 0) << "round " << round;
+    qvl::StoreConfiguration c = config();
+    c.path = folder + "/test.store";
+    EXPECT_EQ(Store::open(c)->objects(ownerClass()).size(), static_cast<size_t>(kProcesses * 3));
+  }
 }
 
 // An older shape of Owner: "title" instead of "name", no "flag", "score" absent.
