@@ -14,6 +14,8 @@
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Models/QVLToken.h"
 #include "sandbox/Sandbox.h"
+#include "support/ManualExecutor.h"
+#include "support/RecordingTransport.h"
 
 namespace managers_test {
 namespace {
@@ -259,6 +261,13 @@ TEST_F(QVLAnalyticsManagerTest, ViewsClosedBeforeAKillAreSentByTheNextRun) {
     ASSERT_GE(child, 0);
     if (child == 0) {  // closes views until it is killed, reporting each once closed
       ::close(ids[0]);
+      // No thread may start in a child of a threaded process (ThreadSanitizer stops it): its
+      // sends stay in flight, held by a transport that never answers, on queues never run.
+      change([](qvl::Env& env) {
+        env.executor = std::make_shared<qvl::test::ManualExecutor>();
+        env.transport = std::make_shared<qvl::test::RecordingTransport>(
+            [](const qvl::HttpRequest&) { return std::optional<qvl::test::TransportAnswer>(); });
+      });
       storeGuest();
       for (std::int64_t id = run * 1000 + 1; id <= run * 1000 + 200; ++id) {
         viewPost(id);
