@@ -37,8 +37,10 @@ class TimerThread {
         continue;
       }
       const auto first = timers_.begin();
-      if (std::chrono::steady_clock::now() < first->first) {
-        wake_.wait_until(lock, first->first);
+      // A copy: cancel() may erase the entry while the wait has the lock released.
+      const std::chrono::steady_clock::time_point due = first->first;
+      if (std::chrono::steady_clock::now() < due) {
+        wake_.wait_until(lock, due);
         continue;
       }
       std::function<void()> task = std::move(first->second.second);
