@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +15,6 @@
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Models/QVLToken.h"
 #include "sandbox/Sandbox.h"
-#include "support/ManualExecutor.h"
 #include "support/RecordingTransport.h"
 
 namespace managers_test {
@@ -247,35 +247,50 @@ TEST_F(QVLAnalyticsManagerTest,
   EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), 400u);  // none twice
 }
 
+// The process the next test kills: closes views on the store in QVL_TEST_STORE_DIR, from
+// post QVL_TEST_FIRST_ID on, writing each id to descriptor QVL_TEST_REPORT_FD once closed.
+// Its sends stay in flight (a transport that never answers), as a kill would find them.
+TEST_F(QVLAnalyticsManagerTest, DISABLED_ClosesViewsUntilKilled) {
+  const char* folder = std::getenv("QVL_TEST_STORE_DIR");
+  const char* first = std::getenv("QVL_TEST_FIRST_ID");
+  const char* report = std::getenv("QVL_TEST_REPORT_FD");
+  ASSERT_TRUE(folder && first && report);
+  change([&](qvl::Env& env) {
+    env.storeDirectory = folder;
+    env.transport = std::make_shared<qvl::test::RecordingTransport>(
+        [](const qvl::HttpRequest&) { return std::optional<qvl::test::TransportAnswer>(); });
+  });
+  storeGuest();
+  const int fd = std::atoi(report);
+  for (std::int64_t id = std::atoll(first); id < std::atoll(first) + 200; ++id) {
+    viewPost(id);
+    if (::write(fd, &id, sizeof id) != static_cast<ssize_t>(sizeof id)) break;
+  }
+  ::pause();
+}
+
 TEST_F(QVLAnalyticsManagerTest, ViewsClosedBeforeAKillAreSentByTheNextRun) {
   std::mt19937 random(std::random_device{}());
   for (int run = 0; run < 5; ++run) {
     SCOPED_TRACE(run);
     // Each run on a store file this process has never opened: the child opens it first.
-    change(
-        [&](qvl::Env& env) { env.storeDirectory = directory_.file("run" + std::to_string(run)); });
-    ASSERT_TRUE(analytics().flush(20s));  // quiet before the fork
+    const std::string folder = directory_.file("run" + std::to_string(run));
+    change([&](qvl::Env& env) { env.storeDirectory = folder; });
     int ids[2];
     ASSERT_EQ(::pipe(ids), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {  // closes views until it is killed, reporting each once closed
-      ::close(ids[0]);
-      // No thread may start in a child of a threaded process (ThreadSanitizer stops it): its
-      // sends stay in flight, held by a transport that never answers, on queues never run.
-      change([](qvl::Env& env) {
-        env.executor = std::make_shared<qvl::test::ManualExecutor>();
-        env.transport = std::make_shared<qvl::test::RecordingTransport>(
-            [](const qvl::HttpRequest&) { return std::optional<qvl::test::TransportAnswer>(); });
-      });
-      storeGuest();
-      for (std::int64_t id = run * 1000 + 1; id <= run * 1000 + 200; ++id) {
-        viewPost(id);
-        if (::write(ids[1], &id, sizeof id) != static_cast<ssize_t>(sizeof id)) break;
-      }
-      ::pause();
-      ::_exit(0);
-    }
+    std::vector<std::string> settings = {"QVL_TEST_STORE_DIR=" + folder,
+                                         "QVL_TEST_FIRST_ID=" + std::to_string(run * 1000 + 1),
+                                         "QVL_TEST_REPORT_FD=" + std::to_string(ids[1])};
+    std::vector<char*> environment;
+    for (char** e = environ; *e; ++e) environment.push_back(*e);
+    for (auto& setting : settings) environment.push_back(setting.data());
+    environment.push_back(nullptr);
+    std::string self = "/proc/self/exe";
+    std::string filter = "--gtest_filter=QVLAnalyticsManagerTest.DISABLED_ClosesViewsUntilKilled";
+    std::string disabled = "--gtest_also_run_disabled_tests";
+    char* argv[] = {self.data(), filter.data(), disabled.data(), nullptr};
+    pid_t child = 0;
+    ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, environment.data()), 0);
     ::close(ids[1]);
     std::set<std::int64_t> closed;
     const auto readClosed = [&](size_t atLeast) {
