@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +15,7 @@
 #include "quorvel/Models/QVLToken.h"
 #include "sandbox/Sandbox.h"
 #include "support/RecordingTransport.h"
+#include "support/SpawnTest.h"
 
 namespace managers_test {
 namespace {
@@ -278,19 +278,11 @@ TEST_F(QVLAnalyticsManagerTest, ViewsClosedBeforeAKillAreSentByTheNextRun) {
     change([&](qvl::Env& env) { env.storeDirectory = folder; });
     int ids[2];
     ASSERT_EQ(::pipe(ids), 0);
-    std::vector<std::string> settings = {"QVL_TEST_STORE_DIR=" + folder,
-                                         "QVL_TEST_FIRST_ID=" + std::to_string(run * 1000 + 1),
-                                         "QVL_TEST_REPORT_FD=" + std::to_string(ids[1])};
-    std::vector<char*> environment;
-    for (char** e = environ; *e; ++e) environment.push_back(*e);
-    for (auto& setting : settings) environment.push_back(setting.data());
-    environment.push_back(nullptr);
-    std::string self = "/proc/self/exe";
-    std::string filter = "--gtest_filter=QVLAnalyticsManagerTest.DISABLED_ClosesViewsUntilKilled";
-    std::string disabled = "--gtest_also_run_disabled_tests";
-    char* argv[] = {self.data(), filter.data(), disabled.data(), nullptr};
-    pid_t child = 0;
-    ASSERT_EQ(::posix_spawn(&child, self.c_str(), nullptr, nullptr, argv, environment.data()), 0);
+    const pid_t child = qvl::test::spawnTest(
+        "QVLAnalyticsManagerTest.DISABLED_ClosesViewsUntilKilled",
+        {"QVL_TEST_STORE_DIR=" + folder, "QVL_TEST_FIRST_ID=" + std::to_string(run * 1000 + 1),
+         "QVL_TEST_REPORT_FD=" + std::to_string(ids[1])});
+    ASSERT_GT(child, 0);
     ::close(ids[1]);
     std::set<std::int64_t> closed;
     const auto readClosed = [&](size_t atLeast) {

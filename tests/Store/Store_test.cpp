@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "support/SpawnTest.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -401,27 +401,18 @@ TEST_F(StoreTest, DISABLED_OpenerProcess) {
 TEST_F(StoreTest, ANewStoreOpenedByManyProcessesAtOnceOpensForEveryone) {
   constexpr int kRounds = 8;
   constexpr int kProcesses = 4;
-  std::string filter = "--gtest_filter=StoreTest.DISABLED_OpenerProcess";
-  std::string disabled = "--gtest_also_run_disabled_tests";
   for (int round = 0; round < kRounds; ++round) {
     const std::string folder = dir.file("round" + std::to_string(round));
     ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
     const auto start = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
-    std::string storeVar = "QVL_TEST_STORE=" + folder + "/test.store";
-    std::string startVar =
-        "QVL_TEST_START_NS=" +
-        std::to_string(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(start.time_since_epoch()).count());
-    std::vector<char*> environment;
-    for (char** e = environ; *e; ++e) environment.push_back(*e);
-    environment.push_back(storeVar.data());
-    environment.push_back(startVar.data());
-    environment.push_back(nullptr);
-    char self[] = "/proc/self/exe";
-    char* argv[] = {self, filter.data(), disabled.data(), nullptr};
+    const std::string startNs = std::to_string(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(start.time_since_epoch()).count());
     std::vector<pid_t> children(kProcesses);
     for (pid_t& child : children) {
-      ASSERT_EQ(::posix_spawn(&child, self, nullptr, nullptr, argv, environment.data()), 0);
+      child = qvl::test::spawnTest(
+          "StoreTest.DISABLED_OpenerProcess",
+          {"QVL_TEST_STORE=" + folder + "/test.store", "QVL_TEST_START_NS=" + startNs});
+      ASSERT_GT(child, 0);
     }
     int failed = 0;
     for (pid_t child : children) {
