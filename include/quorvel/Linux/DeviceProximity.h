@@ -47,8 +47,9 @@ struct QVL_EXPORT DeviceProximityStats {
   /// Beacons and beacon devices forgotten, least recently heard first, to stay within the
   /// cap (2048 of each).
   std::uint64_t evicted = 0;
-  /// Beacons and beacon devices (BlueZ device objects with an iBeacon frame) kept now.
+  /// Beacons (UUID, major, minor) whose sightings are kept now.
   std::size_t beaconsKept = 0;
+  /// BlueZ device objects whose iBeacon frame is kept now.
   std::size_t devicesKept = 0;
 };
 
