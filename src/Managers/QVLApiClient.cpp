@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "Platform/HostNames.h"
 #include "Platform/Immortal.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLToken.h"
@@ -70,23 +71,14 @@ std::string hostOf(const std::string& domain) {
   return domain.substr(0, domain.find(':'));
 }
 
-std::string normalizedHost(std::string host) {
-  std::transform(host.begin(), host.end(), host.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (!host.empty() && host.back() == '.') host.pop_back();
-  return host;
-}
-
 // The pinned domain of the environment: the API domain's host.
 std::string apiHost(const qvl::Env& env) {
-  return normalizedHost(
+  return qvl::detail::normalizedHost(
       hostOf(env.apiDomain.empty() ? QVLApiClient::kDefaultApiDomain : env.apiDomain));
 }
 
 bool isInApiDomain(const std::string& host, const qvl::Env& env) {
-  const std::string name = normalizedHost(host);
-  const std::string domain = apiHost(env);
-  return name == domain || (name.size() > domain.size() && name.ends_with("." + domain));
+  return qvl::detail::hostIsInDomain(qvl::detail::normalizedHost(host), apiHost(env), true);
 }
 
 // How the API domain's certificates are checked.
@@ -281,7 +273,8 @@ void QVLApiClient::ensurePinning() {
     const std::string host = apiHost(*env);
     const std::vector<std::string> pins = publicKeyHashes();
     for (const auto& domain : current->pinnedDomains) {
-      if (normalizedHost(domain.domain) == host && domain.publicKeyHashes == pins) return;
+      if (qvl::detail::normalizedHost(domain.domain) == host && domain.publicKeyHashes == pins)
+        return;
     }
   }
   setupPinning();

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Base64.h"
+#include "Platform/HostNames.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
@@ -25,35 +26,16 @@ namespace {
 
 constexpr auto kReportInterval = std::chrono::hours(24);
 
-std::string lowercase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return text;
-}
-
-std::string normalizedHost(const std::string& host) {
-  std::string result = lowercase(host);
-  if (!result.empty() && result.back() == '.') result.pop_back();
-  return result;
-}
-
-bool endsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() &&
-         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 // The most specific pinned domain covering `host`, or null.
 const PinnedDomainConfiguration* findDomain(const PinningConfiguration& configuration,
                                             const std::string& host) {
-  const std::string name = normalizedHost(host);
+  const std::string name = detail::normalizedHost(host);
   const PinnedDomainConfiguration* best = nullptr;
   size_t bestLength = 0;
   for (const auto& domain : configuration.pinnedDomains) {
-    const std::string pinned = normalizedHost(domain.domain);
+    const std::string pinned = detail::normalizedHost(domain.domain);
     if (pinned.empty()) continue;
-    const bool covers =
-        name == pinned || (domain.includeSubdomains && endsWith(name, "." + pinned));
-    if (!covers) continue;
+    if (!detail::hostIsInDomain(name, pinned, domain.includeSubdomains)) continue;
     if (name == pinned) return &domain;
     if (pinned.size() > bestLength) {
       best = &domain;
@@ -149,7 +131,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
                               const ServerTrustChallenge& challenge,
                               const std::vector<std::string>& chainPins) {
   if (domain.reportUris.empty()) return;
-  std::string key = normalizedHost(challenge.host) + "\n" + std::to_string(challenge.port);
+  std::string key = detail::normalizedHost(challenge.host) + "\n" + std::to_string(challenge.port);
   for (const auto& pin : chainPins) key += "\n" + pin;
   const Date now = qvl::now();
   {
