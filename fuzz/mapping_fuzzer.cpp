@@ -142,7 +142,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   if (!mkdtemp(dir.data())) std::abort();
   qvl::Env::update([&](qvl::Env& env) {
     env.storeDirectory = dir;
-    env.logSink = [](std::string_view) {};  // rejections are logged; keep the run quiet
+    env.logSink = [](qvl::LogLevel, std::string_view) {
+    };  // rejections are logged; keep the run quiet
   });
   store = QVLRealm::realm();
   if (!store) std::abort();

@@ -172,7 +172,7 @@ struct DeviceProximity::Private {
     if (!ok) {
       dropped.fetch_add(1, std::memory_order_relaxed);
       if (!std::exchange(bus->dropLogged, true)) {
-        log("QuorvelSDK: D-Bus: dropped a message from " + sender +
+        log("D-Bus: dropped a message from " + sender +
             ", which does not own the name it claims (later ones are only counted)");
       }
     }
@@ -230,7 +230,7 @@ struct DeviceProximity::Private {
     call(*bus->root, Peer::Bluez, bus->root->createMethodCall(kObjectManager, "GetManagedObjects"),
          "BlueZ GetManagedObjects", [this](const sdbus::Error* error, sdbus::MethodReply& reply) {
            if (error) {
-             log("QuorvelSDK: BlueZ not reachable: " + error->getName());
+             log("BlueZ not reachable: " + error->getName());
              setBluetooth(refused(*error) ? BluetoothState::Unauthorized
                                           : BluetoothState::Unsupported);
            } else {
@@ -250,7 +250,7 @@ struct DeviceProximity::Private {
     bus->bluezOwner = current;
     forgetAdapter();
     if (current.empty()) {
-      log("QuorvelSDK: BlueZ stopped");
+      log("BlueZ stopped");
       setBluetooth(BluetoothState::Unsupported);
     } else {
       listObjects();
@@ -291,7 +291,7 @@ struct DeviceProximity::Private {
       }
     }
     if (bus->adapterPath.empty()) {
-      log("QuorvelSDK: no Bluetooth adapter" +
+      log("no Bluetooth adapter" +
           (settings.adapter.empty() ? std::string() : " named " + settings.adapter));
       setBluetooth(BluetoothState::Unsupported);
       return;
@@ -341,7 +341,7 @@ struct DeviceProximity::Private {
   }
 
   void discoveryFailed(const sdbus::Error& error) {
-    log("QuorvelSDK: Bluetooth discovery not started: " + error.getName() + ": " +
+    log("Bluetooth discovery not started: " + error.getName() + ": " +
         error.getMessage());
     if (refused(error)) setBluetooth(BluetoothState::Unauthorized);
   }
@@ -379,7 +379,7 @@ struct DeviceProximity::Private {
           sightings.forgetDevice(path);
         }
         if (interface == kAdapter && path == bus->adapterPath) {
-          log("QuorvelSDK: Bluetooth adapter " + path + " removed");
+          log("Bluetooth adapter " + path + " removed");
           forgetAdapter();
           setBluetooth(BluetoothState::Unsupported);
         }
@@ -397,7 +397,7 @@ struct DeviceProximity::Private {
     if (auto powered = property<bool>(changed, "Powered")) setPowered(*powered);
     auto discovering = property<bool>(changed, "Discovering");
     if (discovering && !*discovering && bus->powered && bus->discoveryWanted) {
-      log("QuorvelSDK: Bluetooth discovery stopped by someone else; starting it again");
+      log("Bluetooth discovery stopped by someone else; starting it again");
       startDiscovery();
     }
   }
@@ -448,7 +448,7 @@ struct DeviceProximity::Private {
   }
 
   void locationRefused(const sdbus::Error& error) {
-    log("QuorvelSDK: GeoClue refused the position: " + error.getName() + ": " + error.getMessage());
+    log("GeoClue refused the position: " + error.getName() + ": " + error.getMessage());
     setAuthorization(refused(error) ? AuthorizationStatus::Denied
                                     : AuthorizationStatus::Restricted);
     handledOne();
@@ -495,7 +495,7 @@ DeviceProximity::DeviceProximity(DeviceProximitySettings settings) {
       address, [d](sdbus::IConnection& connection) { d->setup(connection); },
       [d] { d->teardown(); },
       [d](const std::string& reason) {
-        log("QuorvelSDK: no D-Bus for the device backend: " + reason);
+        log("no D-Bus for the device backend: " + reason);
         d->setBluetooth(BluetoothState::Unsupported);
         d->setAuthorization(AuthorizationStatus::Restricted);
       });

@@ -54,7 +54,7 @@ std::shared_ptr<qvl::Store> openStore(const qvl::StoreConfiguration& configurati
     static ExitGuard guard;
     return store;
   } catch (const std::exception& e) {
-    qvl::log(std::string("QuorvelSDK: Couldn't open the store for views: ") + e.what());
+    qvl::log(std::string("Couldn't open the store for views: ") + e.what());
     return nullptr;
   }
 }
@@ -71,7 +71,7 @@ void withStore(const qvl::StoreConfiguration& configuration, const char* what, c
   try {
     if (auto store = openStore(configuration)) work(*store);
   } catch (const std::exception& e) {
-    qvl::log(std::string("QuorvelSDK: Couldn't ") + what + ": " + e.what());
+    qvl::log(std::string("Couldn't ") + what + ": " + e.what());
   }
   {
     std::lock_guard lock(state.mutex);

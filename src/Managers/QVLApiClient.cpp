@@ -133,7 +133,7 @@ std::string QVLApiClient::baseURL() const {
   const char* subdomain = nullptr;
   switch (static_cast<std::uint32_t>(environment())) {
     case QVLApiEnvironmentUnset:
-      qvl::log("QuorvelSDK: No valid ApiEnvironment key provided - using dev environment");
+      qvl::log("No valid ApiEnvironment key provided - using dev environment");
       subdomain = "dev";
       break;
     case QVLApiEnvironmentDev:
@@ -161,7 +161,7 @@ std::optional<std::string> QVLApiClient::apiKey() const {
     auto key = settings->find("ApiKey");
     if (key != settings->end() && key->is_string()) return key->get<std::string>();
   }
-  qvl::log("QuorvelSDK: No valid ApiKey provided. Add your key in your Info.plist");
+  qvl::log("No valid ApiKey provided. Add your key in your Info.plist");
   return std::nullopt;
 }
 
@@ -189,7 +189,7 @@ std::shared_ptr<qvl::HttpSession> QVLApiClient::urlSession() {
   const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
   ensurePinning();
   if (apiTrust(*env) == ApiTrust::Unpinned) {
-    qvl::log("QuorvelSDK: the API domain " + apiHost(*env) +
+    qvl::log("the API domain " + apiHost(*env) +
              " has no pins; its certificates are checked against the certificate authorities "
              "only (Env::allowUnpinnedApiDomain is set)");
   }
@@ -299,7 +299,7 @@ qvl::TrustDisposition QVLApiClient::didReceiveServerTrustChallenge(
   // was made) gets no default handling unless the host opted out of pinning.
   const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
   if (isInApiDomain(challenge.host, *env) && apiTrust(*env) == ApiTrust::Pinned) {
-    qvl::log("QuorvelSDK: " + challenge.host + " is not pinned; connection refused");
+    qvl::log("" + challenge.host + " is not pinned; connection refused");
     return qvl::TrustDisposition::CancelAuthenticationChallenge;
   }
   return qvl::TrustDisposition::PerformDefaultHandling;

@@ -649,7 +649,7 @@ std::vector<std::shared_ptr<QVLApiModel>> parseEach(
       }
       out.push_back(parse<Node>(cls, element, realm, stores));
     } catch (const QVLMappingError& e) {
-      log(std::string("QuorvelSDK: Rejected ") + cls.name() + " record: " + e.what());
+      log(std::string("Rejected ") + cls.name() + " record: " + e.what());
       if (rejected) {
         rejected->push_back(QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
       }

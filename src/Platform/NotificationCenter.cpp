@@ -61,9 +61,9 @@ void NotificationCenter::post(Notification notification) {
     try {
       (*entry.observer)(notification);
     } catch (const std::exception& e) {
-      log("QuorvelSDK: an observer of " + notification.name + " threw: " + e.what());
+      log("an observer of " + notification.name + " threw: " + e.what());
     } catch (...) {
-      log("QuorvelSDK: an observer of " + notification.name + " threw");
+      log("an observer of " + notification.name + " threw");
     }
   }
 }

@@ -121,7 +121,7 @@ bool PinValidator::handleChallenge(const ServerTrustChallenge& challenge,
     if (disposition) *disposition = TrustDisposition::UseCredential;
     return true;
   }
-  log("QuorvelSDK: certificate pinning failed for " + challenge.host + "; connection refused");
+  log("certificate pinning failed for " + challenge.host + "; connection refused");
   if (disposition) *disposition = TrustDisposition::CancelAuthenticationChallenge;
   sendReport(*domain, challenge, chainPins);
   return true;
@@ -173,10 +173,10 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
         HttpRequest{"POST", uri, {}, body},
         [uri](std::string, std::optional<HttpResponse> response, std::optional<QVLError> error) {
           if (error) {
-            log("QuorvelSDK: pin failure report to " + uri + " failed: " +
+            log("pin failure report to " + uri + " failed: " +
                 error->userInfo.value_or(nlohmann::json::object()).value("message", ""));
           } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
-            log("QuorvelSDK: pin failure report to " + uri + " answered " +
+            log("pin failure report to " + uri + " answered " +
                 std::to_string(response->statusCode));
           }
         });

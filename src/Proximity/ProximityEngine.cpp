@@ -187,7 +187,7 @@ void Engine::loadRegions() {
       monitored_.push_back(std::move(region));
     }
   } catch (const std::exception& error) {
-    log("QuorvelSDK: monitored regions in " + regionsPath_ + " not read: " + error.what());
+    log("monitored regions in " + regionsPath_ + " not read: " + error.what());
   }
 }
 
@@ -199,7 +199,7 @@ void Engine::saveRegions() const {
       detail::makePrivateDirectories(path.has_parent_path() ? path.parent_path() : ".");
   if (saved) saved = detail::writeFileAtomically(path, json{{"regions", regions}}.dump(2) + '\n');
   if (!saved)
-    log("QuorvelSDK: monitored regions not saved to " + regionsPath_ + ": " + saved.error);
+    log("monitored regions not saved to " + regionsPath_ + ": " + saved.error);
 }
 
 void Engine::monitor(const Region& region) {

@@ -44,9 +44,9 @@ class Deferred final : public LocationService, public BluetoothCentral {
         central_ = device;
         return;
       }
-      log("QuorvelSDK: no org.bluez on the system bus; proximity uses the simulated world");
+      log("no org.bluez on the system bus; proximity uses the simulated world");
 #else
-      log("QuorvelSDK: built without the device backend; proximity uses the simulated world");
+      log("built without the device backend; proximity uses the simulated world");
 #endif
       auto world = SimulatedWorld::create();
       location_ = world;

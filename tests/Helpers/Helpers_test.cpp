@@ -189,7 +189,8 @@ TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
   EXPECT_EQ(QVLRealm::realm(), nullptr);
   const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].rfind("Couldn't create the QuorvelSDK Realm instance: ", 0), 0u) << lines[0];
+  EXPECT_EQ(lines[0].rfind("QuorvelSDK: Couldn't create the QuorvelSDK Realm instance: ", 0), 0u)
+      << lines[0];
 }
 
 // The files of the library: owner-only, never written through a planted link, refused when

@@ -151,7 +151,7 @@ class HostileServerTest : public ::testing::Test {
     env.trustAnchorsFile = qvl::test::TestCertificates::ca().certificatePath;
     env.userDefaultsPath = directory_.file("host.defaults");
     env.storeDirectory = directory_.file("store");
-    env.logSink = [](std::string_view) {};
+    env.logSink = [](qvl::LogLevel, std::string_view) {};
     env.apiDomain = "localhost:" + std::to_string(server_.port());
     env.publicKeyHashes = {qvl::test::TestCertificates::leaf().pin};
     env.pinValidator = std::make_shared<qvl::PinValidator>();

@@ -108,8 +108,9 @@ TEST_F(QVLInboxManagerTest, AFailedSyncKeepsItsFlagAndTheNextBackgroundEntrySend
   EXPECT_TRUE(subscriptions().changesMadeSinceLastSync());
   const std::string error =
       R"(Error Domain=QVLApiClientErrorDomain Code=500 UserInfo={"error":"down"})";
-  EXPECT_EQ(log_.count("Something went wrong when syncing posts (inbox): " + error), 1u);
-  EXPECT_EQ(log_.count("Something went wrong when syncing relations: " + error), 1u);
+  EXPECT_EQ(log_.count("QuorvelSDK: Something went wrong when syncing posts (inbox): " + error),
+            1u);
+  EXPECT_EQ(log_.count("QuorvelSDK: Something went wrong when syncing relations: " + error), 1u);
 
   server_.setHandler({});
   enterBackgroundAndWait();

@@ -25,7 +25,7 @@ using records_test::kTomorrow;
 using records_test::kYesterday;
 using records_test::LogCapture;
 
-constexpr const char* kParsePrefix = "Couldn't parse QVLPostField to JSON: ";
+constexpr const char* kParsePrefix = "QuorvelSDK: Couldn't parse QVLPostField to JSON: ";
 
 std::string serviceDate(qvl::Date date) { return QVLDateFormatter::formattedStringFromDate(date); }
 

@@ -16,7 +16,7 @@ class LogCapture {
  public:
   LogCapture()
       : scope_([lines = lines_](Env& env) {
-          env.logSink = [lines](std::string_view line) {
+          env.logSink = [lines](LogLevel, std::string_view line) {
             std::lock_guard lock(lines->mutex);
             lines->text.emplace_back(line);
           };

@@ -405,7 +405,9 @@ int main(int argc, char** argv) {
     env.bundleInfo = {
         {"CFBundleShortVersionString", "1.0"},
         {"QuorvelSDK", {{"ApiKey", sandbox["api_key"]}, {"AutoUpdateAppIconBadge", true}}}};
-    env.logSink = [timeline](std::string_view line) { timeline->print("sdk log", line); };
+    env.logSink = [timeline](qvl::LogLevel, std::string_view line) {
+      timeline->print("sdk log", line);
+    };
     qvl::Env::install(std::move(env));
   }
   auto world = qvl::SimulatedWorld::create();

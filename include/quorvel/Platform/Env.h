@@ -67,6 +67,9 @@ struct QVL_EXPORT Env {
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
   /// Where log lines go, one line per call, from any thread. Empty: standard error.
   LogSink logSink;
+  /// The least important level logged; lines below it are dropped before they are built
+  /// into a line. Standard: info.
+  LogLevel logLevel = LogLevel::info;
   /// The store file's directory. Empty: $XDG_DATA_HOME/quorvel or ~/.local/share/quorvel.
   std::string storeDirectory;
   /// The user-defaults file. Empty: UserDefaults::defaultStandardPath().
