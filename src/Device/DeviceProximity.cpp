@@ -341,8 +341,7 @@ struct DeviceProximity::Private {
   }
 
   void discoveryFailed(const sdbus::Error& error) {
-    log("Bluetooth discovery not started: " + error.getName() + ": " +
-        error.getMessage());
+    log("Bluetooth discovery not started: " + error.getName() + ": " + error.getMessage());
     if (refused(error)) setBluetooth(BluetoothState::Unauthorized);
   }
 

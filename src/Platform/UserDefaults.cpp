@@ -147,8 +147,7 @@ void UserDefaults::loadLocked() {
 
   const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    if (errno != ENOENT)
-      log("cannot read user defaults " + path_ + ": " + errnoText(errno));
+    if (errno != ENOENT) log("cannot read user defaults " + path_ + ": " + errnoText(errno));
     return;
   }
   std::string text;

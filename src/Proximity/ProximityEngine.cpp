@@ -198,8 +198,7 @@ void Engine::saveRegions() const {
   detail::FileResult saved =
       detail::makePrivateDirectories(path.has_parent_path() ? path.parent_path() : ".");
   if (saved) saved = detail::writeFileAtomically(path, json{{"regions", regions}}.dump(2) + '\n');
-  if (!saved)
-    log("monitored regions not saved to " + regionsPath_ + ": " + saved.error);
+  if (!saved) log("monitored regions not saved to " + regionsPath_ + ": " + saved.error);
 }
 
 void Engine::monitor(const Region& region) {
