@@ -12,6 +12,7 @@
 
 #include "Device/BusThread.h"
 #include "Device/Sightings.h"
+#include "Platform/CountersImpl.h"
 #include "Proximity/ProximityEngine.h"
 #include "Proximity/SceneRecorder.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -171,6 +172,7 @@ struct DeviceProximity::Private {
     }
     if (!ok) {
       dropped.fetch_add(1, std::memory_order_relaxed);
+      count(Counter::deviceMessagesDropped);
       if (!std::exchange(bus->dropLogged, true)) {
         log("D-Bus: dropped a message from " + sender +
             ", which does not own the name it claims (later ones are only counted)");
@@ -347,6 +349,7 @@ struct DeviceProximity::Private {
 
   void readDevice(const std::string& path, const Properties& properties, bool sighted) {
     if (path.rfind(bus->adapterPath + "/", 0) != 0) return;
+    count(Counter::advertisementsSeen);
     auto data = properties.find("ManufacturerData");
     std::optional<proximity::BeaconFrame> frame;
     if (data != properties.end()) frame = beaconFrame(data->second);

@@ -16,6 +16,6 @@ std::optional<nlohmann::json> QVLPostFieldHelper::parseStringToJSON(std::string_
   } catch (const QVLMappingError& e) {
     error = e.what();
   }
-  qvl::log("Couldn't parse QVLPostField to JSON: " + error);
+  qvl::log(qvl::LogLevel::error, "Couldn't parse QVLPostField to JSON: " + error);
   return std::nullopt;
 }

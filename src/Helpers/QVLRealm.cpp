@@ -56,7 +56,8 @@ std::shared_ptr<qvl::Store> QVLRealm::realm() {
     }
     return qvl::Store::open(configuration);
   } catch (const std::exception& e) {
-    qvl::log(std::string("Couldn't create the QuorvelSDK Realm instance: ") + e.what());
+    qvl::log(qvl::LogLevel::error,
+             std::string("Couldn't create the QuorvelSDK Realm instance: ") + e.what());
     return nullptr;
   }
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Platform/CountersImpl.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Platform/Application.h"
@@ -23,6 +24,20 @@ std::string describe(const QVLError& error) {
          " UserInfo=" + (error.userInfo ? error.userInfo->dump() : std::string("{}"));
 }
 
+void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompletion completion) {
+  count(Counter::requestsSent);
+  session.dataTask(std::move(request), [completion = std::move(completion)](
+                                           std::string body, std::optional<HttpResponse> response,
+                                           std::optional<QVLError> error) {
+    if (error) {
+      count(Counter::requestsFailedTransport);
+    } else if (response && !QVLApiClient::successfulResponse(*response)) {
+      count(Counter::requestsFailedStatus);
+    }
+    completion(std::move(body), std::move(response), std::move(error));
+  });
+}
+
 void syncInBackgroundTask(const std::string& taskName, const std::string& expiredLine,
                           const std::string& failurePrefix, const AnyList& relations,
                           const std::shared_ptr<QVLGuest>& guest,
@@ -30,12 +45,13 @@ void syncInBackgroundTask(const std::string& taskName, const std::string& expire
                           std::atomic<bool>& changesFlag) {
   // The task belongs to this environment's application, wherever the answer comes.
   std::shared_ptr<Application> application = Env::current()->application;
-  const auto task = application->beginBackgroundTask(taskName, [expiredLine] { log(expiredLine); });
+  const auto task = application->beginBackgroundTask(
+      taskName, [expiredLine] { log(LogLevel::warning, expiredLine); });
   QVLApiClient::sharedClient().syncRelations(
       relations, guest, relationship,
       [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
         if (error) {
-          log(failurePrefix + describe(*error));
+          log(LogLevel::error, failurePrefix + describe(*error));
         } else {
           changesFlag = false;
         }

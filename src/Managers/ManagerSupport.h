@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "quorvel/Models/QVLGuest.h"
+#include "quorvel/Platform/HttpSession.h"
 #include "quorvel/QVLError.h"
 #include "quorvel/Store/Results.h"
 
@@ -24,6 +25,11 @@ std::shared_ptr<QVLGuest> firstGuest();
 
 /// The error as one log-line fragment: "Error Domain=<domain> Code=<code> UserInfo=<json>".
 std::string describe(const QVLError& error);
+
+/// session.dataTask(), counting the request and, when its answer comes, whether it got none
+/// or a failure status (QVLApiClient::successfulResponse()). Every service request goes
+/// through here.
+void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompletion completion);
 
 /// Sends the guest's whole list (QVLApiClient::syncRelations) inside a background task named
 /// `taskName`, whose expiry only logs `expiredLine`. The answer clears `changesFlag` on

@@ -1,12 +1,14 @@
 #include "quorvel/Managers/QVLAnalyticsManager.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <set>
 #include <type_traits>
 #include <utility>
 
 #include "Managers/ManagerSupport.h"
+#include "Platform/CountersImpl.h"
 #include "Platform/Immortal.h"
 #include "Store/StoreRows.h"
 #include "quorvel/Categories/QVLBeaconSupport.h"
@@ -25,6 +27,17 @@ bool sameId(std::optional<std::int64_t> a, std::optional<std::int64_t> b) {
 // The service answered, accepting or refusing: either way the view is settled.
 bool answered(const std::optional<QVLError>& error) {
   return !error || error->domain == kQVLApiClientErrorDomain;
+}
+
+// A view not opened for lack of a guest: counted, and a warning logged once per process
+// (a host that never stores a guest would otherwise fill its log).
+void withoutGuest() {
+  qvl::count(qvl::Counter::viewsWithoutGuest);
+  static std::atomic<bool> warned{false};
+  if (!warned.exchange(true, std::memory_order_relaxed)) {
+    qvl::log(qvl::LogLevel::warning,
+             "Views are not recorded while the store holds no guest (logged once)");
+  }
 }
 
 // At exit the store's class statics are destroyed while answers may still come: store work
@@ -54,7 +67,7 @@ std::shared_ptr<qvl::Store> openStore(const qvl::StoreConfiguration& configurati
     static ExitGuard guard;
     return store;
   } catch (const std::exception& e) {
-    qvl::log(std::string("Couldn't open the store for views: ") + e.what());
+    qvl::log(qvl::LogLevel::error, std::string("Couldn't open the store for views: ") + e.what());
     return nullptr;
   }
 }
@@ -71,7 +84,7 @@ void withStore(const qvl::StoreConfiguration& configuration, const char* what, c
   try {
     if (auto store = openStore(configuration)) work(*store);
   } catch (const std::exception& e) {
-    qvl::log(std::string("Couldn't ") + what + ": " + e.what());
+    qvl::log(qvl::LogLevel::error, std::string("Couldn't ") + what + ": " + e.what());
   }
   {
     std::lock_guard lock(state.mutex);
@@ -135,6 +148,7 @@ struct QVLAnalyticsManager::Outbox {
   void settleOne(const std::shared_ptr<View>& view, std::int64_t row,
                  const qvl::StoreConfiguration& configuration,
                  const std::optional<QVLError>& error) {
+    qvl::count(answered(error) ? qvl::Counter::viewsSent : qvl::Counter::viewsKept);
     if (row == 0) {  // the store did not take it before: keep it now if it is unsent
       if (!answered(error)) {
         writeStore(configuration, "keep an unsent view", [&](qvl::Store& store) {
@@ -203,6 +217,7 @@ struct QVLAnalyticsManager::Outbox {
           // Answered, accepted or refused: exactly the views of the batch go. Without an
           // answer they stay for the next attempt.
           if (answered(error)) {
+            qvl::count(qvl::Counter::viewsSent, rows.size());
             writeStore(configuration, "remove sent views", [&](qvl::Store& store) {
               qvl::removeRows(store, View::modelClass(), rows);
             });
@@ -247,7 +262,8 @@ std::shared_ptr<QVLGuest> QVLAnalyticsManager::currentGuest() const { return qvl
 void QVLAnalyticsManager::startPostViewOfPost(const std::shared_ptr<QVLPost>& post,
                                               const std::shared_ptr<QVLAudience>& audience) {
   auto guest = currentGuest();
-  if (!guest || !post || !post->postId()) return;
+  if (!post || !post->postId()) return;
+  if (!guest) return withoutGuest();
   auto view = std::make_shared<QVLPostView>();
   view->setPostId(post->postId());
   view->setAudienceId(audience ? audience->audienceId() : std::nullopt);
@@ -297,7 +313,8 @@ void QVLAnalyticsManager::startBeaconViewOfBeacon(const std::shared_ptr<QVLBeaco
   // it is settled before the store is asked for the guest. It wins over the Bluetooth test.
   if (beaconViewIsStarted(beaconId)) return;
   auto guest = currentGuest();
-  if (!guest || !QVLBeaconSupport::bluetoothEnabled()) return;
+  if (!guest) return withoutGuest();
+  if (!QVLBeaconSupport::bluetoothEnabled()) return;
   auto view = std::make_shared<QVLBeaconView>();
   view->setBeaconId(beaconId);
   view->setEnterDate(qvl::now());
@@ -342,6 +359,7 @@ bool QVLAnalyticsManager::validateView(const std::shared_ptr<QVLApiModel>& view)
 
 void QVLAnalyticsManager::sendOrSaveFinishedView(const std::shared_ptr<QVLApiModel>& view) {
   if (!validateView(view)) return;
+  qvl::count(qvl::Counter::viewsQueued);
   if (auto post = std::dynamic_pointer_cast<QVLPostView>(view)) {
     outbox_->sendOne(post);
   } else {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
 #include "Platform/Immortal.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -133,7 +134,8 @@ std::string QVLApiClient::baseURL() const {
   const char* subdomain = nullptr;
   switch (static_cast<std::uint32_t>(environment())) {
     case QVLApiEnvironmentUnset:
-      qvl::log("No valid ApiEnvironment key provided - using dev environment");
+      qvl::log(qvl::LogLevel::warning,
+               "No valid ApiEnvironment key provided - using dev environment");
       subdomain = "dev";
       break;
     case QVLApiEnvironmentDev:
@@ -161,7 +163,7 @@ std::optional<std::string> QVLApiClient::apiKey() const {
     auto key = settings->find("ApiKey");
     if (key != settings->end() && key->is_string()) return key->get<std::string>();
   }
-  qvl::log("No valid ApiKey provided. Add your key in your Info.plist");
+  qvl::log(qvl::LogLevel::warning, "No valid ApiKey provided. Add your key in your Info.plist");
   return std::nullopt;
 }
 
@@ -189,9 +191,10 @@ std::shared_ptr<qvl::HttpSession> QVLApiClient::urlSession() {
   const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
   ensurePinning();
   if (apiTrust(*env) == ApiTrust::Unpinned) {
-    qvl::log("the API domain " + apiHost(*env) +
-             " has no pins; its certificates are checked against the certificate authorities "
-             "only (Env::allowUnpinnedApiDomain is set)");
+    qvl::log(qvl::LogLevel::warning,
+             "the API domain " + apiHost(*env) +
+                 " has no pins; its certificates are checked against the certificate authorities "
+                 "only (Env::allowUnpinnedApiDomain is set)");
   }
   qvl::HttpSessionConfiguration configuration = *env->httpSessionConfiguration;
   configuration.additionalHeaders = headers();
@@ -285,6 +288,7 @@ std::optional<QVLError> QVLApiClient::willSendRequest(const qvl::HttpRequest& re
   const std::optional<qvl::Url> url = qvl::Url::parse(request.url);
   if (!hasNoPins(*env) || env->allowUnpinnedApiDomain || (url && !isInApiDomain(url->host(), *env)))
     return std::nullopt;
+  qvl::count(qvl::Counter::pinningRefusals);
   return QVLError{kQVLTransportErrorDomain, CURLE_PEER_FAILED_VERIFICATION,
                   nlohmann::json{{"message", "the API domain " + apiHost(*env) +
                                                  " has no pins (Env::publicKeyHashes); requests "
@@ -299,7 +303,8 @@ qvl::TrustDisposition QVLApiClient::didReceiveServerTrustChallenge(
   // was made) gets no default handling unless the host opted out of pinning.
   const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
   if (isInApiDomain(challenge.host, *env) && apiTrust(*env) == ApiTrust::Pinned) {
-    qvl::log("" + challenge.host + " is not pinned; connection refused");
+    qvl::count(qvl::Counter::pinningRefusals);
+    qvl::log(qvl::LogLevel::error, challenge.host + " is not pinned; connection refused");
     return qvl::TrustDisposition::CancelAuthenticationChallenge;
   }
   return qvl::TrustDisposition::PerformDefaultHandling;

@@ -1,5 +1,6 @@
 #include <unordered_set>
 
+#include "Managers/ManagerSupport.h"
 #include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
@@ -97,10 +98,11 @@ void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLM
 void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest request,
                                    bool removeStale, ListCompletion completion) {
   auto self = shared_from_this();
-  urlSession()->dataTask(
-      std::move(request), [self, &cls, removeStale, completion = std::move(completion)](
-                              std::string body, std::optional<qvl::HttpResponse> response,
-                              std::optional<QVLError> transportError) {
+  qvl::countedDataTask(
+      *urlSession(), std::move(request),
+      [self, &cls, removeStale, completion = std::move(completion)](
+          std::string body, std::optional<qvl::HttpResponse> response,
+          std::optional<QVLError> transportError) {
         if (transportError) return completion(std::nullopt, std::move(transportError));
         if (!successfulResponse(*response)) {
           return completion(std::nullopt, errorWithResponse(*response, body));
@@ -131,29 +133,28 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
 void QVLApiClient::sendObjectRequest(const QVLModelClass& cls, qvl::HttpRequest request,
                                      ObjectCompletion completion) {
   auto self = shared_from_this();
-  urlSession()->dataTask(std::move(request),
-                         [self, &cls, completion = std::move(completion)](
-                             std::string body, std::optional<qvl::HttpResponse> response,
-                             std::optional<QVLError> transportError) {
-                           if (transportError)
-                             return completion(nullptr, std::move(transportError));
-                           if (!successfulResponse(*response)) {
-                             return completion(nullptr, errorWithResponse(*response, body));
-                           }
-                           self->parseAndSaveJSONObjectData(body, cls, completion);
-                         });
+  qvl::countedDataTask(*urlSession(), std::move(request),
+                       [self, &cls, completion = std::move(completion)](
+                           std::string body, std::optional<qvl::HttpResponse> response,
+                           std::optional<QVLError> transportError) {
+                         if (transportError) return completion(nullptr, std::move(transportError));
+                         if (!successfulResponse(*response)) {
+                           return completion(nullptr, errorWithResponse(*response, body));
+                         }
+                         self->parseAndSaveJSONObjectData(body, cls, completion);
+                       });
 }
 
 void QVLApiClient::sendRequest(qvl::HttpRequest request, ErrorCompletion completion) {
-  urlSession()->dataTask(std::move(request),
-                         [completion = std::move(completion)](
-                             std::string body, std::optional<qvl::HttpResponse> response,
-                             std::optional<QVLError> transportError) {
-                           if (transportError) return completion(std::move(transportError));
-                           if (!successfulResponse(*response))
-                             return completion(errorWithResponse(*response, body));
-                           completion(std::nullopt);
-                         });
+  qvl::countedDataTask(*urlSession(), std::move(request),
+                       [completion = std::move(completion)](
+                           std::string body, std::optional<qvl::HttpResponse> response,
+                           std::optional<QVLError> transportError) {
+                         if (transportError) return completion(std::move(transportError));
+                         if (!successfulResponse(*response))
+                           return completion(errorWithResponse(*response, body));
+                         completion(std::nullopt);
+                       });
 }
 
 void QVLApiClient::getObjects(const QVLModelClass& cls, const std::optional<std::string>& includes,

@@ -20,8 +20,8 @@ std::int64_t integerOf(const nlohmann::json& value) {
 // error, the client's error for a failure status, or the answer's body.
 void send(qvl::HttpRequest request,
           std::function<void(std::optional<QVLError>, const std::string& body)> done) {
-  QVLApiClient::sharedClient().urlSession()->dataTask(
-      std::move(request),
+  qvl::countedDataTask(
+      *QVLApiClient::sharedClient().urlSession(), std::move(request),
       [done = std::move(done)](std::string body, std::optional<qvl::HttpResponse> response,
                                std::optional<QVLError> error) {
         if (error) return done(std::move(error), body);

@@ -8,6 +8,7 @@
 #include <simdjson.h>
 
 #include "Models/QVLMappingPlan.h"
+#include "Platform/CountersImpl.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Log.h"
@@ -658,7 +659,10 @@ std::vector<std::shared_ptr<QVLApiModel>> parseEach(
   return out;
 }
 
-void logNow(const std::string& line) { qvl::log(line); }
+void logRejection(const std::string& line) {
+  qvl::count(qvl::Counter::recordsRejected);
+  qvl::log(qvl::LogLevel::error, line);
+}
 
 // Thrown when simdjson refuses part of an answer; the answer then goes the nlohmann way.
 struct FastParseRefused {};
@@ -715,7 +719,8 @@ std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(
     const QVLModelClass& cls, json&& array, std::vector<std::int64_t>* listedKeys) {
   qvl::detail::mappingPlan(cls);  // a class without a mapping raises whatever the answer
   MergeStores none(nullptr);
-  return parseEach(cls, NlohmannNode::releasing(array), nullptr, none, nullptr, listedKeys, logNow);
+  return parseEach(cls, NlohmannNode::releasing(array), nullptr, none, nullptr, listedKeys,
+                   logRejection);
 }
 
 namespace {
@@ -752,7 +757,7 @@ std::vector<std::shared_ptr<QVLApiModel>> recordsToMergeFromText(
     const char* trailing = nullptr;
     if (document.current_location().get(trailing) == simdjson::SUCCESS) throw FastParseRefused{};
     done();
-    for (const auto& line : rejections) qvl::log(line);
+    for (const auto& line : rejections) logRejection(line);
     return records;
   } catch (const FastParseRefused&) {
   }
@@ -826,7 +831,7 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     const QVLModelClass& cls, const json& array, qvl::Store* realm,
     std::vector<QVLError>* rejected) {
   MergeStores stores;
-  return parseEach(cls, NlohmannNode(array), realm, stores, rejected, nullptr, logNow);
+  return parseEach(cls, NlohmannNode(array), realm, stores, rejected, nullptr, logRejection);
 }
 
 json QVLApiModel::parseJSONData(std::string_view data, bool allowExceptions) {

@@ -47,6 +47,6 @@ std::shared_ptr<QVLToken> QVLToken::currentToken() {
   auto bytes = qvl::UserDefaults::standard().data(kDefaultsKey);
   if (!bytes) return nullptr;
   auto token = initWithCoder(*bytes);
-  if (!token) qvl::log("Unreadable token archive");
+  if (!token) qvl::log(qvl::LogLevel::error, "Unreadable token archive");
   return token;
 }

@@ -119,7 +119,7 @@ int StandardApplication::applicationIconBadgeNumber() const {
 
 void StandardApplication::setApplicationIconBadgeNumber(int number) {
   if (!Env::current()->mainQueue->isCurrent()) {
-    log("the icon badge can only be set on the main queue");
+    log(LogLevel::error, "the icon badge can only be set on the main queue");
     return;
   }
   std::function<void(int)> hook;

@@ -31,7 +31,7 @@ std::optional<std::string> failureOf(Task&& task) noexcept {
 // Logs a failure of failureOf() once, naming `origin`; a sink that throws changes nothing.
 inline void logFailure(std::string_view origin, const std::string& what) noexcept {
   try {
-    log("" + std::string(origin) + " threw: " + what);
+    log(LogLevel::error, std::string(origin) + " threw: " + what);
   } catch (...) {
   }
 }

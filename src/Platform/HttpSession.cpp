@@ -338,11 +338,11 @@ class HttpTransfer {
                           O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     struct stat info {};
     if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || ::fchmod(fd, 0600) != 0) {
-      log("cannot write TLS keys to " + self->keyLogPath_);
+      log(LogLevel::warning, "cannot write TLS keys to " + self->keyLogPath_);
     } else {
       const std::string text = std::string(line) + "\n";
       if (::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        log("cannot write TLS keys to " + self->keyLogPath_);
+        log(LogLevel::warning, "cannot write TLS keys to " + self->keyLogPath_);
       }
     }
     if (fd >= 0) ::close(fd);
@@ -380,7 +380,7 @@ class HttpTransfer {
     try {
       disposition = delegate->didReceiveServerTrustChallenge(challenge);
     } catch (...) {
-      log("a server-trust delegate threw; the connection is refused");
+      log(LogLevel::error, "a server-trust delegate threw; the connection is refused");
       disposition = TrustDisposition::CancelAuthenticationChallenge;
     }
     if (disposition == TrustDisposition::CancelAuthenticationChallenge) {
@@ -456,7 +456,8 @@ class NetworkLoop {
       for (auto& transfer : incoming) {
         CURL* easy = transfer->easy();
         if (const CURLMcode code = curl_multi_add_handle(multi_, easy); code != CURLM_OK) {
-          log(std::string("cannot start a transfer: ") + curl_multi_strerror(code));
+          log(LogLevel::error,
+              std::string("cannot start a transfer: ") + curl_multi_strerror(code));
           transfer->complete(CURLE_FAILED_INIT);
           continue;
         }

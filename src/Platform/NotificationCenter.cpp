@@ -61,9 +61,9 @@ void NotificationCenter::post(Notification notification) {
     try {
       (*entry.observer)(notification);
     } catch (const std::exception& e) {
-      log("an observer of " + notification.name + " threw: " + e.what());
+      log(LogLevel::error, "an observer of " + notification.name + " threw: " + e.what());
     } catch (...) {
-      log("an observer of " + notification.name + " threw");
+      log(LogLevel::error, "an observer of " + notification.name + " threw");
     }
   }
 }

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Platform/Base64.h"
+#include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Clock.h"
@@ -121,7 +122,8 @@ bool PinValidator::handleChallenge(const ServerTrustChallenge& challenge,
     if (disposition) *disposition = TrustDisposition::UseCredential;
     return true;
   }
-  log("certificate pinning failed for " + challenge.host + "; connection refused");
+  count(Counter::pinningRefusals);
+  log(LogLevel::error, "certificate pinning failed for " + challenge.host + "; connection refused");
   if (disposition) *disposition = TrustDisposition::CancelAuthenticationChallenge;
   sendReport(*domain, challenge, chainPins);
   return true;
@@ -169,17 +171,18 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   config.additionalHeaders = {{"Content-Type", "application/json"}};
   for (const auto& uri : domain.reportUris) {
     auto session = HttpSession::create(config, nullptr);
-    session->dataTask(HttpRequest{"POST", uri, {}, body}, [uri](
-                                                              std::string,
-                                                              std::optional<HttpResponse> response,
-                                                              std::optional<QVLError> error) {
-      if (error) {
-        log("pin failure report to " + uri +
-            " failed: " + error->userInfo.value_or(nlohmann::json::object()).value("message", ""));
-      } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
-        log("pin failure report to " + uri + " answered " + std::to_string(response->statusCode));
-      }
-    });
+    session->dataTask(
+        HttpRequest{"POST", uri, {}, body},
+        [uri](std::string, std::optional<HttpResponse> response, std::optional<QVLError> error) {
+          if (error) {
+            log(LogLevel::warning,
+                "pin failure report to " + uri + " failed: " +
+                    error->userInfo.value_or(nlohmann::json::object()).value("message", ""));
+          } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
+            log(LogLevel::warning, "pin failure report to " + uri + " answered " +
+                                       std::to_string(response->statusCode));
+          }
+        });
   }
 }
 

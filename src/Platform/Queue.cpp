@@ -45,7 +45,7 @@ class WorkerPool final : public Executor {
         ++live_;  // the new thread cannot run before the lock is released
       } catch (const std::system_error& e) {
         // The existing workers (if any) still drain the ready list.
-        log(std::string("cannot start a worker thread: ") + e.what());
+        log(LogLevel::warning, std::string("cannot start a worker thread: ") + e.what());
       }
     }
     wake_.notify_one();

@@ -105,7 +105,7 @@ std::optional<std::string> UserDefaults::data(const std::string& key) {
 
 void UserDefaults::setData(const std::string& key, std::string bytes) {
   if (!isValidKey(key)) {
-    log("user defaults keys must be UTF-8 text; a value was not stored");
+    log(LogLevel::error, "user defaults keys must be UTF-8 text; a value was not stored");
     return;
   }
   std::lock_guard lock(mutex_);
@@ -147,7 +147,8 @@ void UserDefaults::loadLocked() {
 
   const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    if (errno != ENOENT) log("cannot read user defaults " + path_ + ": " + errnoText(errno));
+    if (errno != ENOENT)
+      log(LogLevel::error, "cannot read user defaults " + path_ + ": " + errnoText(errno));
     return;
   }
   std::string text;
@@ -156,7 +157,7 @@ void UserDefaults::loadLocked() {
     const ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
-      log("cannot read user defaults " + path_ + ": " + errnoText(errno));
+      log(LogLevel::error, "cannot read user defaults " + path_ + ": " + errnoText(errno));
       ::close(fd);
       return;
     }
@@ -168,14 +169,14 @@ void UserDefaults::loadLocked() {
   const nlohmann::json parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!parsed.is_object()) {
     // Start empty; the next change replaces the damaged file.
-    log("user defaults " + path_ + " are damaged and were ignored");
+    log(LogLevel::error, "user defaults " + path_ + " are damaged and were ignored");
     return;
   }
   for (const auto& [key, value] : parsed.items()) {
     std::optional<std::string> bytes;
     if (value.is_string()) bytes = base64Decode(value.get_ref<const std::string&>());
     if (!bytes) {
-      log("user defaults " + path_ + ": ignored the damaged value of " + key);
+      log(LogLevel::error, "user defaults " + path_ + ": ignored the damaged value of " + key);
       continue;
     }
     values_.emplace(key, std::move(*bytes));
@@ -187,7 +188,7 @@ bool UserDefaults::writeLocked() {
   for (const auto& [key, bytes] : values_) object[key] = base64Encode(bytes);
   std::string error;
   if (!replaceFile(path_, object.dump(), &error)) {
-    log("cannot write user defaults: " + error);
+    log(LogLevel::error, "cannot write user defaults: " + error);
     return false;
   }
   dirty_ = false;

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Platform/CountersImpl.h"
 #include "Platform/PrivateFiles.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -154,6 +155,7 @@ void Engine::tick(Date now, const std::vector<Heard>& heard, const std::optional
     if (!region) continue;
     bool entry = event.kind == RegionEvent::Kind::Entry;
     sendLocation([entry, region = *region](LocationServiceDelegate& d) {
+      count(entry ? Counter::regionEntries : Counter::regionExits);
       entry ? d.didEnterRegion(region) : d.didExitRegion(region);
     });
   }
@@ -187,7 +189,7 @@ void Engine::loadRegions() {
       monitored_.push_back(std::move(region));
     }
   } catch (const std::exception& error) {
-    log("monitored regions in " + regionsPath_ + " not read: " + error.what());
+    log(LogLevel::error, "monitored regions in " + regionsPath_ + " not read: " + error.what());
   }
 }
 
@@ -198,7 +200,8 @@ void Engine::saveRegions() const {
   detail::FileResult saved =
       detail::makePrivateDirectories(path.has_parent_path() ? path.parent_path() : ".");
   if (saved) saved = detail::writeFileAtomically(path, json{{"regions", regions}}.dump(2) + '\n');
-  if (!saved) log("monitored regions not saved to " + regionsPath_ + ": " + saved.error);
+  if (!saved)
+    log(LogLevel::error, "monitored regions not saved to " + regionsPath_ + ": " + saved.error);
 }
 
 void Engine::monitor(const Region& region) {

@@ -87,7 +87,8 @@ struct SimulatedWorld::Private {
     Beacon* beacon = findBeacon(change.id);
     if (!beacon) {
       if (!change.uuid || !change.major || !change.minor) {
-        log("simulated beacon \"" + change.id + "\" needs a UUID, major and minor");
+        log(LogLevel::warning,
+            "simulated beacon \"" + change.id + "\" needs a UUID, major and minor");
         return;
       }
       beacon = &beacons.emplace_back();

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "Platform/CountersImpl.h"
 #include "Platform/PrivateFiles.h"
 #include "Store/StoreImpl.h"
 
@@ -39,6 +40,7 @@ class FolderOpenLock {
         fail("the folder " + folder.string() + " stayed locked by another opener for " +
              std::to_string(patience.count() / 1000) + " s");
       }
+      count(Counter::storeOpenRetries);
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
   }
@@ -103,6 +105,7 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
     std::string message = db ? sqlite3_errmsg(db) : "out of memory";
     throw StoreError("store: cannot open " + configuration.path + ": " + message);
   }
+  count(Counter::storeOpens);
   sqlite3_busy_timeout(db, static_cast<int>(kBusyTimeout.count()));
   refuseForeignSchema(db, configuration.path);
   for (const char* suffix : {"", "-wal", "-shm"}) {

@@ -34,7 +34,9 @@ class CenterObservation;
 /// way. A batch leaves out the views on their way one by one (when such sends are on their
 /// way it waits for them, so that those that fail go with it) and leaves the store once
 /// answered, refused or not; without an answer it stays for the next attempt. Nothing is
-/// reported to the caller and nothing is logged (but store failures).
+/// reported to the caller; store failures are logged as errors, and a view not opened for
+/// lack of a guest gives one warning per process (each such view is counted in
+/// Counters::viewsWithoutGuest).
 ///
 /// Threads: every operation may be called from any thread and returns at once; times come
 /// from the environment's clock. The open views and the batch flags are guarded, so calls
