@@ -13,6 +13,7 @@
 #include "Managers/ServiceFixture.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Models/QVLToken.h"
+#include "quorvel/Platform/Counters.h"
 #include "sandbox/Sandbox.h"
 #include "support/RecordingTransport.h"
 #include "support/SpawnTest.h"
@@ -109,6 +110,40 @@ TEST_F(QVLAnalyticsManagerTest, OnlyViewsThatGotNoAnswerAreKeptAndGoOutInOneBatc
   for (const auto& view : postBatches[1]) batched.insert(view["post_id"].get<std::int64_t>());
   EXPECT_EQ(batched, (std::set<std::int64_t>{3, 4}));
   EXPECT_EQ(beaconBatches[1][0]["beacon_id"], 5);
+}
+
+TEST_F(QVLAnalyticsManagerTest, CountersTellSentFailedAndKeptViewsAndAMissingGuestWarnsOnce) {
+  analytics();
+  const qvl::Counters before = qvl::countersSnapshot();
+  const auto delta = [&before] {
+    const qvl::Counters now = qvl::countersSnapshot();
+    return std::vector<std::uint64_t>{now.requestsSent - before.requestsSent,
+                                      now.requestsFailedStatus - before.requestsFailedStatus,
+                                      now.requestsFailedTransport - before.requestsFailedTransport,
+                                      now.viewsQueued - before.viewsQueued,
+                                      now.viewsSent - before.viewsSent,
+                                      now.viewsKept - before.viewsKept,
+                                      now.viewsWithoutGuest - before.viewsWithoutGuest};
+  };
+  viewPost(1);  // no guest yet: neither view is opened
+  viewBeacon(2);
+  // Once per process: only the first of this process's views without a guest warns.
+  EXPECT_EQ(log_.count("QuorvelSDK: Views are not recorded while the store holds no guest "
+                       "(logged once)"),
+            before.viewsWithoutGuest == 0 ? 1u : 0u);
+
+  storeGuest();
+  viewPost(3);  // accepted
+  ASSERT_TRUE(awaitBodies("POST", "/v8/postviews", 1));
+  server_.setHandler(
+      [](const RecordedRequest&, httplib::Response& response) { response.status = 500; });
+  viewPost(4);  // answered with a failure: sent, not kept
+  ASSERT_TRUE(awaitBodies("POST", "/v8/postviews", 2));
+  serviceAt(refusingPort());
+  viewPost(5);  // no answer: kept
+  awaitStored(1, 0);
+  EXPECT_TRUE(eventually([&] { return delta()[4] == 2; }));
+  EXPECT_EQ(delta(), (std::vector<std::uint64_t>{3, 1, 1, 3, 2, 1, 2}));
 }
 
 TEST_F(QVLAnalyticsManagerTest, ABatchInFlightHoldsOffTheNextAndARefusedBatchIsDiscarded) {

@@ -17,6 +17,8 @@
 #include "quorvel/Platform/MainQueue.h"
 #include "quorvel/Platform/NotificationCenter.h"
 #include "quorvel/Platform/Queue.h"
+#include "quorvel/Platform/UserDefaults.h"
+#include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
 #include "support/RecordingTransport.h"
 #include "support/TempDir.h"
@@ -228,6 +230,19 @@ TEST_F(ApplicationTest, BadgeIsSetOnlyOnTheMainQueue) {
   main.join();
   EXPECT_EQ(app->applicationIconBadgeNumber(), 4);
   EXPECT_THAT(shown, ElementsAre(4));
+}
+
+TEST(LogTest, LinesBelowTheEnvironmentsLevelAreDroppedAndTheOthersKeepTheirLevel) {
+  qvl::test::TempDir directory;
+  qvl::test::LogCapture log(qvl::LogLevel::warning);
+  qvl::log(qvl::LogLevel::info, "dropped");
+  qvl::log(qvl::LogLevel::warning, "kept");
+  qvl::UserDefaults(directory.file("defaults")).setData("\xff", "v");  // refused data: an error
+  EXPECT_THAT(log.entries(),
+              ElementsAre(std::pair{qvl::LogLevel::warning, std::string("QuorvelSDK: kept")},
+                          std::pair{qvl::LogLevel::error,
+                                    std::string("QuorvelSDK: user defaults keys must be UTF-8 "
+                                                "text; a value was not stored")}));
 }
 
 TEST(EnvTest, AScopeSwapsClockTransportAndStoreDirectoryAndRestoresThem) {

@@ -46,6 +46,7 @@
 #include "quorvel/Models/QVLToken.h"
 #include "quorvel/Platform/Application.h"
 #include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/Counters.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/MainQueue.h"
 #include "quorvel/Platform/NotificationCenter.h"
@@ -572,6 +573,15 @@ int main(int argc, char** argv) {
     if (request.value("path", "").rfind("/v8/", 0) == 0) ++sent;
   }
   timeline->print("sandbox", std::to_string(sent) + " requests of this walk arrived");
+  {
+    const qvl::Counters counters = qvl::countersSnapshot();
+    std::string line;
+#define QVL_DEMO_COUNTER(name) \
+  line += std::string(line.empty() ? "" : " ") + #name "=" + std::to_string(counters.name);
+    QVL_COUNTERS(QVL_DEMO_COUNTER)
+#undef QVL_DEMO_COUNTER
+    timeline->print("counters", line);
+  }
   if (offlineFailed) {
     std::cout << "reason: offline-retry: the sandbox could not be taken offline\n";
   }
