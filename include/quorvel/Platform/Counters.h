@@ -8,7 +8,7 @@
 
 /// Every counter, once, each with what it counts: X(name). Counters and the library's own
 /// tally are both made from this list; a host may use it too, to print or export every
-/// counter by name (`#define ROW(name) out << #name << '=' << snapshot.name << ' ';`).
+/// counter by name with a macro X of its own (qvl-demo does so).
 // clang-format off
 #define QVL_COUNTERS(X)                                                                     \
   X(requestsSent)            /* service requests the client started (records, views,     \
