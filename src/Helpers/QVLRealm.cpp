@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "Helpers/QVLRealmOpen.h"
 #include "Platform/PrivateFiles.h"
+#include "Store/StoreImpl.h"
 #include "quorvel/Models/QVLMedia.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -45,16 +47,19 @@ qvl::StoreConfiguration QVLRealm::configuration() {
   return configuration;
 }
 
+std::shared_ptr<qvl::Store> qvl::detail::openLibraryStore() {
+  qvl::StoreConfiguration configuration = QVLRealm::configuration();
+  const std::filesystem::path file(configuration.path);
+  if (auto made = makePrivateDirectories(file.has_parent_path() ? file.parent_path() : ".");
+      !made) {
+    throw qvl::StoreError(qvl::storeErrorText(configuration.path, made.error));
+  }
+  return qvl::Store::open(configuration);
+}
+
 std::shared_ptr<qvl::Store> QVLRealm::realm() {
   try {
-    qvl::StoreConfiguration configuration = QVLRealm::configuration();
-    const std::filesystem::path file(configuration.path);
-    if (auto made =
-            qvl::detail::makePrivateDirectories(file.has_parent_path() ? file.parent_path() : ".");
-        !made) {
-      throw qvl::StoreError(made.error);
-    }
-    return qvl::Store::open(configuration);
+    return qvl::detail::openLibraryStore();
   } catch (const std::exception& e) {
     qvl::log(qvl::LogLevel::error,
              std::string("Couldn't create the QuorvelSDK Realm instance: ") + e.what());

@@ -1,5 +1,6 @@
 #include <unordered_set>
 
+#include "Helpers/QVLRealmOpen.h"
 #include "Managers/ManagerSupport.h"
 #include "Models/QVLMappingPlan.h"
 #include "quorvel/Helpers/QVLRealm.h"
@@ -18,11 +19,8 @@ QVLError mappingError(const std::string& message) {
   return QVLError{kQVLMappingErrorDomain, 1, nlohmann::json{{"errorMessage", message}}};
 }
 
-std::shared_ptr<qvl::Store> openStore() {
-  auto realm = QVLRealm::realm();
-  if (!realm) throw qvl::StoreError("the QuorvelSDK store could not be opened");
-  return realm;
-}
+// Throws the StoreError that names the file and the cause; the completion carries it.
+std::shared_ptr<qvl::Store> openStore() { return qvl::detail::openLibraryStore(); }
 
 }  // namespace
 

@@ -90,7 +90,7 @@ class GraphWriter {
       row = sqlite3_last_insert_rowid(db);
       existed = upsert && row == 0;
       if (existed) row = impl_.rowForKey(info, key);
-      if (!row) throw StoreError("store: no row written for " + cls.name());
+      if (!row) throw StoreError(storeErrorText(filePath(db), "no row written for " + cls.name()));
     }
     auto kept = [&](int index) { return existed && StoreAccess::keepsStoredValue(*object, index); };
     rows_[object.get()] = row;

@@ -6,13 +6,18 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
 #include "Platform/CountersImpl.h"
 #include "Platform/PrivateFiles.h"
 #include "Store/StoreImpl.h"
+#include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/Env.h"
+#include "quorvel/Platform/Log.h"
 
 namespace qvl {
 
@@ -25,11 +30,13 @@ thread_local std::unordered_map<std::string, std::shared_ptr<Store>> threadHandl
 // switching a new file to WAL needs it to itself, and SQLite answers a second switcher with
 // "database is locked" at once, without waiting. The lock is the folder's (flock), not the
 // file's, because closing a descriptor of the file would drop SQLite's own locks on it. A
-// holder only opens, switches and creates the schema; one that dies lets go with its process.
+// holder only opens, switches and creates the schema, or moves an unreadable file aside; one
+// that dies lets go with its process.
 class FolderOpenLock {
  public:
-  FolderOpenLock(const std::filesystem::path& folder, std::chrono::milliseconds patience)
-      : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {
+  FolderOpenLock(const std::string& file, const std::filesystem::path& folder,
+                 std::chrono::milliseconds patience)
+      : file_(file), fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {
     if (fd_ < 0) fail("cannot open the folder " + folder.string() + ": " + std::strerror(errno));
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
@@ -54,10 +61,62 @@ class FolderOpenLock {
   [[noreturn]] void fail(const std::string& reason) {
     if (fd_ >= 0) ::close(fd_);
     fd_ = -1;
-    throw StoreError("store: " + reason);
+    throw StoreError(storeErrorText(file_, reason));
   }
+  const std::string& file_;
   int fd_;
 };
+
+// Renames without replacing anything at `to` (an earlier aside file, a planted link). Returns
+// 0 or the errno.
+int renameNoReplace(const std::string& from, const std::string& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL) return errno;
+  // File systems without RENAME_NOREPLACE: link() does not replace either.
+  if (::link(from.c_str(), to.c_str()) != 0) return errno;
+  return ::unlink(from.c_str()) == 0 ? 0 : errno;
+}
+
+bool nameIsFree(const std::string& name) {
+  struct stat info {};
+  return ::lstat(name.c_str(), &info) != 0 && errno == ENOENT;
+}
+
+// Moves an unreadable store file aside as "<file>.corrupt-<UTC time>" (then "-2", "-3", ...
+// when taken), its -wal and -shm along with it so that the next file is not given the old
+// one's log. Returns the new name.
+std::string moveAside(const std::string& file) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(
+      std::chrono::time_point_cast<std::chrono::system_clock::duration>(now()));
+  std::tm utc{};
+  char stamp[32] = "";
+  if (::gmtime_r(&seconds, &utc)) std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+  const std::string base = file + ".corrupt-" + stamp;
+  constexpr int kNames = 100;
+  for (int n = 1; n <= kNames; ++n) {
+    const std::string aside = n == 1 ? base : base + "-" + std::to_string(n);
+    if (!nameIsFree(aside) || !nameIsFree(aside + "-wal") || !nameIsFree(aside + "-shm")) continue;
+    if (int error = renameNoReplace(file, aside); error == EEXIST) {
+      continue;
+    } else if (error != 0) {
+      throw StoreError(
+          storeErrorText(file, "cannot move it aside to " + aside + ": " + std::strerror(error)));
+    }
+    for (const char* companion : {"-wal", "-shm"}) {
+      if (int error = renameNoReplace(file + companion, aside + companion);
+          error != 0 && error != ENOENT) {
+        throw StoreError(storeErrorText(file, "cannot move its " + std::string(companion + 1) +
+                                                  " file aside to " + aside + companion + ": " +
+                                                  std::strerror(error)));
+      }
+      detail::restrictToOwner(aside + companion);
+    }
+    detail::restrictToOwner(aside);
+    return aside;
+  }
+  throw StoreError(
+      storeErrorText(file, "cannot move it aside: " + base + " and its next names are taken"));
+}
 
 constexpr std::chrono::milliseconds kBusyTimeout{60000};
 }  // namespace
@@ -84,56 +143,72 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
     threadHandles.erase(cached);
   }
 
-  std::shared_ptr<Store> store(new Store(configuration.path, configuration.schemaVersion));
-  detail::StoreImpl& impl = *store->impl_;
-  impl.classList = classList;
   // Someone who can change the folder could swap the file under us: refuse before touching
   // anything. SQLite gives the -wal and -shm files the mode of the file.
   const std::filesystem::path file(configuration.path);
   const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : ".";
   detail::FileResult usable = detail::checkPrivateDirectory(folder);
-  if (!usable) throw StoreError("store: " + usable.error);
-  const FolderOpenLock openLock(folder, kBusyTimeout);
-  usable = detail::makePrivateFile(file);
-  if (!usable) throw StoreError("store: " + usable.error);
-  sqlite3* db = nullptr;
-  int rc =
-      sqlite3_open_v2(configuration.path.c_str(), &db,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, nullptr);
-  impl.db.reset(db);  // owned even when the open failed
-  if (rc != SQLITE_OK) {
-    std::string message = db ? sqlite3_errmsg(db) : "out of memory";
-    throw StoreError("store: cannot open " + configuration.path + ": " + message);
-  }
-  count(Counter::storeOpens);
-  sqlite3_busy_timeout(db, static_cast<int>(kBusyTimeout.count()));
-  refuseForeignSchema(db, configuration.path);
-  for (const char* suffix : {"", "-wal", "-shm"}) {
-    if (auto restricted = detail::restrictToOwner(configuration.path + suffix); !restricted)
-      throw StoreError("store: " + restricted.error);
-  }
-  impl.exec("PRAGMA journal_mode=WAL");
-  impl.exec("PRAGMA synchronous=NORMAL");
+  if (!usable) throw StoreError(storeErrorText(configuration.path, usable.error));
+  // Held while a file is moved aside too, so that no other opener sees it half moved.
+  const FolderOpenLock openLock(configuration.path, folder, kBusyTimeout);
+  auto openFile = [&] {
+    std::shared_ptr<Store> store(new Store(configuration.path, configuration.schemaVersion));
+    detail::StoreImpl& impl = *store->impl_;
+    impl.classList = classList;
+    if (auto made = detail::makePrivateFile(file); !made) {
+      throw StoreError(storeErrorText(configuration.path, made.error));
+    }
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open_v2(configuration.path.c_str(), &db,
+                             SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+                             nullptr);
+    impl.db.reset(db);  // owned even when the open failed
+    if (!db) throw StoreError(storeErrorText(configuration.path, "cannot open: out of memory"));
+    if (rc != SQLITE_OK) throwStoreError(db, "cannot open", configuration.path);
+    count(Counter::storeOpens);
+    sqlite3_busy_timeout(db, static_cast<int>(kBusyTimeout.count()));
+    refuseForeignSchema(db, configuration.path);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+      if (auto restricted = detail::restrictToOwner(configuration.path + suffix); !restricted)
+        throw StoreError(storeErrorText(configuration.path, restricted.error));
+    }
+    impl.exec("PRAGMA journal_mode=WAL");
+    impl.exec("PRAGMA synchronous=NORMAL");
 
-  std::vector<const ClassInfo*> infos;
-  for (const ObjectClass* cls : classList) {
-    const ClassInfo& info = ClassInfo::of(*cls);
-    if (!impl.classesByName.emplace(cls->name(), &info).second) {
-      throw StoreError("store: class " + cls->name() + " configured twice");
+    std::vector<const ClassInfo*> infos;
+    for (const ObjectClass* cls : classList) {
+      const ClassInfo& info = ClassInfo::of(*cls);
+      if (!impl.classesByName.emplace(cls->name(), &info).second) {
+        throw StoreError(
+            storeErrorText(configuration.path, "class " + cls->name() + " configured twice"));
+      }
+      impl.classes.emplace(cls, &info);
+      infos.push_back(&info);
     }
-    impl.classes.emplace(cls, &info);
-    infos.push_back(&info);
-  }
-  for (const ClassInfo* info : infos) {
-    const ObjectClass& cls = *info->objectClass;
-    for (const auto& list : info->lists) impl.incoming[list.target->name()].lists.push_back(&list);
-    for (int index : info->columns) {
-      const Property& p = cls.property(index);
-      if (p.kind == PropertyKind::Link)
-        impl.incoming[p.target().name()].links.push_back({info, index});
+    for (const ClassInfo* info : infos) {
+      const ObjectClass& cls = *info->objectClass;
+      for (const auto& list : info->lists)
+        impl.incoming[list.target->name()].lists.push_back(&list);
+      for (int index : info->columns) {
+        const Property& p = cls.property(index);
+        if (p.kind == PropertyKind::Link)
+          impl.incoming[p.target().name()].links.push_back({info, index});
+      }
     }
+    upgradeFile(db, configuration, infos);
+    return store;
+  };
+  std::shared_ptr<Store> store;
+  try {
+    store = openFile();
+  } catch (const detail::UnreadableStoreFile& unreadable) {
+    // The failed handle is gone by now: SQLite has let go of the file.
+    if (!Env::current()->moveUnreadableStoreAside) throw;
+    const std::string aside = moveAside(configuration.path);
+    log(LogLevel::warning, "moved the unreadable store file " + configuration.path + " aside to " +
+                               aside + " and started a new one: " + unreadable.what());
+    store = openFile();
   }
-  upgradeFile(db, configuration, infos);
   threadHandles[configuration.path] = store;
   return store;
 }

@@ -14,7 +14,7 @@ bool StatementUse::step() {
   int rc = sqlite3_step(stmt_);
   if (rc == SQLITE_ROW) return true;
   if (rc == SQLITE_DONE) return false;
-  throw StoreError(std::string("store: ") + sqlite3_errmsg(sqlite3_db_handle(stmt_)));
+  throwStoreError(sqlite3_db_handle(stmt_), std::string("cannot run ") + sqlite3_sql(stmt_));
 }
 
 sqlite3_stmt* detail::StoreImpl::statement(const std::string& sql) {

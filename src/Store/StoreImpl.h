@@ -27,6 +27,27 @@ struct StatementFinalizer {
 using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
 using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
 
+// ---- errors --------------------------------------------------------------------------
+
+namespace detail {
+/// A file the store cannot take as its own: corrupt, not a store file, or written at a newer
+/// schema version. Store::open may move it aside (Env::moveUnreadableStoreAside).
+class UnreadableStoreFile : public StoreError {
+ public:
+  using StoreError::StoreError;
+};
+}  // namespace detail
+
+/// The one form of every store error's text: "store <file>: <what>".
+std::string storeErrorText(const std::string& path, const std::string& what);
+/// The file a connection is open on, as SQLite resolved it (absolute).
+std::string filePath(sqlite3* db);
+/// Throws the connection's last failure as StoreError: storeErrorText(path, what) followed by
+/// SQLite's cause and message. `path` defaults to the connection's file. Corruption and
+/// "not a database" throw detail::UnreadableStoreFile.
+[[noreturn]] void throwStoreError(sqlite3* db, const std::string& what,
+                                  const std::string& path = {});
+
 /// Prepares sql on db; throws StoreError with the engine's message when it does not.
 Statement prepare(sqlite3* db, const std::string& sql, unsigned flags = 0);
 /// Runs sql (one or more statements without results); throws StoreError.
@@ -90,17 +111,22 @@ Date storedToDate(std::int64_t stored);
 
 // ---- schema (StoreSchema.cpp) --------------------------------------------------------
 
+/// Written into every store file's header (PRAGMA application_id): "QVLS".
+constexpr int kStoreApplicationId = 0x51564C53;
+
 bool tableExists(sqlite3* db, const std::string& name);
 std::unordered_set<std::string> columnsOf(sqlite3* db, const std::string& table);
 /// Hardens a new connection (defensive mode, schema not trusted) and refuses a file holding
-/// anything the store never creates (triggers, views), before any statement could run it.
-/// Throws StoreError naming `path` and the reason.
+/// anything the store never creates (triggers, views, tables of another shape, another
+/// application's id), before any statement could run it. Throws
+/// detail::UnreadableStoreFile naming `path` and the reason.
 void refuseForeignSchema(sqlite3* db, const std::string& path);
 /// Creates what the classes need and the file lacks: tables, columns, key indexes, list
 /// tables.
 void ensureSchema(sqlite3* db, const std::vector<const ClassInfo*>& infos);
 /// In one transaction: checks the file's version, runs the configuration's migration for an
-/// older file, ensures the schema and records the version. Throws StoreError.
+/// older file, ensures the schema and records the version and the store's application id.
+/// Throws StoreError; detail::UnreadableStoreFile for a file of a newer version.
 void upgradeFile(sqlite3* db, const StoreConfiguration& configuration,
                  const std::vector<const ClassInfo*>& infos);
 

@@ -11,7 +11,7 @@ std::int64_t singleInt(sqlite3* db, const char* sql) {
   int rc = sqlite3_step(stmt.get());
   if (rc == SQLITE_ROW) return sqlite3_column_int64(stmt.get(), 0);
   if (rc == SQLITE_DONE) return 0;
-  throw StoreError(std::string("store: ") + sql + ": " + sqlite3_errmsg(db));
+  throwStoreError(db, std::string("cannot run ") + sql);
 }
 
 }  // namespace
@@ -23,9 +23,10 @@ void upgradeFile(sqlite3* db, const StoreConfiguration& configuration,
     auto found = static_cast<std::uint64_t>(singleInt(db, "PRAGMA user_version"));
     bool fresh = singleInt(db, "SELECT COUNT(*) FROM sqlite_master WHERE type='table'") == 0;
     if (!fresh && found > configuration.schemaVersion) {
-      throw StoreError("store: provided schema version " +
-                       std::to_string(configuration.schemaVersion) +
-                       " is less than last set version " + std::to_string(found));
+      throw detail::UnreadableStoreFile(storeErrorText(
+          configuration.path, "written at schema version " + std::to_string(found) +
+                                  ", newer than the version this program knows (" +
+                                  std::to_string(configuration.schemaVersion) + ")"));
     }
     if (!fresh && found < configuration.schemaVersion && configuration.migration) {
       Migration migration = StoreAccess::migration(db, found);
@@ -34,12 +35,16 @@ void upgradeFile(sqlite3* db, const StoreConfiguration& configuration,
       } catch (const StoreError&) {
         throw;
       } catch (const std::exception& e) {
-        throw StoreError(std::string("store: migration failed: ") + e.what());
+        throw StoreError(
+            storeErrorText(configuration.path, std::string("migration failed: ") + e.what()));
       }
     }
     ensureSchema(db, infos);
     if (found != configuration.schemaVersion || fresh) {
       execute(db, "PRAGMA user_version=" + std::to_string(configuration.schemaVersion));
+    }
+    if (singleInt(db, "PRAGMA application_id") != kStoreApplicationId) {
+      execute(db, "PRAGMA application_id=" + std::to_string(kStoreApplicationId));
     }
     execute(db, "COMMIT");
   } catch (...) {
@@ -58,13 +63,14 @@ void Migration::renameProperty(const std::string& className, const std::string& 
                                const std::string& newName) {
   sqlite3* db = db_;
   if (!tableExists(db, className)) {
-    throw StoreError("store: cannot rename " + className + "." + oldName + ": no such class");
+    throw StoreError(storeErrorText(
+        filePath(db), "cannot rename " + className + "." + oldName + ": no such class"));
   }
   auto columns = columnsOf(db, className);
   if (columns.count(oldName)) {
     if (columns.count(newName)) {
-      throw StoreError("store: cannot rename " + className + "." + oldName + ": " + newName +
-                       " exists");
+      throw StoreError(storeErrorText(
+          filePath(db), "cannot rename " + className + "." + oldName + ": " + newName + " exists"));
     }
     execute(db, "ALTER TABLE " + quoteIdentifier(className) + " RENAME COLUMN " +
                     quoteIdentifier(oldName) + " TO " + quoteIdentifier(newName));
@@ -75,7 +81,8 @@ void Migration::renameProperty(const std::string& className, const std::string& 
                     quoteIdentifier(className + "." + newName));
     return;
   }
-  throw StoreError("store: cannot rename " + className + "." + oldName + ": no such property");
+  throw StoreError(storeErrorText(
+      filePath(db), "cannot rename " + className + "." + oldName + ": no such property"));
 }
 
 }  // namespace qvl

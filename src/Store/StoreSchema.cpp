@@ -1,52 +1,79 @@
 // The SQL of the store: statements derived from each class once, and the tables a file
 // needs.
 
+#include <cstring>
 #include <mutex>
 
 #include "Store/StoreImpl.h"
 
 namespace qvl {
 
+std::string storeErrorText(const std::string& path, const std::string& what) {
+  return "store " + path + ": " + what;
+}
+
+std::string filePath(sqlite3* db) {
+  const char* file = sqlite3_db_filename(db, "main");
+  return file && *file ? file : "(no file)";
+}
+
+void throwStoreError(sqlite3* db, const std::string& what, const std::string& path) {
+  const int code = sqlite3_extended_errcode(db);
+  std::string text = storeErrorText(path.empty() ? filePath(db) : path, what) + ": " +
+                     sqlite3_errstr(code) + " (SQLite " + std::to_string(code);
+  if (std::strcmp(sqlite3_errmsg(db), sqlite3_errstr(code)) != 0) {
+    text += std::string(": ") + sqlite3_errmsg(db);
+  }
+  text += ")";
+  if ((code & 0xff) == SQLITE_CORRUPT || (code & 0xff) == SQLITE_NOTADB) {
+    throw detail::UnreadableStoreFile(text);
+  }
+  throw StoreError(text);
+}
+
 Statement prepare(sqlite3* db, const std::string& sql, unsigned flags) {
   sqlite3_stmt* stmt = nullptr;
   int rc = sqlite3_prepare_v3(db, sql.c_str(), -1, flags, &stmt, nullptr);
   Statement owned(stmt);
-  if (rc != SQLITE_OK || !owned) {
-    throw StoreError("store: cannot prepare " + sql + ": " + sqlite3_errmsg(db));
-  }
+  if (rc != SQLITE_OK || !owned) throwStoreError(db, "cannot prepare " + sql);
   return owned;
 }
 
 void execute(sqlite3* db, const std::string& sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-    std::string text = message ? message : sqlite3_errmsg(db);
-    sqlite3_free(message);
-    throw StoreError("store: " + sql + ": " + text);
+  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+    throwStoreError(db, "cannot run " + sql);
   }
 }
 
 void refuseForeignSchema(sqlite3* db, const std::string& path) {
   if (sqlite3_db_config(db, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr) != SQLITE_OK ||
       sqlite3_db_config(db, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr) != SQLITE_OK) {
-    throw StoreError("store: cannot harden the connection to " + path + ": " + sqlite3_errmsg(db));
+    throwStoreError(db, "cannot harden the connection", path);
   }
   execute(db, "PRAGMA trusted_schema=OFF");
   // The store creates tables and indexes only; anything else came from elsewhere and might
-  // run code on our statements.
+  // run code on our statements. Its tables start with "_rowid" (records) or "owner" (lists),
+  // as their primary key; a table of another shape belongs to another program.
+  static const std::string kForeign =
+      "SELECT 'a '||type||' ('||name||') the store did not create' FROM sqlite_master WHERE "
+      "type NOT IN ('table','index') UNION ALL "
+      "SELECT 'a table ('||m.name||') of a shape the store does not make' FROM sqlite_master m "
+      "WHERE m.type='table' AND m.name NOT LIKE 'sqlite\\_%' ESCAPE '\\' AND NOT EXISTS ("
+      "SELECT 1 FROM pragma_table_info(m.name) p WHERE p.cid=0 AND p.pk=1 AND "
+      "p.name IN ('_rowid','owner')) UNION ALL "
+      "SELECT 'the application id '||application_id||' of another program' FROM "
+      "pragma_application_id WHERE application_id NOT IN (0," +
+      std::to_string(kStoreApplicationId) + ") LIMIT 1";
   sqlite3_stmt* raw = nullptr;
-  int rc = sqlite3_prepare_v2(
-      db, "SELECT type,name FROM sqlite_master WHERE type NOT IN ('table','index') LIMIT 1", -1,
-      &raw, nullptr);
+  int rc = sqlite3_prepare_v2(db, kForeign.c_str(), -1, &raw, nullptr);
   Statement stmt(raw);
   if (rc == SQLITE_OK) rc = sqlite3_step(stmt.get());
   if (rc == SQLITE_ROW) {
-    throw StoreError("store: refused " + path + ": it holds a " +
-                     reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0)) + " (" +
-                     reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 1)) +
-                     ") the store did not create");
+    throw detail::UnreadableStoreFile(storeErrorText(
+        path, std::string("refused: not a store file: it holds ") +
+                  reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0))));
   }
-  if (rc != SQLITE_DONE) throw StoreError("store: cannot read " + path + ": " + sqlite3_errmsg(db));
+  if (rc != SQLITE_DONE) throwStoreError(db, "cannot read the schema", path);
 }
 
 std::string join(const std::vector<std::string>& parts, const char* separator) {

@@ -270,7 +270,7 @@ TEST_F(RealmSecurity, AFileHoldingTriggersOrViewsItDidNotCreateIsRefusedUnchange
     const std::string before = contents(file);
     qvl::test::LogCapture log;
     EXPECT_EQ(QVLRealm::realm(), nullptr) << planted;
-    EXPECT_THAT(log.lines(), testing::Contains(testing::HasSubstr("refused " + file)));
+    EXPECT_THAT(log.lines(), testing::Contains(testing::HasSubstr(file + ": refused")));
     EXPECT_EQ(contents(file), before) << planted;
     ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
     sqlite3_exec(db, "DROP TRIGGER IF EXISTS planted; DROP VIEW IF EXISTS planted", nullptr,

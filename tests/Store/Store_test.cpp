@@ -1,6 +1,8 @@
 #include "quorvel/Store/Store.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,8 +11,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
 #include <thread>
 
+#include "quorvel/Platform/Clock.h"
+#include "quorvel/Platform/Env.h"
 #include "support/SpawnTest.h"
 #include "support/TempDir.h"
 
@@ -97,8 +105,25 @@ class StoreTest : public ::testing::Test {
   }
   std::shared_ptr<Store> open() { return Store::open(config()); }
   void TearDown() override { Store::closeThreadHandles(); }
+  static std::string contents(const std::string& path) {
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    return bytes.str();
+  }
+  // Moves aside at a fixed time, keeping the warnings.
+  qvl::ScopedEnv asideEnv(bool moveAside) {
+    return qvl::ScopedEnv([this, moveAside](qvl::Env& env) {
+      env.moveUnreadableStoreAside = moveAside;
+      env.clock = std::make_shared<qvl::ManualClock>(qvl::Date(std::chrono::seconds(1795587302)));
+      env.logSink = [this](qvl::LogLevel level, std::string_view line) {
+        if (level == qvl::LogLevel::warning) warnings.emplace_back(line);
+      };
+    });
+  }
+  static constexpr const char* kAsideSuffix = ".corrupt-20261125T061502Z";
 
   qvl::test::TempDir dir;
+  std::vector<std::string> warnings;
 };
 
 TEST_F(StoreTest, CreateOrUpdateWritesTheWholeGraphAndMatchesNestedRecordsByKey) {
@@ -487,6 +512,98 @@ TEST_F(StoreTest, OpeningFailsForANewerFileOrAFailingMigration) {
   qvl::StoreConfiguration unusable = config(1);
   unusable.path = dir.path();  // a directory, not a file
   EXPECT_THROW(Store::open(unusable), qvl::StoreError);
+}
+
+TEST_F(StoreTest, AnUnreadableFileIsRefusedUnchangedOrMovedAsideOnRequest) {
+  auto sql = [](const std::string& path, const char* statements) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db, statements, nullptr, nullptr, nullptr), SQLITE_OK) << statements;
+    sqlite3_close(db);
+  };
+  const std::string path = config().path;
+  const std::pair<std::function<void()>, const char*> files[] = {
+      {[&] { std::ofstream(path) << std::string(4096, 'x'); },
+       "file is not a database (SQLite 26)"},
+      {[&] { sql(path, "CREATE TABLE accounts(name TEXT)"); }, "a table (accounts) of a shape"},
+      {[&] {
+         sql(path, "PRAGMA application_id=7; CREATE TABLE Owner(_rowid INTEGER PRIMARY KEY)");
+       },
+       "application id 7 of another program"},
+      {[&] {
+         Store::open(config(3));
+         Store::closeThreadHandles();
+       },
+       "written at schema version 3, newer than the version this program knows (1)"},
+  };
+  for (const auto& [make, cause] : files) {
+    for (bool moveAside : {false, true}) {
+      std::filesystem::remove_all(dir.path());
+      ASSERT_EQ(::mkdir(dir.path().c_str(), 0700), 0);
+      make();
+      ::chmod(path.c_str(), 0644);
+      const std::string before = contents(path);
+      warnings.clear();
+      const qvl::ScopedEnv env = asideEnv(moveAside);
+      if (!moveAside) {
+        try {
+          Store::open(config());
+          ADD_FAILURE() << cause;
+        } catch (const qvl::StoreError& e) {
+          EXPECT_THAT(e.what(), testing::StartsWith("store " + path + ": "));
+          EXPECT_THAT(e.what(), testing::HasSubstr(cause));
+        }
+        EXPECT_EQ(contents(path), before) << cause;
+        continue;
+      }
+      auto store = Store::open(config());
+      EXPECT_EQ(store->objects(ownerClass()).size(), 0u) << cause;
+      store->write([&] { store->addOrUpdate(owner(1, "new")); });
+      const std::string aside = path + kAsideSuffix;
+      EXPECT_EQ(contents(aside), before) << cause;
+      struct stat info {};
+      ASSERT_EQ(::stat(aside.c_str(), &info), 0);
+      EXPECT_EQ(info.st_mode & 0777, 0600u) << cause;
+      ASSERT_EQ(warnings.size(), 1u) << cause;
+      EXPECT_THAT(warnings[0], testing::AllOf(testing::HasSubstr(path + " aside to " + aside),
+                                              testing::HasSubstr(cause)));
+      Store::closeThreadHandles();
+    }
+  }
+}
+
+TEST_F(StoreTest, AnEngineFailureNamesTheFileAndSQLitesCause) {
+  static const ObjectClass reserved("sqlite_record", {{"a", PropertyKind::Int}}, "",
+                                    [] { return std::shared_ptr<Object>(); });
+  qvl::StoreConfiguration c = config();
+  c.classes = {[]() -> const ObjectClass& { return reserved; }};
+  try {
+    Store::open(c);
+    ADD_FAILURE();
+  } catch (const qvl::StoreError& e) {
+    EXPECT_THAT(e.what(), testing::StartsWith("store " + c.path + ": cannot run CREATE TABLE"));
+    EXPECT_THAT(e.what(), testing::EndsWith(": SQL logic error (SQLite 1: object name reserved "
+                                            "for internal use: sqlite_record)"));
+  }
+}
+
+class StoreSecurity : public StoreTest {};
+
+// A name already taken beside the file (an earlier aside file, a planted link) is never
+// replaced or followed: the move takes the next free name.
+TEST_F(StoreSecurity, MovingAsideNeverReplacesWhatIsAtTheAsideName) {
+  const std::string path = config().path;
+  const std::string aside = path + kAsideSuffix;
+  std::ofstream(dir.file("target")) << "kept";
+  ASSERT_EQ(::symlink(dir.file("target").c_str(), aside.c_str()), 0);
+  std::ofstream(aside + "-2") << "earlier";
+  std::ofstream(path) << "not a database";
+  const qvl::ScopedEnv env = asideEnv(true);
+  ASSERT_TRUE(Store::open(config()));
+  EXPECT_EQ(contents(aside + "-3"), "not a database");
+  EXPECT_EQ(contents(aside + "-2"), "earlier");
+  EXPECT_TRUE(std::filesystem::is_symlink(aside));
+  EXPECT_EQ(contents(dir.file("target")), "kept");
 }
 
 }  // namespace

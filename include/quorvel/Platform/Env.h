@@ -72,6 +72,14 @@ struct QVL_EXPORT Env {
   LogLevel logLevel = LogLevel::info;
   /// The store file's directory. Empty: $XDG_DATA_HOME/quorvel or ~/.local/share/quorvel.
   std::string storeDirectory;
+  /// What opening a store file (the library's and any Store::open()) does with a file it cannot
+  /// take as its own: corrupt, not a store file (another program's database, or tables,
+  /// triggers or views the store never makes) or written at a newer schema version. Off (the
+  /// default): the open fails with a StoreError naming the file and the cause, and the file
+  /// is left unchanged. On: the file is renamed "<name>.corrupt-<UTC time>" (then "-2", "-3",
+  /// ... never replacing a file), its -wal and -shm alongside, owner-only; a warning names both
+  /// paths and the reason, and a new empty store opens in its place. Nothing is deleted.
+  bool moveUnreadableStoreAside = false;
   /// The user-defaults file. Empty: UserDefaults::defaultStandardPath().
   std::string userDefaultsPath;
   /// The host application's information dictionary (identity, version, the "QuorvelSDK"

@@ -24,7 +24,8 @@ struct StoreImpl;
 }
 
 /// Opening failed (file unusable, schema version going backwards, a migration that
-/// threw) or the engine reported an error. what() carries the engine's message.
+/// threw) or the engine reported an error. what() reads "store <file>: <what failed>", followed
+/// for an engine failure by SQLite's cause, code and message.
 class QVL_EXPORT StoreError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -79,7 +80,10 @@ class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
   /// The calling thread's handle for configuration.path, opened (and the file created or
   /// upgraded) on first use and cached for the thread. Throws StoreError, naming the file or
   /// folder and the reason, leaving the file unchanged, when the folder is refused, the path is
-  /// a symbolic link, or the file holds triggers or views (the store never creates those).
+  /// a symbolic link, or the file is unreadable: corrupt, not a store file (triggers, views or
+  /// tables the store never creates, another program's application id) or of a newer schema
+  /// version. With Env::moveUnreadableStoreAside, an unreadable file is moved aside instead
+  /// (logged as a warning) and a new empty file opened.
   static std::shared_ptr<Store> open(const StoreConfiguration& configuration);
   /// Drops the calling thread's cached handles (records holding one keep it alive).
   static void closeThreadHandles();
