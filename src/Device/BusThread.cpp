@@ -9,7 +9,7 @@
 #include <system_error>
 #include <unordered_set>
 
-#include <sdbus-c++/Error.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include "Platform/Guarded.h"
 #include "quorvel/Platform/Log.h"
@@ -25,6 +25,35 @@ void guard(const std::string& origin, const std::function<void()>& callback) noe
     if (logged.insert(origin).second) detail::logFailure("D-Bus " + origin, *what);
   } catch (...) {  // no memory for the set or the line: the failure itself was handled
   }
+}
+
+std::optional<std::vector<bool>> namesOwned(const std::string& address,
+                                            const std::vector<std::string>& names,
+                                            std::string& error) {
+  std::unique_ptr<sdbus::IConnection> connection;
+  try {
+    connection = address.empty() ? sdbus::createSystemBusConnection()
+                                 : sdbus::createSessionBusConnectionWithAddress(address);
+  } catch (const std::exception& failure) {
+    error = failure.what();
+    return std::nullopt;
+  }
+  auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
+  std::vector<bool> owned;
+  for (const std::string& name : names) {
+    bool has = false;
+    try {
+      daemon->callMethod("NameHasOwner")
+          .onInterface("org.freedesktop.DBus")
+          .withArguments(name)
+          .withTimeout(std::chrono::seconds(1))
+          .storeResultsTo(has);
+    } catch (const sdbus::Error&) {
+      has = false;  // no answer in time: as good as absent
+    }
+    owned.push_back(has);
+  }
+  return owned;
 }
 
 BusThread::BusThread(std::string address, Task setup, std::function<void()> teardown,

@@ -8,8 +8,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <sdbus-c++/IConnection.h>
 
@@ -19,6 +21,13 @@ namespace qvl::device {
 /// first failure of each `origin` on this thread is logged, later ones are not, and the
 /// loop goes on. A callback that throws must never unwind through sd-bus.
 void guard(const std::string& origin, const std::function<void()>& callback) noexcept;
+
+/// Which of `names` have an owner on the bus at `address` (empty: the system bus), asked
+/// one after another, each answer awaited at most a second; nullopt, with the reason in
+/// `error`, when the bus cannot be reached. Any thread; opens a connection of its own.
+std::optional<std::vector<bool>> namesOwned(const std::string& address,
+                                            const std::vector<std::string>& names,
+                                            std::string& error);
 
 class BusThread {
  public:

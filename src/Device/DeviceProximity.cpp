@@ -604,19 +604,9 @@ void DeviceProximity::setDelegate(std::weak_ptr<BluetoothCentralDelegate> delega
 }
 
 bool systemBusHasName(const std::string& name) {
-  try {
-    auto connection = sdbus::createSystemBusConnection();
-    auto daemon = sdbus::createProxy(*connection, "org.freedesktop.DBus", "/org/freedesktop/DBus");
-    bool owned = false;
-    daemon->callMethod("NameHasOwner")
-        .onInterface("org.freedesktop.DBus")
-        .withArguments(name)
-        .withTimeout(std::chrono::seconds(1))
-        .storeResultsTo(owned);
-    return owned;
-  } catch (const sdbus::Error&) {
-    return false;
-  }
+  std::string error;
+  auto owned = device::namesOwned({}, {name}, error);
+  return owned && owned->front();
 }
 
 }  // namespace qvl

@@ -107,6 +107,8 @@ void QVLBeaconManager::bindToServices() {
   std::lock_guard lock(bindMutex_);
   if (env->bluetoothCentral && env->bluetoothCentral != boundBluetoothCentral_.lock()) {
     boundBluetoothCentral_ = env->bluetoothCentral;
+    // The manager only reads the radio's state; turning it on is the host's to ask for.
+    env->bluetoothCentral->setOptions({.showPowerAlert = false});
     env->bluetoothCentral->setDelegate(weak_from_this());
   }
   const auto& service = env->locationService;
@@ -239,7 +241,10 @@ void QVLBeaconManager::setRangedUUID(std::optional<qvl::Uuid> uuid) {
   }
   rangedUUID_ = uuid;
   if (rangedUUID_ && service) {
-    service->startRanging(qvl::BeaconRegion::withUuid(*rangedUUID_, kRangingRegionIdentifier));
+    // A guest who turns the screen on is shown where they are without waiting for a crossing.
+    auto region = qvl::BeaconRegion::withUuid(*rangedUUID_, kRangingRegionIdentifier);
+    region.notifyEntryStateOnDisplay = true;
+    service->startRanging(region);
   }
 }
 

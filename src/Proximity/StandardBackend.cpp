@@ -1,10 +1,13 @@
 #include "Proximity/StandardBackend.h"
 
 #include <mutex>
+#include <string>
 
+#include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/SimulatedWorld.h"
 #if QVL_DEVICE_BACKEND
+#include "Device/BusThread.h"
 #include "quorvel/Linux/DeviceProximity.h"
 #endif
 
@@ -12,10 +15,34 @@ namespace qvl::proximity {
 
 namespace {
 
+using Choice = Env::ProximityBackend;
+
+// What serves when the device backend cannot and no simulation is wanted: no radio, no
+// position, and nothing that ever changes, so the delegates are never called.
+class Unavailable final : public LocationService, public BluetoothCentral {
+ public:
+  void setDelegate(std::weak_ptr<LocationServiceDelegate>) override {}
+  std::vector<Region> monitoredRegions() const override { return {}; }
+  void startMonitoring(const Region&) override {}
+  void stopMonitoring(const Region&) override {}
+  void startRanging(const BeaconRegion&) override {}
+  void stopRanging(const BeaconRegion&) override {}
+  std::vector<BeaconRegion> rangedRegions() const override { return {}; }
+  AuthorizationStatus authorizationStatus() const override {
+    return AuthorizationStatus::Restricted;
+  }
+  void requestAlwaysAuthorization() override {}
+  BluetoothState state() const override { return BluetoothState::Unsupported; }
+  void setDelegate(std::weak_ptr<BluetoothCentralDelegate>) override {}
+  void setOptions(const BluetoothCentralOptions&) override {}
+};
+
 // Chooses on first use, not when the environment is made: most environments never reach
 // the proximity services, and looking at the system bus is not free.
 class Deferred final : public LocationService, public BluetoothCentral {
  public:
+  explicit Deferred(std::string busAddress) : busAddress_(std::move(busAddress)) {}
+
   void setDelegate(std::weak_ptr<LocationServiceDelegate> delegate) override {
     location().setDelegate(std::move(delegate));
   }
@@ -33,24 +60,68 @@ class Deferred final : public LocationService, public BluetoothCentral {
   void setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) override {
     central().setDelegate(std::move(delegate));
   }
+  void setOptions(const BluetoothCentralOptions& options) override {
+    central().setOptions(options);
+  }
 
  private:
+  template <typename Backend>
+  void use(std::shared_ptr<Backend> backend) const {
+    location_ = backend;
+    central_ = backend;
+  }
+
   void choose() const {
     std::call_once(once_, [this] {
+      const Choice choice = Env::current()->proximityBackend;
+      if (choice == Choice::simulated) return use(SimulatedWorld::create());
 #if QVL_DEVICE_BACKEND
-      if (systemBusHasName("org.bluez")) {
-        auto device = DeviceProximity::create();
-        location_ = device;
-        central_ = device;
-        return;
+      // The device backend follows org.bluez itself once it runs: asked here only to say
+      // what is missing now.
+      std::string error;
+      const auto owned =
+          device::namesOwned(busAddress_, {"org.bluez", "org.freedesktop.GeoClue2"}, error);
+      DeviceProximitySettings settings;
+      settings.busAddress = busAddress_;
+      if (choice == Choice::device) {
+        if (!owned) {
+          log(LogLevel::error, "device proximity backend: no system bus (" + error +
+                                   "); Bluetooth reads Unsupported, location Restricted");
+        } else {
+          if (!(*owned)[0]) {
+            log(LogLevel::error,
+                "device proximity backend: no org.bluez on the system bus; Bluetooth reads "
+                "Unsupported until BlueZ starts");
+          }
+          if (!(*owned)[1]) {
+            log(LogLevel::error,
+                "device proximity backend: no org.freedesktop.GeoClue2 on the system bus; "
+                "location authorization reads Restricted once requested");
+          }
+        }
+        return use(DeviceProximity::create(settings));
       }
-      log("no org.bluez on the system bus; proximity uses the simulated world");
+      if (owned) {
+        if (!(*owned)[0]) {
+          log(LogLevel::warning,
+              "no org.bluez on the system bus; Bluetooth reads Unsupported until BlueZ starts");
+        }
+        return use(DeviceProximity::create(settings));
+      }
+      const std::string reason = "no system bus (" + error + ")";
 #else
-      log("built without the device backend; proximity uses the simulated world");
+      if (choice == Choice::device) {
+        log(LogLevel::error,
+            "built without the device backend; Bluetooth reads Unsupported, location Restricted");
+        return use(std::make_shared<Unavailable>());
+      }
+      const std::string reason = "built without the device backend";
 #endif
-      auto world = SimulatedWorld::create();
-      location_ = world;
-      central_ = world;
+      log(LogLevel::warning, reason +
+                                 "; proximity uses the simulated world and Bluetooth reads "
+                                 "Unsupported");
+      location_ = SimulatedWorld::create();
+      central_ = std::make_shared<Unavailable>();
     });
   }
   LocationService& location() const {
@@ -62,6 +133,7 @@ class Deferred final : public LocationService, public BluetoothCentral {
     return *central_;
   }
 
+  const std::string busAddress_;
   mutable std::once_flag once_;
   mutable std::shared_ptr<LocationService> location_;
   mutable std::shared_ptr<BluetoothCentral> central_;
@@ -69,12 +141,14 @@ class Deferred final : public LocationService, public BluetoothCentral {
 
 }  // namespace
 
+StandardBackend makeStandardBackend(std::string busAddress) {
+  auto deferred = std::make_shared<Deferred>(std::move(busAddress));
+  return {deferred, deferred};
+}
+
 const StandardBackend& standardBackend() {
   // Never destroyed: the backend's threads may still report while statics go at exit.
-  static const StandardBackend* backend = [] {
-    auto deferred = std::make_shared<Deferred>();
-    return new StandardBackend{deferred, deferred};
-  }();
+  static const StandardBackend* backend = new StandardBackend(makeStandardBackend());
   return *backend;
 }
 

@@ -2,6 +2,7 @@
 // The proximity backend an environment gets when the host installs none.
 
 #include <memory>
+#include <string>
 
 namespace qvl {
 class LocationService;
@@ -10,13 +11,15 @@ class BluetoothCentral;
 
 namespace qvl::proximity {
 
-/// One process-wide object serving as both. On first use it picks the device backend when
-/// the library has one and org.bluez is on the system bus, otherwise a simulated world
-/// (saying so in one log line); it then forwards every call there.
+/// One object serving as both. On first use it picks the backend Env::proximityBackend
+/// names (see there; warnings and errors are logged then) and forwards every call to it.
 struct StandardBackend {
   std::shared_ptr<LocationService> locationService;
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
 };
+/// The process-wide one, on the system bus.
 const StandardBackend& standardBackend();
+/// A fresh one on the D-Bus at `busAddress` (empty: the system bus), for tests.
+StandardBackend makeStandardBackend(std::string busAddress = {});
 
 }  // namespace qvl::proximity

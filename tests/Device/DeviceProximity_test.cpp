@@ -9,6 +9,7 @@
 #include "Device/MockBus.h"
 #include "Device/Sightings.h"
 #include "Proximity/ProximityCore.h"
+#include "Proximity/StandardBackend.h"
 #include "quorvel/Categories/QVLBeaconSupport.h"
 #include "quorvel/Managers/QVLBeaconManager.h"
 #include "quorvel/Platform/Application.h"
@@ -287,6 +288,91 @@ TEST_F(DeviceProximityTest, ARecordedSessionReplaysToTheSameLog) {
   EXPECT_EQ(replayed->reports, detailed->reports);
   EXPECT_GE(detailed->count("exit b1"), 1u);  // the session had crossings worth replaying
   EXPECT_GE(detailed->count("enter b2"), 1u);
+}
+
+// The standard backend on the private bus, chosen by the environment; lines at warning or
+// above are kept with their level.
+class StandardBackendTest : public DeviceProximityTest {
+ protected:
+  std::shared_ptr<BluetoothCentral> choose(Env::ProximityBackend choice) {
+    ScopedEnv scope([&](Env& env) {
+      env.proximityBackend = choice;
+      env.logSink = [lines = lines_](LogLevel level, std::string_view) {
+        std::lock_guard lock(lines->mutex);
+        if (level <= LogLevel::warning) lines->text.push_back(std::string(logLevelName(level)));
+      };
+    });
+    auto backend = proximity::makeStandardBackend(bus_->address());
+    backend.bluetoothCentral->setDelegate(std::weak_ptr<BluetoothCentralDelegate>(log_));
+    return backend.bluetoothCentral;
+  }
+  bool reaches(BluetoothState state) {
+    return eventually([&] {
+      tick();
+      return central_->state() == state;
+    });
+  }
+  std::vector<std::string> takeLevels() {
+    std::lock_guard lock(lines_->mutex);
+    return std::exchange(lines_->text, {});
+  }
+
+  struct Lines {
+    std::mutex mutex;
+    std::vector<std::string> text;
+  };
+  std::shared_ptr<Lines> lines_ = std::make_shared<Lines>();
+  std::shared_ptr<BluetoothCentral> central_;
+};
+
+// A host that asks for the device never gets a simulated radio that claims to be on.
+class StandardBackendSecurity : public StandardBackendTest {};
+
+TEST_F(StandardBackendSecurity, TheEnvironmentChoosesAndNoFallbackClaimsARadio) {
+  using enum Env::ProximityBackend;
+  struct Case {
+    Env::ProximityBackend choice;
+    bool bluez;
+    BluetoothState state;
+    bool discovering;
+    std::vector<std::string> levels;  // of the lines at warning or above
+  };
+  const std::vector<Case> cases = {
+      {automatic, true, BluetoothState::PoweredOn, true, {}},
+      {device, true, BluetoothState::PoweredOn, true, {"error"}},  // no GeoClue
+      {simulated, true, BluetoothState::PoweredOn, false, {}},
+      {automatic, false, BluetoothState::Unsupported, false, {"warning"}},
+      {device, false, BluetoothState::Unsupported, false, {"error", "error"}},
+      {simulated, false, BluetoothState::PoweredOn, false, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << int(c.choice) << (c.bluez ? " with" : " without"));
+    if (!c.bluez) bus_->stopServices();
+    central_ = choose(c.choice);
+    EXPECT_TRUE(reaches(c.state)) << int(central_->state());
+    EXPECT_EQ(takeLevels(), c.levels);
+    if (c.bluez) {
+      EXPECT_EQ(c.discovering ? eventually([&] { return discovering(); }) : discovering(),
+                c.discovering);
+    }
+    central_.reset();  // before the discovery it started is stopped, or it starts it again
+    if (c.bluez) adapter_->callMethod("StopDiscovery").onInterface("org.bluez.Adapter1");
+  }
+}
+
+TEST_F(StandardBackendTest, ABluezStartedLaterIsUsedAndOneThatStopsIsUnsupported) {
+  bus_->stopServices();
+  central_ = choose(Env::ProximityBackend::automatic);
+  ASSERT_TRUE(reaches(BluetoothState::Unsupported));
+  bus_->start("bluez_beacons", "org.bluez");
+  bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
+  EXPECT_TRUE(reaches(BluetoothState::PoweredOn));
+  EXPECT_TRUE(eventually([&] { return discovering(); }));
+  bus_->stopServices();
+  EXPECT_TRUE(reaches(BluetoothState::Unsupported));
+  std::vector<std::string> bluetooth;
+  for (const auto& event : log_->events) bluetooth.push_back(event.substr(event.find(' ') + 1));
+  EXPECT_EQ(bluetooth, (std::vector<std::string>{"bluetooth 2", "bluetooth 5", "bluetooth 2"}));
 }
 
 class DeviceSecurity : public DeviceProximityTest {};

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,8 @@ class FakeServices : public qvl::LocationService, public qvl::BluetoothCentral {
  public:
   std::vector<qvl::Region> monitored;
   std::vector<BeaconRegion> ranged;
+  std::vector<BeaconRegion> rangingStarts;
+  std::optional<qvl::BluetoothCentralOptions> options;
   qvl::BluetoothState bluetooth = qvl::BluetoothState::PoweredOn;
   qvl::AuthorizationStatus authorization = qvl::AuthorizationStatus::AuthorizedAlways;
 
@@ -57,13 +60,17 @@ class FakeServices : public qvl::LocationService, public qvl::BluetoothCentral {
       return qvl::regionIdentifier(r) == qvl::regionIdentifier(region);
     });
   }
-  void startRanging(const BeaconRegion& region) override { ranged.push_back(region); }
+  void startRanging(const BeaconRegion& region) override {
+    ranged.push_back(region);
+    rangingStarts.push_back(region);
+  }
   void stopRanging(const BeaconRegion& region) override { std::erase(ranged, region); }
   std::vector<BeaconRegion> rangedRegions() const override { return ranged; }
   qvl::AuthorizationStatus authorizationStatus() const override { return authorization; }
   void requestAlwaysAuthorization() override {}
   qvl::BluetoothState state() const override { return bluetooth; }
   void setDelegate(std::weak_ptr<qvl::BluetoothCentralDelegate> d) override { central_ = d; }
+  void setOptions(const qvl::BluetoothCentralOptions& o) override { options = o; }
 
   void report(std::vector<RangedBeacon> beacons) {
     deliver([=, this] {
@@ -334,6 +341,8 @@ TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
   EXPECT_EQ(monitored, (std::vector<std::string>{"raw2", "1"}));
   EXPECT_TRUE(manager().analyticsManager().beaconViewIsStarted(1));
   EXPECT_FALSE(manager().analyticsManager().beaconViewIsStarted(2));
+  ASSERT_EQ(services_->rangingStarts.size(), 3u);
+  for (const auto& region : services_->rangingStarts) EXPECT_TRUE(region.notifyEntryStateOnDisplay);
 }
 
 TEST_F(QVLBeaconManagerTest, ARepeatedIdentityMapsToTheRecordStartedFirst) {
@@ -432,6 +441,8 @@ TEST_F(QVLBeaconManagerTest, ANewLocationServiceStartsFromAnEmptyWatchList) {
   EXPECT_TRUE(manager().searchingBeacons().empty());
   EXPECT_TRUE(next->monitored.empty());
   EXPECT_FALSE(manager().rangedUUID());
+  ASSERT_TRUE(next->options);  // the manager only reads the state: no power alert
+  EXPECT_FALSE(next->options->showPowerAlert);
 }
 
 TEST_F(QVLBeaconManagerTest, NotificationSettingsGoToAHostThatOffersThem) {

@@ -122,6 +122,8 @@ class QVL_EXPORT DeviceProximity final : public LocationService, public Bluetoot
   void requestAlwaysAuthorization() override;
   BluetoothState state() const override;
   void setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) override;
+  /// Ignored: there is no power alert to show.
+  void setOptions(const BluetoothCentralOptions&) override {}
   ///@}
 
  private:

@@ -80,15 +80,17 @@ struct QVL_EXPORT QVLBeaconInternal {
 /// environment in force (Env::locationService, Env::bluetoothCentral). It binds to them on
 /// first use, and again on a later use that finds another location service in force (a
 /// host switching its proximity backend, a test): binding makes the manager the service's
-/// delegate, stops monitoring every region the service still monitors (what an earlier run,
-/// or anyone else, registered: a run always starts from an empty watch list and the host
-/// starts its searches again) and empties the watch lists.
+/// delegate (and the central's, with BluetoothCentralOptions::showPowerAlert false), stops
+/// monitoring every region the service still monitors (what an earlier run, or anyone else,
+/// registered: a run always starts from an empty watch list and the host starts its
+/// searches again) and empties the watch lists.
 ///
-/// Ranging: one region "Beacons" ranges one proximity UUID, the UUID of the first beacon or
-/// raw region watched while none was ranged; a later target with another UUID is monitored
-/// but not ranged. stopSearchingForBeacon() stops ranging only when no beacon and no raw
-/// region is left; stopSearchingForBeaconRegion() stops it when no beacon record is left,
-/// even while other raw regions are watched; stopSearchingForBeacons() always stops it.
+/// Ranging: one region "Beacons", with notifyEntryStateOnDisplay set, ranges one proximity
+/// UUID, the UUID of the first beacon or raw region watched while none was ranged; a later
+/// target with another UUID is monitored but not ranged. stopSearchingForBeacon() stops ranging
+/// only when no beacon and no raw region is left; stopSearchingForBeaconRegion() stops it when no
+/// beacon record is left, even while other raw regions are watched; stopSearchingForBeacons()
+/// always stops it.
 ///
 /// Per ranging report the delegates hear, in order: beaconManagerDidRangeCLBeacons (always),
 /// beaconManagerClosestBeaconChangedTo (when the closest beacon changed), then, when the

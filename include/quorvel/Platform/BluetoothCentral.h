@@ -28,6 +28,13 @@ class QVL_EXPORT BluetoothCentralDelegate {
   virtual void bluetoothCentralDidUpdateState(BluetoothState state) = 0;
 };
 
+/// How the one who takes a central on wants it to behave.
+struct QVL_EXPORT BluetoothCentralOptions {
+  /// Whether the platform may ask the user to turn Bluetooth on while it is off. Only
+  /// platforms with such an alert use it; the simulated and BlueZ backends have none.
+  bool showPowerAlert = true;
+};
+
 /// A Bluetooth central used only for its state. Backends: simulated, BlueZ.
 class QVL_EXPORT BluetoothCentral {
  public:
@@ -36,6 +43,9 @@ class QVL_EXPORT BluetoothCentral {
   virtual BluetoothState state() const = 0;
   /// The one delegate, held weakly; events after this call go to it. Main queue.
   virtual void setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) = 0;
+  /// Sets the options, once, by whoever takes the central on, before its setDelegate(). A
+  /// backend without the option's effect ignores it. Main queue; never fails.
+  virtual void setOptions(const BluetoothCentralOptions& options) = 0;
 };
 
 }  // namespace qvl

@@ -59,12 +59,26 @@ struct QVL_EXPORT Env {
   std::shared_ptr<Application> application;
   /// Decides server-trust challenges of pinned hosts. Standard: one process-wide validator.
   std::shared_ptr<PinValidator> pinValidator;
-  /// Region monitoring and ranging. Standard: chosen on first use, once per process: the
-  /// device backend (DeviceProximity: BlueZ and GeoClue) when the library was built with it
-  /// and org.bluez is on the system bus, otherwise a SimulatedWorld (with one log line).
+  /// Region monitoring and ranging. Standard: the backend proximityBackend names, chosen
+  /// on first use, once per process.
   std::shared_ptr<LocationService> locationService;
   /// The Bluetooth radio's state. Standard: the same backend as locationService's.
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
+  /// The backends behind the standard locationService and bluetoothCentral.
+  enum class ProximityBackend {
+    automatic,  ///< The device backend when it can serve, else a simulated world; see below.
+    device,     ///< Always the device backend; what it lacks is logged as an error.
+    simulated,  ///< Always a SimulatedWorld, with the radio state the world gives.
+  };
+  /// Which backend the standard services use; read on their first use, once per process.
+  /// automatic: the device backend whenever the system bus is there. It follows org.bluez,
+  /// so a BlueZ started later is used and one that stops reads Unsupported; a warning says
+  /// when org.bluez is missing at the start. With no system bus, or built without the
+  /// device backend: a warning with the reason, Bluetooth Unsupported, and region monitoring
+  /// by an empty SimulatedWorld. device: an error line names each missing piece (system
+  /// bus, org.bluez, GeoClue) and the state shows it: Bluetooth Unsupported, location
+  /// authorization Restricted; never a simulated world.
+  ProximityBackend proximityBackend = ProximityBackend::automatic;
   /// Where log lines go, one line per call, from any thread. Empty: standard error.
   LogSink logSink;
   /// The least important level logged; lines below it are dropped before they are built

@@ -30,6 +30,9 @@ struct QVL_EXPORT BeaconRegion {
   /// Names the region to the location service: starting a region with an identifier
   /// already in use replaces that region.
   std::string identifier;
+  /// Asks the platform to report the region's state again when the device's display turns
+  /// on. A hint only: backends without a display signal ignore it.
+  bool notifyEntryStateOnDisplay = false;
 
   /// Every beacon with the UUID.
   static BeaconRegion withUuid(Uuid uuid, std::string identifier) {
@@ -45,8 +48,12 @@ struct QVL_EXPORT BeaconRegion {
     return {uuid, major, minor, std::move(identifier)};
   }
 
-  /// Member-wise equality, identifier included.
-  bool operator==(const BeaconRegion&) const = default;
+  /// The same beacons under the same identifier; notifyEntryStateOnDisplay is a request to
+  /// the platform, not part of what the region is, and is not compared.
+  bool operator==(const BeaconRegion& other) const {
+    return proximityUUID == other.proximityUUID && major == other.major && minor == other.minor &&
+           identifier == other.identifier;
+  }
 };
 
 /// A circle on the ground; radius in metres.

@@ -92,6 +92,8 @@ class QVL_EXPORT SimulatedWorld final : public LocationService, public Bluetooth
   // BluetoothCentral
   BluetoothState state() const override;
   void setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) override;
+  /// Ignored: there is no power alert to show.
+  void setOptions(const BluetoothCentralOptions&) override {}
 
  private:
   struct Private;
