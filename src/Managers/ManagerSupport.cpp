@@ -23,6 +23,13 @@ std::string describe(const QVLError& error) {
          " UserInfo=" + (error.userInfo ? error.userInfo->dump() : std::string("{}"));
 }
 
+void logOperationFailure(const char* operation, const std::string& what) noexcept {
+  try {
+    log(LogLevel::error, std::string(operation) + " failed: " + what);
+  } catch (...) {  // no memory for the line
+  }
+}
+
 void syncInBackgroundTask(const std::string& taskName, const std::string& expiredLine,
                           const std::string& failurePrefix, const AnyList& relations,
                           const std::shared_ptr<QVLGuest>& guest,
@@ -31,16 +38,21 @@ void syncInBackgroundTask(const std::string& taskName, const std::string& expire
   // The task belongs to this environment's application, wherever the answer comes.
   std::shared_ptr<Application> application = Env::current()->application;
   const auto task = application->beginBackgroundTask(taskName, [expiredLine] { log(expiredLine); });
-  QVLApiClient::sharedClient().syncRelations(
-      relations, guest, relationship,
-      [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
-        if (error) {
-          log(failurePrefix + describe(*error));
-        } else {
-          changesFlag = false;
-        }
-        application->endBackgroundTask(task);
-      });
+  try {
+    QVLApiClient::sharedClient().syncRelations(
+        relations, guest, relationship,
+        [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
+          if (error) {
+            log(failurePrefix + describe(*error));
+          } else {
+            changesFlag = false;
+          }
+          application->endBackgroundTask(task);
+        });
+  } catch (...) {  // nothing went out: the task must not wait for its expiry
+    application->endBackgroundTask(task);
+    throw;
+  }
 }
 
 bool CenterObservation::observeCurrentCenter() {
