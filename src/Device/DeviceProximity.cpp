@@ -174,8 +174,9 @@ struct DeviceProximity::Private {
       dropped.fetch_add(1, std::memory_order_relaxed);
       count(Counter::deviceMessagesDropped);
       if (!std::exchange(bus->dropLogged, true)) {
-        log("D-Bus: dropped a message from " + sender +
-            ", which does not own the name it claims (later ones are only counted)");
+        log(LogLevel::warning,
+            "D-Bus: dropped a message from " + sender +
+                ", which does not own the name it claims (later ones are only counted)");
       }
     }
     return ok;
@@ -232,7 +233,7 @@ struct DeviceProximity::Private {
     call(*bus->root, Peer::Bluez, bus->root->createMethodCall(kObjectManager, "GetManagedObjects"),
          "BlueZ GetManagedObjects", [this](const sdbus::Error* error, sdbus::MethodReply& reply) {
            if (error) {
-             log("BlueZ not reachable: " + error->getName());
+             log(LogLevel::warning, "BlueZ not reachable: " + error->getName());
              setBluetooth(refused(*error) ? BluetoothState::Unauthorized
                                           : BluetoothState::Unsupported);
            } else {
@@ -252,7 +253,7 @@ struct DeviceProximity::Private {
     bus->bluezOwner = current;
     forgetAdapter();
     if (current.empty()) {
-      log("BlueZ stopped");
+      log(LogLevel::warning, "BlueZ stopped");
       setBluetooth(BluetoothState::Unsupported);
     } else {
       listObjects();
@@ -293,8 +294,9 @@ struct DeviceProximity::Private {
       }
     }
     if (bus->adapterPath.empty()) {
-      log("no Bluetooth adapter" +
-          (settings.adapter.empty() ? std::string() : " named " + settings.adapter));
+      log(LogLevel::warning,
+          "no Bluetooth adapter" +
+              (settings.adapter.empty() ? std::string() : " named " + settings.adapter));
       setBluetooth(BluetoothState::Unsupported);
       return;
     }
@@ -343,7 +345,8 @@ struct DeviceProximity::Private {
   }
 
   void discoveryFailed(const sdbus::Error& error) {
-    log("Bluetooth discovery not started: " + error.getName() + ": " + error.getMessage());
+    log(LogLevel::error,
+        "Bluetooth discovery not started: " + error.getName() + ": " + error.getMessage());
     if (refused(error)) setBluetooth(BluetoothState::Unauthorized);
   }
 
@@ -381,7 +384,7 @@ struct DeviceProximity::Private {
           sightings.forgetDevice(path);
         }
         if (interface == kAdapter && path == bus->adapterPath) {
-          log("Bluetooth adapter " + path + " removed");
+          log(LogLevel::warning, "Bluetooth adapter " + path + " removed");
           forgetAdapter();
           setBluetooth(BluetoothState::Unsupported);
         }
@@ -399,7 +402,7 @@ struct DeviceProximity::Private {
     if (auto powered = property<bool>(changed, "Powered")) setPowered(*powered);
     auto discovering = property<bool>(changed, "Discovering");
     if (discovering && !*discovering && bus->powered && bus->discoveryWanted) {
-      log("Bluetooth discovery stopped by someone else; starting it again");
+      log(LogLevel::info, "Bluetooth discovery stopped by someone else; starting it again");
       startDiscovery();
     }
   }
@@ -450,7 +453,8 @@ struct DeviceProximity::Private {
   }
 
   void locationRefused(const sdbus::Error& error) {
-    log("GeoClue refused the position: " + error.getName() + ": " + error.getMessage());
+    log(LogLevel::error,
+        "GeoClue refused the position: " + error.getName() + ": " + error.getMessage());
     setAuthorization(refused(error) ? AuthorizationStatus::Denied
                                     : AuthorizationStatus::Restricted);
     handledOne();
@@ -497,7 +501,7 @@ DeviceProximity::DeviceProximity(DeviceProximitySettings settings) {
       address, [d](sdbus::IConnection& connection) { d->setup(connection); },
       [d] { d->teardown(); },
       [d](const std::string& reason) {
-        log("no D-Bus for the device backend: " + reason);
+        log(LogLevel::warning, "no D-Bus for the device backend: " + reason);
         d->setBluetooth(BluetoothState::Unsupported);
         d->setAuthorization(AuthorizationStatus::Restricted);
       });

@@ -38,6 +38,13 @@ void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompleti
   });
 }
 
+void logOperationFailure(const char* operation, const std::string& what) noexcept {
+  try {
+    log(LogLevel::error, std::string(operation) + " failed: " + what);
+  } catch (...) {  // no memory for the line
+  }
+}
+
 void syncInBackgroundTask(const std::string& taskName, const std::string& expiredLine,
                           const std::string& failurePrefix, const AnyList& relations,
                           const std::shared_ptr<QVLGuest>& guest,
@@ -47,16 +54,21 @@ void syncInBackgroundTask(const std::string& taskName, const std::string& expire
   std::shared_ptr<Application> application = Env::current()->application;
   const auto task = application->beginBackgroundTask(
       taskName, [expiredLine] { log(LogLevel::warning, expiredLine); });
-  QVLApiClient::sharedClient().syncRelations(
-      relations, guest, relationship,
-      [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
-        if (error) {
-          log(LogLevel::error, failurePrefix + describe(*error));
-        } else {
-          changesFlag = false;
-        }
-        application->endBackgroundTask(task);
-      });
+  try {
+    QVLApiClient::sharedClient().syncRelations(
+        relations, guest, relationship,
+        [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
+          if (error) {
+            log(LogLevel::error, failurePrefix + describe(*error));
+          } else {
+            changesFlag = false;
+          }
+          application->endBackgroundTask(task);
+        });
+  } catch (...) {  // nothing went out: the task must not wait for its expiry
+    application->endBackgroundTask(task);
+    throw;
+  }
 }
 
 bool CenterObservation::observeCurrentCenter() {

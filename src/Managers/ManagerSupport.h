@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Guarded.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/QVLError.h"
@@ -31,6 +32,25 @@ std::string describe(const QVLError& error);
 /// through here.
 void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompletion completion);
 
+/// Logs "<operation> failed: <what>" as an error.
+void logOperationFailure(const char* operation, const std::string& what) noexcept;
+
+/// Runs one operation of a manager for the host. What it throws (a store that fails, a
+/// record of another thread's handle) is logged as an error naming `operation` and goes no
+/// further; the operation then answers `fallback`.
+template <class R, class Work>
+R withoutThrowing(const char* operation, R fallback, const Work& work) noexcept {
+  std::optional<R> result;
+  if (auto what = detail::failureOf([&] { result.emplace(work()); })) {
+    logOperationFailure(operation, *what);
+    return fallback;
+  }
+  return std::move(*result);
+}
+template <class Work>
+void withoutThrowing(const char* operation, const Work& work) noexcept {
+  if (auto what = detail::failureOf(work)) logOperationFailure(operation, *what);
+}
 /// Sends the guest's whole list (QVLApiClient::syncRelations) inside a background task named
 /// `taskName`, whose expiry only logs `expiredLine`. The answer clears `changesFlag` on
 /// success or logs `failurePrefix` followed by the error, then ends the task.

@@ -1,5 +1,7 @@
 #include "quorvel/Managers/QVLBeaconManager.h"
 
+#include "Platform/MainQueueOnly.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -139,10 +141,12 @@ void QVLBeaconManager::fanOut(const Call& call) {
 }
 
 void QVLBeaconManager::addDelegate(const std::shared_ptr<QVLBeaconManagerDelegate>& delegate) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::addDelegate")) return;
   delegates_.addObject(delegate);
 }
 
 void QVLBeaconManager::removeDelegate(const QVLBeaconManagerDelegate* delegate) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::removeDelegate")) return;
   delegates_.removeObject(delegate);
 }
 
@@ -169,6 +173,7 @@ void QVLBeaconManager::removeSnapshot(const std::shared_ptr<QVLBeaconInternal>& 
 }
 
 void QVLBeaconManager::startSearchingForBeacon(const std::shared_ptr<QVLBeacon>& beacon) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::startSearchingForBeacon")) return;
   if (!beacon || isBeaconMonitoring(*beacon)) return;
   auto region = beacon->beaconRegion();
   if (auto service = locationService(); service && region) service->startMonitoring(*region);
@@ -178,6 +183,7 @@ void QVLBeaconManager::startSearchingForBeacon(const std::shared_ptr<QVLBeacon>&
 }
 
 void QVLBeaconManager::stopSearchingForBeacon(const std::shared_ptr<QVLBeacon>& beacon) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForBeacon")) return;
   if (!beacon || !isBeaconMonitoring(*beacon)) return;
   auto region = beacon->beaconRegion();
   if (auto service = locationService(); service && region) service->stopMonitoring(*region);
@@ -187,6 +193,7 @@ void QVLBeaconManager::stopSearchingForBeacon(const std::shared_ptr<QVLBeacon>& 
 }
 
 void QVLBeaconManager::stopSearchingForBeacons() {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForBeacons")) return;
   auto service = locationService();
   const auto snapshots = searchingBeacons_;
   for (const auto& snapshot : snapshots) {
@@ -203,6 +210,7 @@ void QVLBeaconManager::stopSearchingForBeacons() {
 }
 
 void QVLBeaconManager::startSearchingForBeaconRegion(const qvl::BeaconRegion& region) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::startSearchingForBeaconRegion")) return;
   if (beaconRegions_.contains(region)) return;
   if (auto service = locationService()) service->startMonitoring(region);
   beaconRegions_.add(region);
@@ -210,6 +218,7 @@ void QVLBeaconManager::startSearchingForBeaconRegion(const qvl::BeaconRegion& re
 }
 
 void QVLBeaconManager::stopSearchingForBeaconRegion(const qvl::BeaconRegion& region) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForBeaconRegion")) return;
   if (!beaconRegions_.contains(region)) return;
   if (auto service = locationService()) service->stopMonitoring(region);
   beaconRegions_.removeEvery(region);
@@ -218,6 +227,7 @@ void QVLBeaconManager::stopSearchingForBeaconRegion(const qvl::BeaconRegion& reg
 }
 
 void QVLBeaconManager::startSearchingForGeofence(const std::shared_ptr<QVLGeofence>& geofence) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::startSearchingForGeofence")) return;
   if (!geofence) return;
   const auto region = geofence->region();
   if (geofences_.contains(region)) return;
@@ -226,6 +236,7 @@ void QVLBeaconManager::startSearchingForGeofence(const std::shared_ptr<QVLGeofen
 }
 
 void QVLBeaconManager::stopSearchingForGeofence(const std::shared_ptr<QVLGeofence>& geofence) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForGeofence")) return;
   if (!geofence) return;
   const auto region = geofence->region();
   if (!geofences_.contains(region)) return;
@@ -234,6 +245,7 @@ void QVLBeaconManager::stopSearchingForGeofence(const std::shared_ptr<QVLGeofenc
 }
 
 void QVLBeaconManager::setRangedUUID(std::optional<qvl::Uuid> uuid) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::setRangedUUID")) return;
   setClosestBeacon(nullptr);
   auto service = locationService();
   if (rangedUUID_ && service) {
@@ -251,19 +263,25 @@ void QVLBeaconManager::setRangedUUID(std::optional<qvl::Uuid> uuid) {
 // ---- membership and lookups ---------------------------------------------------------------
 
 bool QVLBeaconManager::isBeaconMonitoring(const QVLBeacon& beacon) const {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::isBeaconMonitoring")) return false;
   return internalBeaconFromBeaconId(beacon.beaconId()) != nullptr;
 }
 
 bool QVLBeaconManager::isCLBeaconRegionMonitoring(const qvl::BeaconRegion& region) const {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::isCLBeaconRegionMonitoring")) return false;
   return beaconRegions_.contains(region);
 }
 
 bool QVLBeaconManager::isCLCircularRegionMonitoring(const qvl::CircularRegion& region) const {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::isCLCircularRegionMonitoring"))
+    return false;
   return geofences_.contains(region);
 }
 
 std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromBeaconId(
     std::optional<std::int64_t> beaconId) const {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::internalBeaconFromBeaconId"))
+    return nullptr;
   if (!beaconId) return nullptr;
   auto found = beaconsById_.find(*beaconId);
   return found == beaconsById_.end() ? nullptr : found->second;
@@ -272,6 +290,7 @@ std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromBeaconId(
 std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromUUID(
     const qvl::Uuid& uuid, std::optional<std::int64_t> major,
     std::optional<std::int64_t> minor) const {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::internalBeaconFromUUID")) return nullptr;
   if (!major || !minor) return nullptr;
   auto found = beaconsByIdentity_.find({uuid, *major, *minor});
   return found == beaconsByIdentity_.end() ? nullptr : found->second.front();
@@ -314,6 +333,8 @@ qvl::AuthorizationStatus QVLBeaconManager::locationAuthorizationStatus() const {
 }
 
 void QVLBeaconManager::requestLocationAlwaysAuthorization() {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::requestLocationAlwaysAuthorization"))
+    return;
   if (auto service = locationService()) service->requestAlwaysAuthorization();
 }
 
@@ -340,6 +361,7 @@ void QVLBeaconManager::setClosestBeacon(const std::shared_ptr<QVLBeacon>& beacon
 
 void QVLBeaconManager::didRangeBeacons(const std::vector<qvl::RangedBeacon>& beacons,
                                        const qvl::BeaconRegion&) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::didRangeBeacons")) return;
   fanOut([&](QVLBeaconManagerDelegate& d) { d.beaconManagerDidRangeCLBeacons(beacons); });
   if (beacons.empty() || searchingBeacons_.empty()) {
     setClosestBeacon(nullptr);
@@ -392,17 +414,25 @@ void QVLBeaconManager::regionEvent(const qvl::Region& region, bool entered) {
   }
 }
 
-void QVLBeaconManager::didEnterRegion(const qvl::Region& region) { regionEvent(region, true); }
+void QVLBeaconManager::didEnterRegion(const qvl::Region& region) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::didEnterRegion")) return;
+  regionEvent(region, true);
+}
 
-void QVLBeaconManager::didExitRegion(const qvl::Region& region) { regionEvent(region, false); }
+void QVLBeaconManager::didExitRegion(const qvl::Region& region) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::didExitRegion")) return;
+  regionEvent(region, false);
+}
 
 void QVLBeaconManager::didChangeAuthorization(qvl::AuthorizationStatus status) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::didChangeAuthorization")) return;
   fanOut([&](QVLBeaconManagerDelegate& d) { d.beaconManagerDidChangeAuthorizationStatus(status); });
   qvl::NotificationCenter::defaultCenter().post(kDidChangeLocationAuthorizationStatusNotification,
                                                 static_cast<std::int32_t>(status));
 }
 
 void QVLBeaconManager::bluetoothCentralDidUpdateState(qvl::BluetoothState) {
+  if (!qvl::detail::requireMainQueue("QVLBeaconManager::bluetoothCentralDidUpdateState")) return;
   // The state is read again for each delegate: it is the central's, at the moment of use.
   fanOut([&](QVLBeaconManagerDelegate& d) {
     d.beaconManagerDidChangeBluetoothState(bluetoothState());

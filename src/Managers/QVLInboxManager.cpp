@@ -66,26 +66,35 @@ QVLInboxManager& QVLInboxManager::sharedManager() {
   return *instance;
 }
 
-std::shared_ptr<QVLGuest> QVLInboxManager::currentGuest() const { return qvl::firstGuest(); }
+std::shared_ptr<QVLGuest> QVLInboxManager::currentGuest() const {
+  return qvl::withoutThrowing("QVLInboxManager::currentGuest", std::shared_ptr<QVLGuest>(),
+                              qvl::firstGuest);
+}
 
 // ---- queries ------------------------------------------------------------------------------
 
 qvl::Results<QVLPost> QVLInboxManager::allPosts() const {
-  if (auto guest = currentGuest()) {
-    return guest->posts().results().filter(qvl::Predicate::notNull("postId"));
-  }
-  auto realm = QVLRealm::realm();
-  if (!realm) return {};
-  return realm->objects<QVLPost>(qvl::Predicate::in("postId", {}));  // empty, of the same type
+  return qvl::withoutThrowing(
+      "QVLInboxManager::allPosts", qvl::Results<QVLPost>(), [&]() -> qvl::Results<QVLPost> {
+        if (auto guest = currentGuest()) {
+          return guest->posts().results().filter(qvl::Predicate::notNull("postId"));
+        }
+        auto realm = QVLRealm::realm();
+        if (!realm) return {};
+        return realm->objects<QVLPost>(
+            qvl::Predicate::in("postId", {}));  // empty, of the same type
+      });
 }
 
 qvl::Results<QVLPost> QVLInboxManager::activePosts() const {
-  auto all = allPosts();
-  std::vector<qvl::Value> activeIds;
-  for (const auto& post : all) {
-    if (post->active()) activeIds.emplace_back(*post->postId());
-  }
-  return all.filter(qvl::Predicate::in("postId", std::move(activeIds)));
+  return qvl::withoutThrowing("QVLInboxManager::activePosts", qvl::Results<QVLPost>(), [&] {
+    auto all = allPosts();
+    std::vector<qvl::Value> activeIds;
+    for (const auto& post : all) {
+      if (post->active()) activeIds.emplace_back(*post->postId());
+    }
+    return all.filter(qvl::Predicate::in("postId", std::move(activeIds)));
+  });
 }
 
 qvl::Results<QVLPost> QVLInboxManager::savedPosts() const {
@@ -97,73 +106,91 @@ qvl::Results<QVLPost> QVLInboxManager::activeSavedPosts() const {
 }
 
 std::size_t QVLInboxManager::numberOfUnreadPosts() const {
-  return activePosts().filter(qvl::Predicate::equal("read", false)).size();
+  return qvl::withoutThrowing("QVLInboxManager::numberOfUnreadPosts", std::size_t{0}, [&] {
+    return activePosts().filter(qvl::Predicate::equal("read", false)).size();
+  });
 }
 
 bool QVLInboxManager::isPostAdded(const QVLPost& post) const {
-  if (!post.postId()) return false;
-  return !allPosts().filter(qvl::Predicate::equal("postId", *post.postId())).empty();
+  return qvl::withoutThrowing("QVLInboxManager::isPostAdded", false, [&] {
+    if (!post.postId()) return false;
+    return !allPosts().filter(qvl::Predicate::equal("postId", *post.postId())).empty();
+  });
 }
 
 bool QVLInboxManager::isPostSaved(const QVLPost& post) const {
-  if (!post.postId()) return false;
-  return !savedPosts().filter(qvl::Predicate::equal("postId", *post.postId())).empty();
+  return qvl::withoutThrowing("QVLInboxManager::isPostSaved", false, [&] {
+    if (!post.postId()) return false;
+    return !savedPosts().filter(qvl::Predicate::equal("postId", *post.postId())).empty();
+  });
 }
 
 // ---- changes ------------------------------------------------------------------------------
 
 void QVLInboxManager::addPost(const std::shared_ptr<QVLPost>& post) {
-  auto guest = currentGuest();
-  if (!post || !guest || isPostAdded(*post)) return;
-  auto realm = guest->store();
-  realm->write([&] {
-    auto posts = guest->posts();
-    posts.append(post);
-    // An unmanaged post was stored by the append: mark the stored one.
-    auto stored = post->isManaged() ? post : posts.at(posts.size() - 1);
-    stored->setRead(false);
+  qvl::withoutThrowing("QVLInboxManager::addPost", [&] {
+    auto guest = currentGuest();
+    if (!post || !guest || isPostAdded(*post)) return;
+    auto realm = guest->store();
+    realm->write([&] {
+      auto posts = guest->posts();
+      posts.append(post);
+      // An unmanaged post was stored by the append: mark the stored one.
+      auto stored = post->isManaged() ? post : posts.at(posts.size() - 1);
+      stored->setRead(false);
+    });
+    changesMade();
   });
-  changesMade();
 }
 
 void QVLInboxManager::removePost(const std::shared_ptr<QVLPost>& post) {
-  auto guest = currentGuest();
-  if (!post || !guest) return;
-  auto posts = guest->posts();
-  auto index = posts.indexOf(*post);
-  if (!index) return;
-  guest->store()->write([&] { posts.remove(*index); });
-  changesMade();
+  qvl::withoutThrowing("QVLInboxManager::removePost", [&] {
+    auto guest = currentGuest();
+    if (!post || !guest) return;
+    auto posts = guest->posts();
+    auto index = posts.indexOf(*post);
+    if (!index) return;
+    guest->store()->write([&] { posts.remove(*index); });
+    changesMade();
+  });
 }
 
 void QVLInboxManager::removeAllPosts() {
-  auto guest = currentGuest();
-  if (!guest) return;
-  guest->store()->write([&] { guest->posts().removeAll(); });
-  changesMade();
+  qvl::withoutThrowing("QVLInboxManager::removeAllPosts", [&] {
+    auto guest = currentGuest();
+    if (!guest) return;
+    guest->store()->write([&] { guest->posts().removeAll(); });
+    changesMade();
+  });
 }
 
 void QVLInboxManager::removeAllInactivePosts() {
-  auto guest = currentGuest();
-  if (!guest) return;
-  auto posts = guest->posts();
-  for (const auto& post : posts.elements()) {  // a copy: the removals do not disturb the walk
-    if (post->active()) continue;
-    if (auto index = posts.indexOf(*post)) guest->store()->write([&] { posts.remove(*index); });
-  }
-  changesMade();
+  qvl::withoutThrowing("QVLInboxManager::removeAllInactivePosts", [&] {
+    auto guest = currentGuest();
+    if (!guest) return;
+    auto posts = guest->posts();
+    for (const auto& post : posts.elements()) {  // a copy: the removals do not disturb the walk
+      if (post->active()) continue;
+      if (auto index = posts.indexOf(*post)) guest->store()->write([&] { posts.remove(*index); });
+    }
+    changesMade();
+  });
 }
 
 void QVLInboxManager::markPostAsRead(const std::shared_ptr<QVLPost>& post, bool read) {
-  if (!post || post->read() == read) return;
-  writeOn(storeOf(*post), [&] { post->setRead(read); });
-  changesMade();
+  qvl::withoutThrowing("QVLInboxManager::markPostAsRead", [&] {
+    if (!post || post->read() == read) return;
+    writeOn(storeOf(*post), [&] { post->setRead(read); });
+    changesMade();
+  });
 }
 
 void QVLInboxManager::markPostAsSaved(const std::shared_ptr<QVLPost>& post, bool saved) {
-  if (!post || post->saved() == saved) return;
-  writeOn(storeOf(*post), [&] { post->setSaved(saved); });
-  changesMade();
+  qvl::withoutThrowing("QVLInboxManager::markPostAsSaved", [&] {
+    if (!post || post->saved() == saved) return;
+    writeOn(storeOf(*post), [&] { post->setSaved(saved); });
+    changesMade();
+  });
 }
 
 void QVLInboxManager::changesMade() {
@@ -184,9 +211,11 @@ void QVLInboxManager::updateApplicationIconBadgeNumber() {
 }
 
 void QVLInboxManager::syncInbox() {
-  auto guest = currentGuest();
-  if (!guest || !changesMadeSinceLastSync_) return;
-  qvl::syncInBackgroundTask(kSyncTaskName, "Syncing inbox task expired",
-                            "Something went wrong when syncing posts (inbox): ",
-                            guest->posts().any(), guest, std::nullopt, changesMadeSinceLastSync_);
+  qvl::withoutThrowing("QVLInboxManager::syncInbox", [&] {
+    auto guest = currentGuest();
+    if (!guest || !changesMadeSinceLastSync_) return;
+    qvl::syncInBackgroundTask(kSyncTaskName, "Syncing inbox task expired",
+                              "Something went wrong when syncing posts (inbox): ",
+                              guest->posts().any(), guest, std::nullopt, changesMadeSinceLastSync_);
+  });
 }

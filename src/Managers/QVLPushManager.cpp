@@ -92,26 +92,27 @@ qvl::HttpRequest QVLPushManager::updateRequest() {
 
 void QVLPushManager::createEndpointWithDeviceToken(const std::string& deviceToken,
                                                    Completion completion) {
-  send(createRequestWithDeviceToken(deviceToken), [completion = std::move(completion)](
-                                                      std::optional<QVLError> error,
-                                                      const std::string& body) {
-    if (error) return completion(std::move(error));
-    auto answer = nlohmann::json::parse(body, nullptr, false);
-    if (answer.is_discarded()) {
-      return completion(QVLError{kJSONErrorDomain, 3840, nlohmann::json{{"message", "not JSON"}}});
-    }
-    const std::int64_t id =
-        answer.is_object() && answer.contains("id") ? integerOf(answer["id"]) : 0;
-    if (id == 0) return completion(QVLError{kErrorDomain, 500, answer});
-    setEndpointId(id);
-    completion(std::nullopt);
-  });
+  send(
+      createRequestWithDeviceToken(deviceToken),
+      [completion = std::move(completion)](std::optional<QVLError> error, const std::string& body) {
+        if (error) return completion(std::move(error));
+        auto answer = nlohmann::json::parse(body, nullptr, false);
+        if (answer.is_discarded()) {
+          return completion(
+              QVLError{kQVLJSONErrorDomain, 3840, nlohmann::json{{"message", "not JSON"}}});
+        }
+        const std::int64_t id =
+            answer.is_object() && answer.contains("id") ? integerOf(answer["id"]) : 0;
+        if (id == 0) return completion(QVLError{kQVLPushManagerErrorDomain, 500, answer});
+        setEndpointId(id);
+        completion(std::nullopt);
+      });
 }
 
 void QVLPushManager::updateGuestIdForEndpointWithCompletion(Completion completion) {
   if (endpointId() == 0) {
-    return completion(
-        QVLError{kErrorDomain, 1, nlohmann::json{{"info", "No existing endpoint id"}}});
+    return completion(QVLError{kQVLPushManagerErrorDomain, 1,
+                               nlohmann::json{{"info", "No existing endpoint id"}}});
   }
   send(updateRequest(),
        [completion = std::move(completion)](std::optional<QVLError> error, const std::string&) {

@@ -16,30 +16,39 @@ QVLSubscriptionManager& QVLSubscriptionManager::sharedManager() {
   return *instance;
 }
 
-std::shared_ptr<QVLGuest> QVLSubscriptionManager::currentGuest() const { return qvl::firstGuest(); }
+std::shared_ptr<QVLGuest> QVLSubscriptionManager::currentGuest() const {
+  return qvl::withoutThrowing("QVLSubscriptionManager::currentGuest", std::shared_ptr<QVLGuest>(),
+                              qvl::firstGuest);
+}
 
 bool QVLSubscriptionManager::isShopSubscribedTo(const std::shared_ptr<QVLShop>& shop) const {
-  if (!shop) return false;
-  auto guest = currentGuest();
-  // Without a guest there is no list, and the search answers "at 0" rather than "absent".
-  return !guest || guest->shops().indexOf(*shop).has_value();
+  return qvl::withoutThrowing("QVLSubscriptionManager::isShopSubscribedTo", false, [&] {
+    if (!shop) return false;
+    auto guest = currentGuest();
+    // Without a guest there is no list, and the search answers "at 0" rather than "absent".
+    return !guest || guest->shops().indexOf(*shop).has_value();
+  });
 }
 
 void QVLSubscriptionManager::subscribeToShop(const std::shared_ptr<QVLShop>& shop) {
-  auto guest = currentGuest();
-  if (!shop || !guest || isShopSubscribedTo(shop)) return;
-  guest->store()->write([&] { guest->shops().append(shop); });
-  changesMadeSinceLastSync_ = true;
+  qvl::withoutThrowing("QVLSubscriptionManager::subscribeToShop", [&] {
+    auto guest = currentGuest();
+    if (!shop || !guest || isShopSubscribedTo(shop)) return;
+    guest->store()->write([&] { guest->shops().append(shop); });
+    changesMadeSinceLastSync_ = true;
+  });
 }
 
 void QVLSubscriptionManager::unsubscribeFromShop(const std::shared_ptr<QVLShop>& shop) {
-  auto guest = currentGuest();
-  if (!shop || !guest) return;
-  auto shops = guest->shops();
-  auto index = shops.indexOf(*shop);
-  if (!index) return;
-  guest->store()->write([&] { shops.remove(*index); });
-  changesMadeSinceLastSync_ = true;
+  qvl::withoutThrowing("QVLSubscriptionManager::unsubscribeFromShop", [&] {
+    auto guest = currentGuest();
+    if (!shop || !guest) return;
+    auto shops = guest->shops();
+    auto index = shops.indexOf(*shop);
+    if (!index) return;
+    guest->store()->write([&] { shops.remove(*index); });
+    changesMadeSinceLastSync_ = true;
+  });
 }
 
 void QVLSubscriptionManager::toggleSubscriptionForShop(const std::shared_ptr<QVLShop>& shop) {
@@ -55,9 +64,11 @@ void QVLSubscriptionManager::checkIfSyncShouldBeDone() {
 }
 
 void QVLSubscriptionManager::syncSubscriptions() {
-  auto guest = currentGuest();
-  if (!guest) return;
-  qvl::syncInBackgroundTask(kSyncTaskName, "Syncing subscriptions task expired",
-                            "Something went wrong when syncing relations: ", guest->shops().any(),
-                            guest, "subscriptions", changesMadeSinceLastSync_);
+  qvl::withoutThrowing("QVLSubscriptionManager::syncSubscriptions", [&] {
+    auto guest = currentGuest();
+    if (!guest) return;
+    qvl::syncInBackgroundTask(kSyncTaskName, "Syncing subscriptions task expired",
+                              "Something went wrong when syncing relations: ", guest->shops().any(),
+                              guest, "subscriptions", changesMadeSinceLastSync_);
+  });
 }

@@ -1,8 +1,9 @@
 #include "quorvel/Platform/Application.h"
 
+#include "Platform/MainQueueOnly.h"
+
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/MainQueue.h"
 #include "quorvel/Platform/NotificationCenter.h"
 
@@ -118,10 +119,7 @@ int StandardApplication::applicationIconBadgeNumber() const {
 }
 
 void StandardApplication::setApplicationIconBadgeNumber(int number) {
-  if (!Env::current()->mainQueue->isCurrent()) {
-    log(LogLevel::error, "the icon badge can only be set on the main queue");
-    return;
-  }
+  if (!detail::requireMainQueue("StandardApplication::setApplicationIconBadgeNumber")) return;
   std::function<void(int)> hook;
   {
     std::lock_guard lock(mutex_);

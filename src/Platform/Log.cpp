@@ -39,6 +39,4 @@ void log(LogLevel level, std::string_view message) {
   }
 }
 
-void log(std::string_view message) { log(LogLevel::info, message); }
-
 }  // namespace qvl

@@ -42,6 +42,12 @@ bool MainQueue::isCurrent() const {
   return thread_ && *thread_ == std::this_thread::get_id();
 }
 
+bool MainQueue::adoptCallingThread() {
+  std::lock_guard lock(mutex_);
+  if (!thread_) thread_ = std::this_thread::get_id();
+  return *thread_ == std::this_thread::get_id();
+}
+
 void MainQueue::bindToCurrentThread() {
   const auto self = std::this_thread::get_id();
   if (!thread_) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,6 +26,7 @@
 #include "quorvel/Platform/NotificationCenter.h"
 #include "quorvel/Platform/Scene.h"
 #include "quorvel/Platform/SimulatedWorld.h"
+#include "support/LogCapture.h"
 #include "support/RecordingTransport.h"
 #include "support/TempDir.h"
 
@@ -247,6 +249,26 @@ class QVLBeaconManagerTest : public ::testing::Test {
   std::shared_ptr<std::vector<std::string>> log_ = std::make_shared<std::vector<std::string>>();
   std::shared_ptr<LoggingDelegate> delegate_ = std::make_shared<LoggingDelegate>(log_, "");
 };
+
+// The watch lists are not locked: a call from another thread is caught instead of racing.
+class QVLBeaconManagerSecurity : public QVLBeaconManagerTest {};
+
+TEST_F(QVLBeaconManagerSecurity, ACallFromAnotherThreadAssertsInDebugAndIsLoggedOnceInRelease) {
+  auto offTheMainQueue = [] { std::thread([] { manager().stopSearchingForBeacons(); }).join(); };
+#ifdef NDEBUG
+  watch({1});
+  qvl::test::LogCapture log;
+  offTheMainQueue();
+  offTheMainQueue();
+  EXPECT_EQ(log.count("QuorvelSDK: QVLBeaconManager::stopSearchingForBeacons was called off "
+                      "the main queue"),
+            1u);
+  EXPECT_EQ(manager().searchingBeacons().size(), 1u);  // refused
+#else
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(offTheMainQueue(), "main-queue-only");
+#endif
+}
 
 TEST_F(QVLBeaconManagerTest, RangingReportsTellDelegatesInOrder) {
   struct Case {

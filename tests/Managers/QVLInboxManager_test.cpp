@@ -1,8 +1,10 @@
 #include "quorvel/Managers/QVLInboxManager.h"
 
 #include <atomic>
+#include <thread>
 
 #include "Managers/ServiceFixture.h"
+#include "quorvel/Managers/QVLPushManager.h"
 #include "quorvel/Managers/QVLSubscriptionManager.h"
 
 namespace managers_test {
@@ -136,6 +138,58 @@ TEST_F(QVLInboxManagerTest, TheBadgeCountsUnreadActivePostsOnTheMainQueueWhenEna
     mainQueue_->runUntilIdle();
     EXPECT_EQ(application_->applicationIconBadgeNumber(), enabled ? 1 : 0);
     EXPECT_EQ(inbox().numberOfUnreadPosts(), 1u);
+  }
+}
+
+TEST_F(QVLInboxManagerTest, EachFailureReachesTheHostInItsDomainAndNeverAsAnException) {
+  using Start = std::function<void(std::function<void(std::optional<QVLError>)>)>;
+  auto sync = [this](Start::argument_type done) {
+    QVLApiClient::sharedClient().syncRelations(guest_->shops().any(), guest_, "subscriptions",
+                                               done);
+  };
+  std::shared_ptr<QVLShop> otherThreads;  // a record of another thread's store handle
+  std::thread([&] {
+    otherThreads = storeShop(4);
+    qvl::Store::closeThreadHandles();
+  }).join();
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    Start start;
+    std::optional<QVLError> expected;  // none: the failure is logged as an error line
+  };
+  const std::vector<Case> cases = {
+      {"status 500",
+       [this] {
+         server_.setHandler([](const RecordedRequest&, httplib::Response& response) {
+           response.status = 500;
+           response.set_content(R"({"error":"down"})", "application/json");
+         });
+       },
+       sync, QVLError{kQVLApiClientErrorDomain, 500, json{{"error", "down"}}}},
+      {"no answer", [this] { serviceAt(refusingPort()); }, sync,
+       QVLError{kQVLTransportErrorDomain, 7, std::nullopt}},  // CURLE_COULDNT_CONNECT
+      {"no endpoint", [] {}, QVLPushManager::updateGuestIdForEndpointWithCompletion,
+       QVLError{kQVLPushManagerErrorDomain, 1, json{{"info", "No existing endpoint id"}}}},
+      {"store refuses the record", [] {},
+       [&](auto) { subscriptions().subscribeToShop(otherThreads); }, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.arrange();
+    auto got = std::make_shared<std::optional<std::optional<QVLError>>>();
+    EXPECT_NO_THROW(c.start([got](std::optional<QVLError> error) { got->emplace(error); }));
+    if (c.expected) {
+      ASSERT_TRUE(eventually([&] { return got->has_value(); }));
+      ASSERT_TRUE(got->value());
+      EXPECT_EQ(got->value()->domain, c.expected->domain);
+      EXPECT_EQ(got->value()->code, c.expected->code);
+      if (c.expected->userInfo) {
+        EXPECT_EQ(got->value()->userInfo, c.expected->userInfo);
+      }
+    } else {
+      EXPECT_EQ(log_.lines().back().rfind("QuorvelSDK: QVLSubscriptionManager::", 0), 0u);
+    }
   }
 }
 

@@ -74,7 +74,15 @@ struct QVL_EXPORT QVLBeaconInternal {
 ///
 /// Threads: every operation, every delegate call and both notifications run on the main
 /// queue (Env::mainQueue); the location service and the Bluetooth central deliver their
-/// events there. Nothing here is locked.
+/// events there. Nothing here is locked. Main queue only: a call from another thread
+/// asserts in debug builds and is logged as an error in release (once per operation per
+/// process), where the call is refused: it changes nothing and a lookup answers null or
+/// false. A queue that has no thread yet takes the calling thread as its own, so a host may
+/// start its searches from its main thread before it first runs the queue. Exceptions:
+/// sharedManager(), bluetoothState(), locationAuthorizationStatus(),
+/// requestPermissionsForNotifications() and analyticsManager() may be called from any
+/// thread; the inline accessors (rangedUUID(), closestBeacon(), searching...()) are main
+/// queue only and unchecked.
 ///
 /// Services: the manager talks to the location service and the Bluetooth central of the
 /// environment in force (Env::locationService, Env::bluetoothCentral). It binds to them on
@@ -117,8 +125,7 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   /// The identifier of the ranging region.
   static constexpr const char* kRangingRegionIdentifier = "Beacons";
 
-  /// Created on first call (thread-safe) and never destroyed; call it first on the main
-  /// queue.
+  /// Created on first call (thread-safe, any thread) and never destroyed.
   static QVLBeaconManager& sharedManager();
 
   /// Delegates are held weakly, once each, in registration order; a released delegate is
@@ -217,7 +224,7 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   void requestLocationAlwaysAuthorization();
   /// Registers badge, sound and alert (types 7, no categories) with the application's
   /// registerUserNotificationSettings() where the host offers it; otherwise nothing. The
-  /// library never calls it by itself.
+  /// library never calls it by itself. Any thread.
   void requestPermissionsForNotifications();
 
   /// QVLAnalyticsManager::sharedManager().

@@ -34,7 +34,11 @@ class CenterObservation;
 /// refreshed whenever the application becomes active.
 ///
 /// Threads: queries and changes run on the calling thread against its store handle, and
-/// records passed in must belong to that thread (or be unmanaged). The sync's answer comes
+/// records passed in must belong to that thread (or be unmanaged).
+///
+/// Errors: no operation throws. A store that fails, or a record of another thread's handle,
+/// logs "<operation> failed: <reason>" as an error; the change then does not happen and a
+/// query answers empty, 0 or false. The sync's answer comes
 /// on the client's queue and touches only the flag (atomic) and the background task.
 ///
 /// Creation and environment: created on first use, never destroyed; it observes the

@@ -20,19 +20,16 @@
 /// pinning) to the client's versioned base URL. Every completion runs exactly once: on the
 /// session's callback queue, except the early failure of
 /// updateGuestIdForEndpointWithCompletion(), which runs on the caller's thread before it
-/// returns. Errors: the transport's error; the client's error for a failure status
-/// ("QVLApiClientErrorDomain"); "QVLJSONErrorDomain" code 3840 for a create answer that is
-/// not JSON; "QVLPushManagerError" code 1 (no endpoint yet, {"info": "No existing endpoint
-/// id"}) or 500 (the create answer has no "id", or 0; the answer as user information). A
+/// returns. Errors (domains in QVLError.h): the transport's error; the client's error for a
+/// failure status (kQVLApiClientErrorDomain); kQVLJSONErrorDomain code 3840 for a create
+/// answer that is not JSON; kQVLPushManagerErrorDomain code 1 (no endpoint yet, {"info": "No
+/// existing endpoint id"}) or 500 (the create answer has no "id", or 0; the answer as user
+/// information). A
 /// failed create leaves the stored id alone. Nothing is logged or retried.
 class QVL_EXPORT QVLPushManager {
  public:
-  ///@{
-  /// The error domains and the user-defaults key described above.
-  static constexpr const char* kErrorDomain = "QVLPushManagerError";
-  static constexpr const char* kJSONErrorDomain = "QVLJSONErrorDomain";
+  /// The user-defaults key described above.
   static constexpr const char* kEndpointIdKey = "QVLPushManagerEndpointIdKey";
-  ///@}
   /// Called exactly once, as described above; the error is absent on success.
   using Completion = std::function<void(std::optional<QVLError> error)>;
 

@@ -22,7 +22,11 @@ class CenterObservation;
 /// relations: <error>" and leaves it set. The flag is not kept across runs.
 ///
 /// Threads: calls run on the calling thread against its store handle; shops passed in must
-/// be records of that handle. The sync's answer touches only the flag (atomic) and the
+/// be records of that handle.
+///
+/// Errors: no operation throws. A store that fails, or a record of another thread's handle,
+/// logs "<operation> failed: <reason>" as an error; the call then changes nothing and a
+/// query answers false (no guest: null). The sync's answer touches only the flag (atomic) and the
 /// background task.
 ///
 /// Creation and environment: as QVLInboxManager.

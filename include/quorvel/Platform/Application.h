@@ -135,9 +135,9 @@ class QVL_EXPORT StandardApplication : public Application,
   ///@}
 
   int applicationIconBadgeNumber() const override;
-  /// Main queue only. Called off the main queue it changes nothing and logs
-  /// "QuorvelSDK: the icon badge can only be set on the main queue". The badge hook, if
-  /// any, runs with the new number on the main queue.
+  /// Main queue only: a call from another thread asserts in debug builds and is logged as
+  /// an error in release, where it changes nothing. The badge hook, if any, runs with the
+  /// new number on the main queue.
   void setApplicationIconBadgeNumber(int number) override;
   /// How the host shows the badge (for example on a desktop launcher entry).
   void setBadgeHook(std::function<void(int)> hook);

@@ -41,7 +41,8 @@ class QVL_EXPORT BluetoothCentral {
   virtual ~BluetoothCentral() = default;
   /// The current state; Unknown until the backend knows. Thread-safe.
   virtual BluetoothState state() const = 0;
-  /// The one delegate, held weakly; events after this call go to it. Main queue.
+  /// The one delegate, held weakly; events after this call go to it. Main queue only: the
+  /// library calls it from QVLBeaconManager, which checks its thread as described there.
   virtual void setDelegate(std::weak_ptr<BluetoothCentralDelegate> delegate) = 0;
   /// Sets the options, once, by whoever takes the central on, before its setDelegate(). A
   /// backend without the option's effect ignores it. Main queue; never fails.

@@ -69,7 +69,9 @@ class QVL_EXPORT LocationServiceDelegate {
 };
 
 /// Region monitoring and beacon ranging. Backends: simulated, device (BlueZ + GeoClue).
-/// Every operation is called on the main queue unless it says otherwise.
+/// Main queue only, unless an operation says otherwise: the library calls these only from
+/// QVLBeaconManager, whose operations assert in debug builds and log an error in release
+/// when called from another thread. The library's own backends are thread-safe all the same.
 class QVL_EXPORT LocationService {
  public:
   virtual ~LocationService() = default;

@@ -33,7 +33,4 @@ inline constexpr std::string_view logPrefix = "QuorvelSDK: ";
 /// it has none). Thread-safe; never throws.
 QVL_EXPORT void log(LogLevel level, std::string_view message);
 
-/// Logs `message` at LogLevel::info.
-QVL_EXPORT void log(std::string_view message);
-
 }  // namespace qvl

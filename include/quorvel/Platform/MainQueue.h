@@ -52,6 +52,11 @@ class QVL_EXPORT MainQueue : public std::enable_shared_from_this<MainQueue> {
 
   /// True on the queue's thread (once it has one), inside or outside a task.
   bool isCurrent() const;
+  /// isCurrent(), after making the calling thread the queue's thread when it has none yet
+  /// (as running a task would). The library's main-queue-only operations call it, so a
+  /// host that calls them before it first runs the queue does so from its main thread.
+  /// Thread-safe.
+  bool adoptCallingThread();
 
   /// Runs tasks on the calling thread as they come, until stop(). A stop() made before
   /// run() makes it return at once (and is then used up).
