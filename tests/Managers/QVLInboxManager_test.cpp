@@ -1,6 +1,7 @@
 #include "quorvel/Managers/QVLInboxManager.h"
 
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "Managers/ServiceFixture.h"
@@ -177,15 +178,20 @@ TEST_F(QVLInboxManagerTest, EachFailureReachesTheHostInItsDomainAndNeverAsAnExce
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     c.arrange();
-    auto got = std::make_shared<std::optional<std::optional<QVLError>>>();
-    EXPECT_NO_THROW(c.start([got](std::optional<QVLError> error) { got->emplace(error); }));
+    // The completion may come on a worker thread: the promise hands the error over safely.
+    auto promise = std::make_shared<std::promise<std::optional<QVLError>>>();
+    std::future<std::optional<QVLError>> answer = promise->get_future();
+    EXPECT_NO_THROW(
+        c.start([promise](std::optional<QVLError> error) { promise->set_value(error); }));
     if (c.expected) {
-      ASSERT_TRUE(eventually([&] { return got->has_value(); }));
-      ASSERT_TRUE(got->value());
-      EXPECT_EQ(got->value()->domain, c.expected->domain);
-      EXPECT_EQ(got->value()->code, c.expected->code);
+      ASSERT_TRUE(eventually(
+          [&] { return answer.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }));
+      const std::optional<QVLError> got = answer.get();
+      ASSERT_TRUE(got);
+      EXPECT_EQ(got->domain, c.expected->domain);
+      EXPECT_EQ(got->code, c.expected->code);
       if (c.expected->userInfo) {
-        EXPECT_EQ(got->value()->userInfo, c.expected->userInfo);
+        EXPECT_EQ(got->userInfo, c.expected->userInfo);
       }
     } else {
       EXPECT_EQ(log_.lines().back().rfind("QuorvelSDK: QVLSubscriptionManager::", 0), 0u);
