@@ -233,7 +233,8 @@ struct DeviceProximity::Private {
     call(*bus->root, Peer::Bluez, bus->root->createMethodCall(kObjectManager, "GetManagedObjects"),
          "BlueZ GetManagedObjects", [this](const sdbus::Error* error, sdbus::MethodReply& reply) {
            if (error) {
-             log(LogLevel::warning, "BlueZ not reachable: " + error->getName());
+             // Info: the state says it, and the backend's chooser named what is missing.
+             log(LogLevel::info, "BlueZ not reachable: " + error->getName());
              setBluetooth(refused(*error) ? BluetoothState::Unauthorized
                                           : BluetoothState::Unsupported);
            } else {
@@ -253,7 +254,7 @@ struct DeviceProximity::Private {
     bus->bluezOwner = current;
     forgetAdapter();
     if (current.empty()) {
-      log(LogLevel::warning, "BlueZ stopped");
+      log(LogLevel::info, "BlueZ stopped");
       setBluetooth(BluetoothState::Unsupported);
     } else {
       listObjects();
@@ -294,7 +295,7 @@ struct DeviceProximity::Private {
       }
     }
     if (bus->adapterPath.empty()) {
-      log(LogLevel::warning,
+      log(LogLevel::info,
           "no Bluetooth adapter" +
               (settings.adapter.empty() ? std::string() : " named " + settings.adapter));
       setBluetooth(BluetoothState::Unsupported);
@@ -384,7 +385,7 @@ struct DeviceProximity::Private {
           sightings.forgetDevice(path);
         }
         if (interface == kAdapter && path == bus->adapterPath) {
-          log(LogLevel::warning, "Bluetooth adapter " + path + " removed");
+          log(LogLevel::info, "Bluetooth adapter " + path + " removed");
           forgetAdapter();
           setBluetooth(BluetoothState::Unsupported);
         }
