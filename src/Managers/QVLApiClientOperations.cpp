@@ -19,9 +19,6 @@ QVLError mappingError(const std::string& message) {
   return QVLError{kQVLMappingErrorDomain, 1, nlohmann::json{{"errorMessage", message}}};
 }
 
-// Throws the StoreError that names the file and the cause; the completion carries it.
-std::shared_ptr<qvl::Store> openStore() { return qvl::detail::openLibraryStore(); }
-
 }  // namespace
 
 // ---- parsing and saving --------------------------------------------------------------------
@@ -40,7 +37,7 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiClient::parseJSONArrayData(
 
 std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLApiModel>& record,
                                                       const QVLModelClass& cls) {
-  auto realm = openStore();
+  auto realm = qvl::detail::openLibraryStore();
   std::shared_ptr<qvl::Object> saved;
   realm->write([&] { saved = realm->addOrUpdate(record); });
   if (cls.primaryKeyIndex() >= 0) saved = realm->object(cls, record->primaryKeyValue());
@@ -49,7 +46,7 @@ std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLA
 
 qvl::AnyResults QVLApiClient::saveObjects(const std::vector<std::shared_ptr<QVLApiModel>>& records,
                                           const QVLModelClass& cls) {
-  auto realm = openStore();
+  auto realm = qvl::detail::openLibraryStore();
   if (records.empty()) {  // results that stay empty
     if (cls.primaryKeyIndex() < 0) return {};
     return realm->objects(cls, qvl::Predicate::in(cls.primaryKey(), {}));
@@ -115,7 +112,7 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
               qvl::detail::recordsToMerge(cls, std::move(body), removeStale ? &keep : nullptr),
               cls);
           if (removeStale) {
-            auto realm = openStore();
+            auto realm = qvl::detail::openLibraryStore();
             realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
           }
         } catch (const QVLMappingError& e) {  // the answer nests too deep: nothing stored
