@@ -1,5 +1,7 @@
 #include "quorvel/Categories/QVLBeaconSupport.h"
 
+#include "Proximity/StandardBackend.h"
+
 #include "quorvel/Managers/QVLBeaconManager.h"
 #include "quorvel/Platform/Env.h"
 
@@ -9,9 +11,8 @@ bool QVLBeaconSupport::bluetoothEnabled() {
 
 bool QVLBeaconSupport::hasAuthorizedLocationAlways() {
   // The authorization is the service's, not the manager's: asking creates no manager.
-  const auto env = qvl::Env::current();
-  return env->locationService &&
-         env->locationService->authorizationStatus() == qvl::AuthorizationStatus::AuthorizedAlways;
+  const auto service = qvl::proximity::locationServiceOf(*qvl::Env::current());
+  return service && service->authorizationStatus() == qvl::AuthorizationStatus::AuthorizedAlways;
 }
 
 bool QVLBeaconSupport::supportsBeacons() {

@@ -15,7 +15,6 @@
 #include "Platform/CountersImpl.h"
 #include "Proximity/ProximityEngine.h"
 #include "Proximity/SceneRecorder.h"
-#include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
@@ -492,8 +491,8 @@ std::shared_ptr<DeviceProximity> DeviceProximity::create(DeviceProximitySettings
 }
 
 DeviceProximity::DeviceProximity(DeviceProximitySettings settings) {
-  std::string directory =
-      settings.storeDirectory.empty() ? QVLRealm::storeDirectory() : settings.storeDirectory;
+  std::string directory = settings.storeDirectory.empty() ? Env::current()->resolvedStoreDirectory()
+                                                          : settings.storeDirectory;
   std::string address = settings.busAddress;
   d_ = std::make_shared<Private>(
       std::move(settings), (std::filesystem::path(directory) / "monitored-regions.json").string());

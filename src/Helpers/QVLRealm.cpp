@@ -1,6 +1,5 @@
 #include "quorvel/Helpers/QVLRealm.h"
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "Helpers/QVLRealmOpen.h"
@@ -10,28 +9,11 @@
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
-namespace {
-
-std::string defaultDirectory() {
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
-    return std::string(xdg) + "/quorvel";
-  }
-  if (const char* home = std::getenv("HOME"); home && *home) {
-    return std::string(home) + "/.local/share/quorvel";
-  }
-  return "quorvel";
-}
-
-}  // namespace
-
 void QVLRealm::setStoreDirectory(std::string directory) {
   qvl::Env::update([&directory](qvl::Env& env) { env.storeDirectory = std::move(directory); });
 }
 
-std::string QVLRealm::storeDirectory() {
-  std::string directory = qvl::Env::current()->storeDirectory;
-  return directory.empty() ? defaultDirectory() : directory;
-}
+std::string QVLRealm::storeDirectory() { return qvl::Env::current()->resolvedStoreDirectory(); }
 
 qvl::StoreConfiguration QVLRealm::configuration() {
   qvl::StoreConfiguration configuration;

@@ -24,20 +24,6 @@ std::string describe(const QVLError& error) {
          " UserInfo=" + (error.userInfo ? error.userInfo->dump() : std::string("{}"));
 }
 
-void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompletion completion) {
-  count(Counter::requestsSent);
-  session.dataTask(std::move(request), [completion = std::move(completion)](
-                                           std::string body, std::optional<HttpResponse> response,
-                                           std::optional<QVLError> error) {
-    if (error) {
-      count(Counter::requestsFailedTransport);
-    } else if (response && !QVLApiClient::successfulResponse(*response)) {
-      count(Counter::requestsFailedStatus);
-    }
-    completion(std::move(body), std::move(response), std::move(error));
-  });
-}
-
 void logOperationFailure(const char* operation, const std::string& what) noexcept {
   try {
     log(LogLevel::error, std::string(operation) + " failed: " + what);

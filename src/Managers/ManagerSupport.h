@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "Managers/CountedDataTask.h"
 #include "Platform/Guarded.h"
 #include "quorvel/Models/QVLGuest.h"
 #include "quorvel/Platform/HttpSession.h"
@@ -26,11 +27,6 @@ std::shared_ptr<QVLGuest> firstGuest();
 
 /// The error as one log-line fragment: "Error Domain=<domain> Code=<code> UserInfo=<json>".
 std::string describe(const QVLError& error);
-
-/// session.dataTask(), counting the request and, when its answer comes, whether it got none
-/// or a failure status (QVLApiClient::successfulResponse()). Every service request goes
-/// through here.
-void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompletion completion);
 
 /// Logs "<operation> failed: <what>" as an error.
 void logOperationFailure(const char* operation, const std::string& what) noexcept;

@@ -8,6 +8,7 @@
 #include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
 #include "Platform/Immortal.h"
+#include "Platform/StandardNetworking.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLToken.h"
 #include "quorvel/Platform/BundleInfo.h"
@@ -196,7 +197,7 @@ std::shared_ptr<qvl::HttpSession> QVLApiClient::urlSession() {
                  " has no pins; its certificates are checked against the certificate authorities "
                  "only (Env::allowUnpinnedApiDomain is set)");
   }
-  qvl::HttpSessionConfiguration configuration = *env->httpSessionConfiguration;
+  qvl::HttpSessionConfiguration configuration = qvl::detail::sessionConfigurationOf(*env);
   configuration.additionalHeaders = headers();
   return qvl::HttpSession::create(std::move(configuration), shared_from_this());
 }

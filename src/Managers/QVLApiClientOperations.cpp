@@ -1,8 +1,9 @@
 #include <unordered_set>
 
 #include "Helpers/QVLRealmOpen.h"
-#include "Managers/ManagerSupport.h"
+#include "Managers/CountedDataTask.h"
 #include "Models/QVLMappingPlan.h"
+#include "Platform/CountersImpl.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLPost.h"
@@ -20,6 +21,24 @@ QVLError mappingError(const std::string& message) {
 }
 
 }  // namespace
+
+namespace qvl {
+
+void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompletion completion) {
+  count(Counter::requestsSent);
+  session.dataTask(std::move(request), [completion = std::move(completion)](
+                                           std::string body, std::optional<HttpResponse> response,
+                                           std::optional<QVLError> error) {
+    if (error) {
+      count(Counter::requestsFailedTransport);
+    } else if (response && !QVLApiClient::successfulResponse(*response)) {
+      count(Counter::requestsFailedStatus);
+    }
+    completion(std::move(body), std::move(response), std::move(error));
+  });
+}
+
+}  // namespace qvl
 
 // ---- parsing and saving --------------------------------------------------------------------
 

@@ -1,6 +1,7 @@
 #include "quorvel/Managers/QVLBeaconManager.h"
 
 #include "Platform/MainQueueOnly.h"
+#include "Proximity/StandardBackend.h"
 
 #include <algorithm>
 #include <cctype>
@@ -107,13 +108,14 @@ QVLBeaconManager& QVLBeaconManager::sharedManager() {
 void QVLBeaconManager::bindToServices() {
   const auto env = qvl::Env::current();
   std::lock_guard lock(bindMutex_);
-  if (env->bluetoothCentral && env->bluetoothCentral != boundBluetoothCentral_.lock()) {
-    boundBluetoothCentral_ = env->bluetoothCentral;
+  const auto central = qvl::proximity::bluetoothCentralOf(*env);
+  if (central && central != boundBluetoothCentral_.lock()) {
+    boundBluetoothCentral_ = central;
     // The manager only reads the radio's state; turning it on is the host's to ask for.
-    env->bluetoothCentral->setOptions({.showPowerAlert = false});
-    env->bluetoothCentral->setDelegate(weak_from_this());
+    central->setOptions({.showPowerAlert = false});
+    central->setDelegate(weak_from_this());
   }
-  const auto& service = env->locationService;
+  const auto service = qvl::proximity::locationServiceOf(*env);
   if (!service || service == boundLocationService_.lock()) return;
   boundLocationService_ = service;
   closestBeacon_.reset();
@@ -128,7 +130,7 @@ void QVLBeaconManager::bindToServices() {
 }
 
 std::shared_ptr<qvl::LocationService> QVLBeaconManager::locationService() const {
-  return qvl::Env::current()->locationService;
+  return qvl::proximity::locationServiceOf(*qvl::Env::current());
 }
 
 QVLAnalyticsManager& QVLBeaconManager::analyticsManager() const {
@@ -323,8 +325,8 @@ std::shared_ptr<QVLGeofence> QVLBeaconManager::geofenceFromCLCircularRegion(
 // ---- capability ---------------------------------------------------------------------------
 
 qvl::BluetoothState QVLBeaconManager::bluetoothState() const {
-  const auto env = qvl::Env::current();
-  return env->bluetoothCentral ? env->bluetoothCentral->state() : qvl::BluetoothState::Unknown;
+  const auto central = qvl::proximity::bluetoothCentralOf(*qvl::Env::current());
+  return central ? central->state() : qvl::BluetoothState::Unknown;
 }
 
 qvl::AuthorizationStatus QVLBeaconManager::locationAuthorizationStatus() const {

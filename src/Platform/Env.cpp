@@ -1,15 +1,14 @@
 #include "quorvel/Platform/Env.h"
 
+#include <cstdlib>
 #include <mutex>
 
 #include "Platform/Immortal.h"
-#include "Proximity/StandardBackend.h"
 #include "quorvel/Platform/Application.h"
 #include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/Platform/Executor.h"
 #include "quorvel/Platform/MainQueue.h"
 #include "quorvel/Platform/NotificationCenter.h"
-#include "quorvel/Platform/PinValidator.h"
 
 namespace qvl {
 namespace {
@@ -19,13 +18,8 @@ namespace {
 struct Standard {
   std::shared_ptr<Clock> clock = std::make_shared<SystemClock>();
   std::shared_ptr<MainQueue> mainQueue = std::make_shared<MainQueue>();
-  std::shared_ptr<const HttpSessionConfiguration> httpSessionConfiguration =
-      std::make_shared<const HttpSessionConfiguration>();
   std::shared_ptr<NotificationCenter> notificationCenter = std::make_shared<NotificationCenter>();
   std::shared_ptr<Application> application = std::make_shared<StandardApplication>();
-  std::shared_ptr<PinValidator> pinValidator = std::make_shared<PinValidator>();
-  std::once_flag transportOnce;
-  std::shared_ptr<HttpTransport> transport;
 };
 
 struct Current {
@@ -38,24 +32,24 @@ std::shared_ptr<const Env> completed(Env env) {
   if (!env.clock) env.clock = standard.clock;
   if (!env.executor) env.executor = threadPoolExecutor();
   if (!env.mainQueue) env.mainQueue = standard.mainQueue;
-  if (!env.transport) {
-    std::call_once(standard.transportOnce,
-                   [&standard] { standard.transport = makeCurlTransport(); });
-    env.transport = standard.transport;
-  }
-  if (!env.httpSessionConfiguration) {
-    env.httpSessionConfiguration = standard.httpSessionConfiguration;
-  }
   if (!env.notificationCenter) env.notificationCenter = standard.notificationCenter;
   if (!env.application) env.application = standard.application;
-  if (!env.pinValidator) env.pinValidator = standard.pinValidator;
-  if (!env.locationService) env.locationService = proximity::standardBackend().locationService;
-  if (!env.bluetoothCentral) env.bluetoothCentral = proximity::standardBackend().bluetoothCentral;
   if (!env.bundleInfo.is_object()) env.bundleInfo = nlohmann::json::object();
   return std::make_shared<const Env>(std::move(env));
 }
 
 }  // namespace
+
+std::string Env::resolvedStoreDirectory() const {
+  if (!storeDirectory.empty()) return storeDirectory;
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
+    return std::string(xdg) + "/quorvel";
+  }
+  if (const char* home = std::getenv("HOME"); home && *home) {
+    return std::string(home) + "/.local/share/quorvel";
+  }
+  return "quorvel";
+}
 
 std::shared_ptr<const Env> Env::current() {
   Current& current = detail::immortal<Current>();

@@ -21,6 +21,7 @@
 #include <unordered_map>
 
 #include "Platform/Immortal.h"
+#include "Platform/StandardNetworking.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 
@@ -560,6 +561,17 @@ class CurlTransport final : public HttpTransport {
 
 std::shared_ptr<HttpTransport> makeCurlTransport() { return std::make_shared<CurlTransport>(); }
 
+std::shared_ptr<HttpTransport> detail::transportOf(const Env& env) {
+  if (env.transport) return env.transport;
+  // Never destroyed, like the network loop it hands transfers to.
+  static const auto* const standard = new std::shared_ptr<HttpTransport>(makeCurlTransport());
+  return *standard;
+}
+
+HttpSessionConfiguration detail::sessionConfigurationOf(const Env& env) {
+  return env.httpSessionConfiguration ? *env.httpSessionConfiguration : HttpSessionConfiguration{};
+}
+
 std::optional<std::string> HttpResponse::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
     if (equalsIgnoringCase(key, name)) return value;
@@ -609,17 +621,17 @@ void HttpSession::dataTask(HttpRequest request, DataTaskCompletion completion) {
   headers.insert(headers.end(), std::make_move_iterator(request.headers.begin()),
                  std::make_move_iterator(request.headers.end()));
   request.headers = std::move(headers);
-  Env::current()->transport->send(
-      self, std::move(request),
-      [self, completion = std::move(completion)](std::string body,
-                                                 std::optional<HttpResponse> response,
-                                                 std::optional<QVLError> error) mutable {
-        self->callbackQueue()->async([completion = std::move(completion), body = std::move(body),
-                                      response = std::move(response),
-                                      error = std::move(error)]() mutable {
-          if (completion) completion(std::move(body), std::move(response), std::move(error));
-        });
-      });
+  detail::transportOf(*Env::current())
+      ->send(self, std::move(request),
+             [self, completion = std::move(completion)](std::string body,
+                                                        std::optional<HttpResponse> response,
+                                                        std::optional<QVLError> error) mutable {
+               self->callbackQueue()->async([completion = std::move(completion),
+                                             body = std::move(body), response = std::move(response),
+                                             error = std::move(error)]() mutable {
+                 if (completion) completion(std::move(body), std::move(response), std::move(error));
+               });
+             });
 }
 
 }  // namespace qvl

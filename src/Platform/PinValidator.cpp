@@ -17,6 +17,7 @@
 #include "Platform/Base64.h"
 #include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
+#include "Platform/StandardNetworking.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
@@ -82,7 +83,14 @@ struct PinValidator::State {
 PinValidator::PinValidator() : state_(std::make_unique<State>()) {}
 PinValidator::~PinValidator() = default;
 
-PinValidator& PinValidator::shared() { return *Env::current()->pinValidator; }
+PinValidator& detail::pinValidatorOf(const Env& env) {
+  if (env.pinValidator) return *env.pinValidator;
+  // Never destroyed: transfers on the network thread may still ask it while statics go.
+  static PinValidator* const standard = new PinValidator();
+  return *standard;
+}
+
+PinValidator& PinValidator::shared() { return detail::pinValidatorOf(*Env::current()); }
 
 void PinValidator::configure(PinningConfiguration configuration) {
   auto next = std::make_shared<const PinningConfiguration>(std::move(configuration));
@@ -167,7 +175,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   const std::string body = report.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 
   // Default trust only: the report must not depend on the pins that just failed.
-  HttpSessionConfiguration config = *Env::current()->httpSessionConfiguration;
+  HttpSessionConfiguration config = detail::sessionConfigurationOf(*Env::current());
   config.additionalHeaders = {{"Content-Type", "application/json"}};
   for (const auto& uri : domain.reportUris) {
     auto session = HttpSession::create(config, nullptr);

@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "Proximity/ProximityEngine.h"
-#include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/MainQueue.h"
@@ -177,7 +176,7 @@ std::shared_ptr<SimulatedWorld> SimulatedWorld::create(SimulationSettings settin
 
 SimulatedWorld::SimulatedWorld(SimulationSettings settings, std::string storeDirectory)
     : clock_(Env::current()->clock) {
-  if (storeDirectory.empty()) storeDirectory = QVLRealm::storeDirectory();
+  if (storeDirectory.empty()) storeDirectory = Env::current()->resolvedStoreDirectory();
   d_ = std::make_unique<Private>(settings,
                                  (std::filesystem::path(storeDirectory) / kRegionsFile).string());
 }

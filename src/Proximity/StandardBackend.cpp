@@ -5,7 +5,6 @@
 
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Log.h"
-#include "quorvel/Platform/SimulatedWorld.h"
 #if QVL_DEVICE_BACKEND
 #include "Device/BusThread.h"
 #include "quorvel/Linux/DeviceProximity.h"
@@ -17,7 +16,7 @@ namespace {
 
 using Choice = Env::ProximityBackend;
 
-// What serves when the device backend cannot and no simulation is wanted: no radio, no
+// What serves when the device backend cannot: no radio, no
 // position, and nothing that ever changes, so the delegates are never called.
 class Unavailable final : public LocationService, public BluetoothCentral {
  public:
@@ -74,7 +73,6 @@ class Deferred final : public LocationService, public BluetoothCentral {
   void choose() const {
     std::call_once(once_, [this] {
       const Choice choice = Env::current()->proximityBackend;
-      if (choice == Choice::simulated) return use(SimulatedWorld::create());
 #if QVL_DEVICE_BACKEND
       // The device backend follows org.bluez itself once it runs: asked here only to say
       // what is missing now.
@@ -117,11 +115,9 @@ class Deferred final : public LocationService, public BluetoothCentral {
       }
       const std::string reason = "built without the device backend";
 #endif
-      log(LogLevel::warning, reason +
-                                 "; proximity uses the simulated world and Bluetooth reads "
-                                 "Unsupported");
-      location_ = SimulatedWorld::create();
-      central_ = std::make_shared<Unavailable>();
+      log(LogLevel::warning,
+          reason + "; Bluetooth reads Unsupported and location authorization Restricted");
+      use(std::make_shared<Unavailable>());
     });
   }
   LocationService& location() const {
@@ -150,6 +146,14 @@ const StandardBackend& standardBackend() {
   // Never destroyed: the backend's threads may still report while statics go at exit.
   static const StandardBackend* backend = new StandardBackend(makeStandardBackend());
   return *backend;
+}
+
+std::shared_ptr<LocationService> locationServiceOf(const Env& env) {
+  return env.locationService ? env.locationService : standardBackend().locationService;
+}
+
+std::shared_ptr<BluetoothCentral> bluetoothCentralOf(const Env& env) {
+  return env.bluetoothCentral ? env.bluetoothCentral : standardBackend().bluetoothCentral;
 }
 
 }  // namespace qvl::proximity

@@ -7,6 +7,7 @@
 namespace qvl {
 class LocationService;
 class BluetoothCentral;
+struct Env;
 }  // namespace qvl
 
 namespace qvl::proximity {
@@ -21,5 +22,10 @@ struct StandardBackend {
 const StandardBackend& standardBackend();
 /// A fresh one on the D-Bus at `busAddress` (empty: the system bus), for tests.
 StandardBackend makeStandardBackend(std::string busAddress = {});
+
+/// env.locationService, or the process-wide standard backend's when it is empty.
+std::shared_ptr<LocationService> locationServiceOf(const Env& env);
+/// env.bluetoothCentral, or the process-wide standard backend's when it is empty.
+std::shared_ptr<BluetoothCentral> bluetoothCentralOf(const Env& env);
 
 }  // namespace qvl::proximity

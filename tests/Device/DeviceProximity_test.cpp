@@ -340,10 +340,8 @@ TEST_F(StandardBackendSecurity, TheEnvironmentChoosesAndNoFallbackClaimsARadio) 
   const std::vector<Case> cases = {
       {automatic, true, BluetoothState::PoweredOn, true, {}},
       {device, true, BluetoothState::PoweredOn, true, {"error"}},  // no GeoClue
-      {simulated, true, BluetoothState::PoweredOn, false, {}},
       {automatic, false, BluetoothState::Unsupported, false, {"warning"}},
       {device, false, BluetoothState::Unsupported, false, {"error", "error"}},
-      {simulated, false, BluetoothState::PoweredOn, false, {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << int(c.choice) << (c.bluez ? " with" : " without"));

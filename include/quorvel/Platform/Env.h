@@ -48,34 +48,33 @@ struct QVL_EXPORT Env {
   std::shared_ptr<Executor> executor;
   /// The host's main thread. Standard: one process-wide MainQueue the host runs.
   std::shared_ptr<MainQueue> mainQueue;
-  /// Sends HTTP requests. Standard: libcurl (makeCurlTransport()).
+  /// Sends HTTP requests. Empty: libcurl (makeCurlTransport()), made once per process.
   std::shared_ptr<HttpTransport> transport;
   /// Template of every HTTP session the library makes (time-outs, limits); the client adds
-  /// its headers. Standard: HttpSessionConfiguration's defaults.
+  /// its headers. Empty: HttpSessionConfiguration's defaults.
   std::shared_ptr<const HttpSessionConfiguration> httpSessionConfiguration;
   /// Broadcast notifications. Standard: one process-wide centre.
   std::shared_ptr<NotificationCenter> notificationCenter;
   /// Lifecycle, background tasks, icon badge. Standard: one process-wide StandardApplication.
   std::shared_ptr<Application> application;
-  /// Decides server-trust challenges of pinned hosts. Standard: one process-wide validator.
+  /// Decides server-trust challenges of pinned hosts. Empty: one process-wide validator.
   std::shared_ptr<PinValidator> pinValidator;
-  /// Region monitoring and ranging. Standard: the backend proximityBackend names, chosen
-  /// on first use, once per process.
+  /// Region monitoring and ranging. Empty: the backend proximityBackend names, chosen on
+  /// first use, once per process. A simulated world (quorvel/testing) is set here.
   std::shared_ptr<LocationService> locationService;
-  /// The Bluetooth radio's state. Standard: the same backend as locationService's.
+  /// The Bluetooth radio's state. Empty: the same backend as locationService's.
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
   /// The backends behind the standard locationService and bluetoothCentral.
   enum class ProximityBackend {
-    automatic,  ///< The device backend when it can serve, else a simulated world; see below.
+    automatic,  ///< The device backend when there is a system bus, else none; see below.
     device,     ///< Always the device backend; what it lacks is logged as an error.
-    simulated,  ///< Always a SimulatedWorld, with the radio state the world gives.
   };
   /// Which backend the standard services use; read on their first use, once per process.
   /// automatic: the device backend whenever the system bus is there. It follows org.bluez,
   /// so a BlueZ started later is used and one that stops reads Unsupported; a warning says
   /// when org.bluez is missing at the start. With no system bus, or built without the
-  /// device backend: a warning with the reason, Bluetooth Unsupported, and region monitoring
-  /// by an empty SimulatedWorld. device: an error line names each missing piece (system
+  /// device backend: a warning with the reason, Bluetooth Unsupported and location
+  /// authorization Restricted. device: an error line names each missing piece (system
   /// bus, org.bluez, GeoClue) and the state shows it: Bluetooth Unsupported, location
   /// authorization Restricted; never a simulated world.
   ProximityBackend proximityBackend = ProximityBackend::automatic;
@@ -84,7 +83,7 @@ struct QVL_EXPORT Env {
   /// The least important level logged; lines below it are dropped before they are built
   /// into a line. Standard: info.
   LogLevel logLevel = LogLevel::info;
-  /// The store file's directory. Empty: $XDG_DATA_HOME/quorvel or ~/.local/share/quorvel.
+  /// The store file's directory. Empty: resolvedStoreDirectory()'s standard choice.
   std::string storeDirectory;
   /// What opening a store file (the library's and any Store::open()) does with a file it cannot
   /// take as its own: corrupt, not a store file (another program's database, or tables,
@@ -145,8 +144,14 @@ struct QVL_EXPORT Env {
   /// are written nowhere.
   std::string tlsKeyLogFile;
 
-  /// The environment in force, with every empty pointer member filled with its standard
-  /// facility. Thread-safe; a snapshot: later installs do not change it.
+  /// storeDirectory, or when empty $XDG_DATA_HOME/quorvel, else $HOME/.local/share/quorvel,
+  /// else "quorvel" (relative to the working directory).
+  std::string resolvedStoreDirectory() const;
+
+  /// The environment in force. Members of the platform itself (clock, executor, mainQueue,
+  /// notificationCenter, application) are filled with their standard facilities; the
+  /// others stay as the host left them, and an empty one means its standard choice, made
+  /// where it is used. Thread-safe; a snapshot: later installs do not change it.
   static std::shared_ptr<const Env> current();
 
   /// Makes `env` the process's environment. Thread-safe; work already running keeps the
