@@ -51,7 +51,7 @@ std::shared_ptr<const Env> completed(Env env) {
   if (!env.pinValidator) env.pinValidator = standard.pinValidator;
   if (!env.locationService) env.locationService = proximity::standardBackend().locationService;
   if (!env.bluetoothCentral) env.bluetoothCentral = proximity::standardBackend().bluetoothCentral;
-  if (!env.bundleInfo.is_object()) env.bundleInfo = nlohmann::json::object();
+  if (!env.bundleInfo.isObject()) env.bundleInfo = Json::object();
   return std::make_shared<const Env>(std::move(env));
 }
 

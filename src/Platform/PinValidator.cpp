@@ -17,6 +17,7 @@
 #include "Platform/Base64.h"
 #include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
@@ -144,7 +145,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   }
 
   nlohmann::json report = nlohmann::json::object();
-  const nlohmann::json info = BundleInfo::infoDictionary();
+  const nlohmann::json info = detail::nlohmannOf(BundleInfo::infoDictionary());
   if (auto it = info.find("CFBundleIdentifier"); it != info.end() && it->is_string()) {
     report["app-bundle-id"] = *it;
   }
@@ -177,7 +178,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
           if (error) {
             log(LogLevel::warning,
                 "pin failure report to " + uri + " failed: " +
-                    error->userInfo.value_or(nlohmann::json::object()).value("message", ""));
+                    detail::nlohmannOf(error->userInfo.value_or(Json::object())).value("message", ""));
           } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
             log(LogLevel::warning, "pin failure report to " + uri + " answered " +
                                        std::to_string(response->statusCode));
