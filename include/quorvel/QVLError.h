@@ -25,8 +25,8 @@
 /// Errors never reach the host as exceptions: a completion gets one of these, and a
 /// manager operation that cannot finish logs an error line instead of throwing.
 struct QVL_EXPORT QVLError {
-  std::string domain;                      ///< One of the kQVL...ErrorDomain texts below.
-  long long code = 0;                      ///< Meaning depends on the domain, as above.
+  std::string domain;                 ///< One of the kQVL...ErrorDomain texts below.
+  long long code = 0;                 ///< Meaning depends on the domain, as above.
   std::optional<qvl::Json> userInfo;  ///< Details as above; absent when there are none.
 
   /// Equal domain, code and user information.

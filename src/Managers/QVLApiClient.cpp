@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cctype>
 
-#include "Platform/CountersImpl.h"
 #include "Models/QVLMappingPlan.h"
+#include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
 #include "Platform/Immortal.h"
 #include "Platform/JsonImpl.h"
@@ -248,7 +248,8 @@ QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
   QVLError error{kQVLApiClientErrorDomain, response.statusCode, std::nullopt};
   try {
     auto body = qvl::detail::parseJSONData(data);
-    if (body.is_object() || body.is_array()) error.userInfo = qvl::detail::fromNlohmann(std::move(body));
+    if (body.is_object() || body.is_array())
+      error.userInfo = qvl::detail::fromNlohmann(std::move(body));
   } catch (const QVLMappingError&) {  // nested too deep: no user information
   }
   return error;

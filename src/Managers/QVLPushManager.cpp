@@ -105,8 +105,8 @@ void QVLPushManager::createEndpointWithDeviceToken(const std::string& deviceToke
         const std::int64_t id =
             answer.is_object() && answer.contains("id") ? integerOf(answer["id"]) : 0;
         if (id == 0) {
-          return completion(
-              QVLError{kQVLPushManagerErrorDomain, 500, qvl::detail::fromNlohmann(std::move(answer))});
+          return completion(QVLError{kQVLPushManagerErrorDomain, 500,
+                                     qvl::detail::fromNlohmann(std::move(answer))});
         }
         setEndpointId(id);
         completion(std::nullopt);

@@ -628,8 +628,8 @@ std::vector<std::shared_ptr<QVLApiModel>> parseEach(
     } catch (const QVLMappingError& e) {
       log(std::string("Rejected ") + cls.name() + " record: " + e.what());
       if (rejected) {
-        rejected->push_back(QVLError{kQVLMappingErrorDomain, 1,
-                                     qvl::Json::object({{"errorMessage", e.what()}})});
+        rejected->push_back(
+            QVLError{kQVLMappingErrorDomain, 1, qvl::Json::object({{"errorMessage", e.what()}})});
       }
     }
   });
@@ -810,8 +810,8 @@ std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLM
   return qvl::detail::newObjectWithJSONDictionary(cls, qvl::detail::nlohmannOf(dictionary), realm);
 }
 
-std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(
-    const QVLModelClass& cls, const qvl::Json& dictionary) {
+std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                      const qvl::Json& dictionary) {
   return qvl::detail::newObjectWithJSONDictionary(cls, qvl::detail::nlohmannOf(dictionary));
 }
 
@@ -825,8 +825,7 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
     const QVLModelClass& cls, const qvl::Json& array, qvl::Store* realm,
     std::vector<QVLError>* rejected) {
-  return qvl::detail::newObjectsWithJSONArray(cls, qvl::detail::nlohmannOf(array), realm,
-                                              rejected);
+  return qvl::detail::newObjectsWithJSONArray(cls, qvl::detail::nlohmannOf(array), realm, rejected);
 }
 
 json qvl::detail::parseJSONData(std::string_view data, bool allowExceptions) {

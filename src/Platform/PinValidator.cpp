@@ -172,18 +172,19 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   config.additionalHeaders = {{"Content-Type", "application/json"}};
   for (const auto& uri : domain.reportUris) {
     auto session = HttpSession::create(config, nullptr);
-    session->dataTask(
-        HttpRequest{"POST", uri, {}, body},
-        [uri](std::string, std::optional<HttpResponse> response, std::optional<QVLError> error) {
-          if (error) {
-            log(LogLevel::warning,
-                "pin failure report to " + uri + " failed: " +
-                    detail::nlohmannOf(error->userInfo.value_or(Json::object())).value("message", ""));
-          } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
-            log(LogLevel::warning, "pin failure report to " + uri + " answered " +
-                                       std::to_string(response->statusCode));
-          }
-        });
+    session->dataTask(HttpRequest{"POST", uri, {}, body}, [uri](
+                                                              std::string,
+                                                              std::optional<HttpResponse> response,
+                                                              std::optional<QVLError> error) {
+      if (error) {
+        log(LogLevel::warning,
+            "pin failure report to " + uri + " failed: " +
+                detail::nlohmannOf(error->userInfo.value_or(Json::object())).value("message", ""));
+      } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
+        log(LogLevel::warning,
+            "pin failure report to " + uri + " answered " + std::to_string(response->statusCode));
+      }
+    });
   }
 }
 

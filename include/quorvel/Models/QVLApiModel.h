@@ -182,8 +182,7 @@ class QVL_EXPORT QVLApiModel : public qvl::Object {
   /// and, when rejected is given, appended to it as a QVLMappingErrorDomain error. A value
   /// that is not an array gives an empty list.
   static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
-      const QVLModelClass& cls, const qvl::Json& array,
-      std::vector<QVLError>* rejected = nullptr);
+      const QVLModelClass& cls, const qvl::Json& array, std::vector<QVLError>* rejected = nullptr);
   /// The same against a given handle (may be null).
   static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
       const QVLModelClass& cls, const qvl::Json& array, qvl::Store* realm,
