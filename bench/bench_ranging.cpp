@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLAnalyticsManager.h"
 #include "quorvel/Managers/QVLBeaconManager.h"
@@ -104,7 +102,7 @@ int main(int argc, char** argv) {
 
   auto realm = QVLRealm::realm();
   if (!realm) fail("the store could not be opened");
-  auto beacons = QVLBeacon::newObjectsWithJSONArray(nlohmann::json::parse(text));
+  auto beacons = QVLBeacon::newObjectsWithJSONArray(qvl::Json::parse(text).value_or(nullptr));
   auto guest = std::make_shared<QVLGuest>();
   guest->setGuestId(1);
   realm->write([&] {

@@ -105,7 +105,7 @@ void compareParsers(const std::string& body, const QVLModelClass& cls) {
   } catch (const QVLMappingError&) {
   }
   try {
-    document = qvl::detail::recordsToMerge(cls, QVLApiModel::parseJSONData(body), &documentKeys);
+    document = qvl::detail::recordsToMerge(cls, qvl::detail::parseJSONData(body), &documentKeys);
   } catch (const QVLMappingError&) {
   }
   if (fast.has_value() != document.has_value() || fastKeys != documentKeys) std::abort();
@@ -124,7 +124,7 @@ void compareParsers(const std::string& body, const QVLModelClass& cls) {
     fastRejected = true;
   }
   try {
-    documentOne = qvl::detail::recordToMerge(cls, QVLApiModel::parseJSONData(body));
+    documentOne = qvl::detail::recordToMerge(cls, qvl::detail::parseJSONData(body));
   } catch (const QVLMappingError&) {
     documentRejected = true;
   }
@@ -158,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   nlohmann::json answer;
   try {
-    answer = QVLApiModel::parseJSONData(input);
+    answer = qvl::detail::parseJSONData(input);
   } catch (const QVLMappingError&) {
     return 0;  // nested too deep
   }
@@ -167,10 +167,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::vector<std::shared_ptr<QVLApiModel>> records;
   if (answer.is_array()) {
     std::vector<QVLError> rejected;
-    records = QVLApiModel::newObjectsWithJSONArray(cls, answer, store.get(), &rejected);
+    records = qvl::detail::newObjectsWithJSONArray(cls, answer, store.get(), &rejected);
   } else if (cls.primaryKeyIndex() >= 0) {  // classes without a key are never parsed singly
     try {
-      records.push_back(QVLApiModel::newObjectWithJSONDictionary(cls, answer, store.get()));
+      records.push_back(qvl::detail::newObjectWithJSONDictionary(cls, answer, store.get()));
     } catch (const QVLMappingError&) {
       return 0;
     }

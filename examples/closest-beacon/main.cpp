@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,8 +18,6 @@
 #include <thread>
 
 #include <unistd.h>
-
-#include <nlohmann/json.hpp>
 
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
@@ -53,7 +52,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::filesystem::path sandboxDir = argv[1];
-  const auto info = nlohmann::json::parse(std::ifstream(sandboxDir / "sandbox.json"));
+  std::ifstream file(sandboxDir / "sandbox.json");
+  const qvl::Json info =
+      qvl::Json::parse(std::string(std::istreambuf_iterator<char>(file), {})).value_or(nullptr);
+  auto text = [&](const char* key) {
+    return info.at(key).value_or(nullptr).asString().value_or(std::string());
+  };
   const std::filesystem::path storeDir =
       std::filesystem::temp_directory_path() / ("closest-beacon-" + std::to_string(::getpid()));
 
@@ -64,17 +68,17 @@ int main(int argc, char** argv) {
   env.clock = clock;
   env.storeDirectory = storeDir;
   env.userDefaultsPath = storeDir / "defaults.json";
-  env.trustAnchorsFile = info["ca_file"].get<std::string>();
-  env.apiDomain = info["api_domain"].get<std::string>();
-  env.publicKeyHashes = {info["pin"].get<std::string>()};
-  env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", info["api_key"]}}}};
+  env.trustAnchorsFile = text("ca_file");
+  env.apiDomain = text("api_domain");
+  env.publicKeyHashes = {text("pin")};
+  env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", text("api_key")}}}};
   qvl::Env::install(std::move(env));
   auto world = qvl::SimulatedWorld::create();
   qvl::Env::update([&](qvl::Env& e) {
     e.locationService = world;
     e.bluetoothCentral = world;
   });
-  QVLToken::initWithContent(info["token"].get<std::string>())->saveToken();
+  QVLToken::initWithContent(text("token"))->saveToken();
   QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);
   auto mainQueue = qvl::Env::current()->mainQueue;
 

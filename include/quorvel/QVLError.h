@@ -5,9 +5,8 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
+#include "quorvel/Platform/Json.h"
 
 /// An error: a domain text, an integer code and optional user information. Every error a
 /// completion receives has one of the domains below, each named by one constant:
@@ -26,9 +25,9 @@
 /// Errors never reach the host as exceptions: a completion gets one of these, and a
 /// manager operation that cannot finish logs an error line instead of throwing.
 struct QVL_EXPORT QVLError {
-  std::string domain;                      ///< One of the kQVL...ErrorDomain texts below.
-  long long code = 0;                      ///< Meaning depends on the domain, as above.
-  std::optional<nlohmann::json> userInfo;  ///< Details as above; absent when there are none.
+  std::string domain;                 ///< One of the kQVL...ErrorDomain texts below.
+  long long code = 0;                 ///< Meaning depends on the domain, as above.
+  std::optional<qvl::Json> userInfo;  ///< Details as above; absent when there are none.
 
   /// Equal domain, code and user information.
   bool operator==(const QVLError&) const = default;

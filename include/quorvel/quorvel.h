@@ -50,6 +50,7 @@
 #include "quorvel/Platform/Env.h"
 #include "quorvel/Platform/Executor.h"
 #include "quorvel/Platform/HttpSession.h"
+#include "quorvel/Platform/Json.h"
 #include "quorvel/Platform/LocationService.h"
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/MainQueue.h"

@@ -2,14 +2,15 @@
 
 #include <string>
 
-#include "quorvel/Models/QVLApiModel.h"
+#include "Models/QVLMappingPlan.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Platform/Log.h"
 
-std::optional<nlohmann::json> QVLPostFieldHelper::parseStringToJSON(std::string_view text) {
+std::optional<qvl::Json> QVLPostFieldHelper::parseStringToJSON(std::string_view text) {
   std::string error;
   try {
-    nlohmann::json value = QVLApiModel::parseJSONData(text, /*allowExceptions=*/true);
-    if (value.is_object()) return value;
+    nlohmann::json value = qvl::detail::parseJSONData(text, /*allowExceptions=*/true);
+    if (value.is_object()) return qvl::detail::fromNlohmann(std::move(value));
     error = std::string("the JSON text holds ") + value.type_name() + ", not an object";
   } catch (const nlohmann::json::exception& e) {
     error = e.what();

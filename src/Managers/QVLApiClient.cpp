@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cctype>
 
+#include "Models/QVLMappingPlan.h"
 #include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
 #include "Platform/Immortal.h"
 #include "Platform/StandardNetworking.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Models/QVLToken.h"
 #include "quorvel/Platform/BundleInfo.h"
@@ -158,7 +160,7 @@ std::string QVLApiClient::baseURL() const {
 std::string QVLApiClient::baseURLV8() const { return baseURL() + "/v8"; }
 
 std::optional<std::string> QVLApiClient::apiKey() const {
-  nlohmann::json info = qvl::BundleInfo::infoDictionary();
+  const nlohmann::json info = qvl::detail::nlohmannOf(qvl::BundleInfo::infoDictionary());
   auto settings = info.find("QuorvelSDK");
   if (settings != info.end() && settings->is_object()) {
     auto key = settings->find("ApiKey");
@@ -169,7 +171,7 @@ std::optional<std::string> QVLApiClient::apiKey() const {
 }
 
 std::string QVLApiClient::appVersion() const {
-  nlohmann::json info = qvl::BundleInfo::infoDictionary();
+  const nlohmann::json info = qvl::detail::nlohmannOf(qvl::BundleInfo::infoDictionary());
   auto version = info.find("CFBundleShortVersionString");
   if (version != info.end() && version->is_string()) return version->get<std::string>();
   return "N/A";
@@ -226,12 +228,12 @@ qvl::HttpRequest QVLApiClient::apiGetRequest(const std::string& resource,
 }
 
 qvl::HttpRequest QVLApiClient::apiPostRequest(const std::string& resource,
-                                              const nlohmann::json& object) const {
+                                              const qvl::Json& object) const {
   qvl::HttpRequest request;
   request.method = "POST";
   request.url = baseURLV8() + "/" + encodePathSegment(resource);
   try {
-    request.body = object.dump();
+    request.body = qvl::detail::nlohmannOf(object).dump();
   } catch (const nlohmann::json::exception&) {
     request.body.clear();  // text that is not UTF-8 cannot be serialised: the body stays empty
   }
@@ -246,8 +248,9 @@ QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
                                          const std::string& data) {
   QVLError error{kQVLApiClientErrorDomain, response.statusCode, std::nullopt};
   try {
-    auto body = QVLApiModel::parseJSONData(data);
-    if (body.is_object() || body.is_array()) error.userInfo = std::move(body);
+    auto body = qvl::detail::parseJSONData(data);
+    if (body.is_object() || body.is_array())
+      error.userInfo = qvl::detail::fromNlohmann(std::move(body));
   } catch (const QVLMappingError&) {  // nested too deep: no user information
   }
   return error;
@@ -291,9 +294,9 @@ std::optional<QVLError> QVLApiClient::willSendRequest(const qvl::HttpRequest& re
     return std::nullopt;
   qvl::count(qvl::Counter::pinningRefusals);
   return QVLError{kQVLTransportErrorDomain, CURLE_PEER_FAILED_VERIFICATION,
-                  nlohmann::json{{"message", "the API domain " + apiHost(*env) +
-                                                 " has no pins (Env::publicKeyHashes); requests "
-                                                 "to it are refused"}}};
+                  qvl::Json::object({{"message", "the API domain " + apiHost(*env) +
+                                                     " has no pins (Env::publicKeyHashes); "
+                                                     "requests to it are refused"}})};
 }
 
 qvl::TrustDisposition QVLApiClient::didReceiveServerTrustChallenge(

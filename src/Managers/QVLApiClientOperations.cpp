@@ -4,6 +4,7 @@
 #include "Managers/CountedDataTask.h"
 #include "Models/QVLMappingPlan.h"
 #include "Platform/CountersImpl.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLPost.h"
@@ -13,11 +14,11 @@
 namespace {
 
 QVLError storeError(const std::string& message) {
-  return QVLError{kQVLStoreErrorDomain, 1, nlohmann::json{{"errorMessage", message}}};
+  return QVLError{kQVLStoreErrorDomain, 1, qvl::Json::object({{"errorMessage", message}})};
 }
 
 QVLError mappingError(const std::string& message) {
-  return QVLError{kQVLMappingErrorDomain, 1, nlohmann::json{{"errorMessage", message}}};
+  return QVLError{kQVLMappingErrorDomain, 1, qvl::Json::object({{"errorMessage", message}})};
 }
 
 }  // namespace
@@ -44,14 +45,17 @@ void countedDataTask(HttpSession& session, HttpRequest request, DataTaskCompleti
 
 std::shared_ptr<QVLApiModel> QVLApiClient::parseJSONObjectData(const std::string& data,
                                                                const QVLModelClass& cls) {
-  auto json = QVLApiModel::parseJSONData(data);
+  auto json = qvl::detail::parseJSONData(data);
   if (!json.is_object()) json = nullptr;  // no dictionary: every key is missing
-  return QVLApiModel::newObjectWithJSONDictionary(cls, json);
+  return qvl::detail::newObjectWithJSONDictionary(cls, json);
 }
 
 std::vector<std::shared_ptr<QVLApiModel>> QVLApiClient::parseJSONArrayData(
     const std::string& data, const QVLModelClass& cls) {
-  return QVLApiModel::newObjectsWithJSONArray(cls, QVLApiModel::parseJSONData(data));
+  qvl::detail::mappingPlan(cls);
+  auto realm = QVLRealm::realm();
+  return qvl::detail::newObjectsWithJSONArray(cls, qvl::detail::parseJSONData(data), realm.get(),
+                                              nullptr);
 }
 
 std::shared_ptr<QVLApiModel> QVLApiClient::saveObject(const std::shared_ptr<QVLApiModel>& record,
@@ -243,9 +247,9 @@ void QVLApiClient::syncRelations(const std::optional<qvl::AnyList>& relations,
                                  ErrorCompletion completion) {
   if (!relations || !forObject) {
     completion(QVLError{kQVLApiClientErrorDomain, 0,
-                        nlohmann::json{{"errorMessage",
-                                        "Missing 'object' and 'relations' parameters on "
-                                        "syncRelations in QVLApiClient"}}});
+                        qvl::Json::object({{"errorMessage",
+                                            "Missing 'object' and 'relations' parameters on "
+                                            "syncRelations in QVLApiClient"}})});
     return;
   }
   const QVLModelClass& ownerClass = forObject->apiModelClass();
@@ -279,8 +283,8 @@ void QVLApiClient::syncRelations(const std::optional<qvl::AnyList>& relations,
   sendRequest(std::move(request), std::move(completion));
 }
 
-void QVLApiClient::redeemPrize(const nlohmann::json& prizeIdentifier, ErrorCompletion completion) {
+void QVLApiClient::redeemPrize(const qvl::Json& prizeIdentifier, ErrorCompletion completion) {
   sendRequest(apiPostRequest(QVLRedemption::modelClass().apiResourcePlural(),
-                             nlohmann::json{{"prize_id", prizeIdentifier}}),
+                             qvl::Json::object({{"prize_id", prizeIdentifier}})),
               std::move(completion));
 }

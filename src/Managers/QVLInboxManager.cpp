@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Managers/ManagerSupport.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Application.h"
 #include "quorvel/Platform/Env.h"
@@ -29,8 +30,9 @@ bool settingIsOn(const nlohmann::json& value) {
 
 bool badgeUpdatesEnabled() {
   const auto env = qvl::Env::current();
-  const auto settings = env->bundleInfo.find("QuorvelSDK");
-  if (settings == env->bundleInfo.end() || !settings->is_object()) return false;
+  const nlohmann::json& info = qvl::detail::nlohmannOf(env->bundleInfo);
+  const auto settings = info.find("QuorvelSDK");
+  if (settings == info.end() || !settings->is_object()) return false;
   const auto value = settings->find("AutoUpdateAppIconBadge");
   return value != settings->end() && settingIsOn(*value);
 }

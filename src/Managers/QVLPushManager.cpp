@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "Managers/ManagerSupport.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Platform/UserDefaults.h"
 
@@ -64,12 +65,12 @@ void QVLPushManager::setEndpointId(std::int64_t endpointId) {
 }
 
 qvl::HttpRequest QVLPushManager::requestWithURL(std::string url, std::string method,
-                                                const nlohmann::json& body) {
+                                                const qvl::Json& body) {
   qvl::HttpRequest request;
   request.url = std::move(url);
   request.method = std::move(method);
   try {
-    request.body = body.dump();
+    request.body = qvl::detail::nlohmannOf(body).dump();
   } catch (const nlohmann::json::exception&) {
     // Text that is not UTF-8 cannot be JSON: the body stays empty and the service's refusal
     // reaches the completion.
@@ -99,11 +100,14 @@ void QVLPushManager::createEndpointWithDeviceToken(const std::string& deviceToke
         auto answer = nlohmann::json::parse(body, nullptr, false);
         if (answer.is_discarded()) {
           return completion(
-              QVLError{kQVLJSONErrorDomain, 3840, nlohmann::json{{"message", "not JSON"}}});
+              QVLError{kQVLJSONErrorDomain, 3840, qvl::Json::object({{"message", "not JSON"}})});
         }
         const std::int64_t id =
             answer.is_object() && answer.contains("id") ? integerOf(answer["id"]) : 0;
-        if (id == 0) return completion(QVLError{kQVLPushManagerErrorDomain, 500, answer});
+        if (id == 0) {
+          return completion(QVLError{kQVLPushManagerErrorDomain, 500,
+                                     qvl::detail::fromNlohmann(std::move(answer))});
+        }
         setEndpointId(id);
         completion(std::nullopt);
       });
@@ -112,7 +116,7 @@ void QVLPushManager::createEndpointWithDeviceToken(const std::string& deviceToke
 void QVLPushManager::updateGuestIdForEndpointWithCompletion(Completion completion) {
   if (endpointId() == 0) {
     return completion(QVLError{kQVLPushManagerErrorDomain, 1,
-                               nlohmann::json{{"info", "No existing endpoint id"}}});
+                               qvl::Json::object({{"info", "No existing endpoint id"}})});
   }
   send(updateRequest(),
        [completion = std::move(completion)](std::optional<QVLError> error, const std::string&) {

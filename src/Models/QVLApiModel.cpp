@@ -9,6 +9,7 @@
 
 #include "Models/QVLMappingPlan.h"
 #include "Platform/CountersImpl.h"
+#include "Platform/JsonImpl.h"
 #include "quorvel/Helpers/QVLDateFormatter.h"
 #include "quorvel/Helpers/QVLRealm.h"
 #include "quorvel/Platform/Log.h"
@@ -236,31 +237,6 @@ bool nestsDeeperThan(const json& value, int limit) {
   }
   return false;
 }
-
-// Builds the document as nlohmann's own parser does, refusing to open a level beyond the
-// limit; nlohmann's parser keeps its nesting on the heap, so the input cannot recurse.
-class BoundedDomParser : public nlohmann::detail::json_sax_dom_parser<json> {
- public:
-  BoundedDomParser(json& result, bool allowExceptions)
-      : json_sax_dom_parser(result, allowExceptions) {}
-  bool start_object(std::size_t size) { return enter() && json_sax_dom_parser::start_object(size); }
-  bool end_object() { return leave() && json_sax_dom_parser::end_object(); }
-  bool start_array(std::size_t size) { return enter() && json_sax_dom_parser::start_array(size); }
-  bool end_array() { return leave() && json_sax_dom_parser::end_array(); }
-  bool tooDeep() const { return tooDeep_; }
-
- private:
-  bool enter() {
-    tooDeep_ = ++depth_ > kQVLMaxJSONDepth;
-    return !tooDeep_;
-  }
-  bool leave() {
-    --depth_;
-    return true;
-  }
-  int depth_ = 0;
-  bool tooDeep_ = false;
-};
 
 [[noreturn]] void reject(const QVLModelClass& cls, const std::string& key, const char* why) {
   throw QVLMappingError(cls.name() + " \"" + key + "\": " + why);
@@ -652,7 +628,8 @@ std::vector<std::shared_ptr<QVLApiModel>> parseEach(
     } catch (const QVLMappingError& e) {
       log(std::string("Rejected ") + cls.name() + " record: " + e.what());
       if (rejected) {
-        rejected->push_back(QVLError{kQVLMappingErrorDomain, 1, json{{"errorMessage", e.what()}}});
+        rejected->push_back(
+            QVLError{kQVLMappingErrorDomain, 1, qvl::Json::object({{"errorMessage", e.what()}})});
       }
     }
   });
@@ -762,7 +739,7 @@ std::vector<std::shared_ptr<QVLApiModel>> recordsToMergeFromText(
   } catch (const FastParseRefused&) {
   }
   if (listedKeys) listedKeys->clear();
-  json document = QVLApiModel::parseJSONData(text);
+  json document = qvl::detail::parseJSONData(text);
   done();
   return qvl::detail::recordsToMerge(cls, std::move(document), listedKeys);
 }
@@ -793,7 +770,7 @@ std::shared_ptr<QVLApiModel> qvl::detail::recordToMerge(const QVLModelClass& cls
                                                         std::string_view text) {
   simdjson::dom::parser parser;
   auto root = parseFast(parser, text);
-  if (!root) return recordToMerge(cls, QVLApiModel::parseJSONData(text));
+  if (!root) return recordToMerge(cls, qvl::detail::parseJSONData(text));
   MergeStores none(nullptr);
   std::optional<SimdNode> node;
   if (root->is_object()) node.emplace(*root);
@@ -806,48 +783,63 @@ const QVLModelClass& QVLApiModel::modelClass() {
   return cls;
 }
 
-std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+std::shared_ptr<QVLApiModel> qvl::detail::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary,
                                                                       qvl::Store* realm) {
   MergeStores stores;
   return parse(cls, std::optional<NlohmannNode>(dictionary), realm, stores);
 }
 
-std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+std::shared_ptr<QVLApiModel> qvl::detail::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary) {
   qvl::detail::mappingPlan(cls);  // a class without a mapping raises before the store opens
   MergeStores stores(QVLRealm::realm());
   return parse(cls, std::optional<NlohmannNode>(dictionary), stores.defaultStore(), stores);
 }
 
-std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
-    const QVLModelClass& cls, const json& array, std::vector<QVLError>* rejected) {
-  qvl::detail::mappingPlan(cls);
-  auto realm = QVLRealm::realm();
-  return newObjectsWithJSONArray(cls, array, realm.get(), rejected);
-}
-
-std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
+std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::newObjectsWithJSONArray(
     const QVLModelClass& cls, const json& array, qvl::Store* realm,
     std::vector<QVLError>* rejected) {
   MergeStores stores;
   return parseEach(cls, NlohmannNode(array), realm, stores, rejected, nullptr, logRejection);
 }
 
-json QVLApiModel::parseJSONData(std::string_view data, bool allowExceptions) {
+std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                      const qvl::Json& dictionary,
+                                                                      qvl::Store* realm) {
+  return qvl::detail::newObjectWithJSONDictionary(cls, qvl::detail::nlohmannOf(dictionary), realm);
+}
+
+std::shared_ptr<QVLApiModel> QVLApiModel::newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                                      const qvl::Json& dictionary) {
+  return qvl::detail::newObjectWithJSONDictionary(cls, qvl::detail::nlohmannOf(dictionary));
+}
+
+std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
+    const QVLModelClass& cls, const qvl::Json& array, std::vector<QVLError>* rejected) {
+  qvl::detail::mappingPlan(cls);
+  auto realm = QVLRealm::realm();
+  return newObjectsWithJSONArray(cls, array, realm.get(), rejected);
+}
+
+std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
+    const QVLModelClass& cls, const qvl::Json& array, qvl::Store* realm,
+    std::vector<QVLError>* rejected) {
+  return qvl::detail::newObjectsWithJSONArray(cls, qvl::detail::nlohmannOf(array), realm, rejected);
+}
+
+json qvl::detail::parseJSONData(std::string_view data, bool allowExceptions) {
   json result;
-  BoundedDomParser parser(result, allowExceptions);
-  if (json::sax_parse(data, &parser, json::input_format_t::json, true)) return result;
-  if (parser.tooDeep()) {
+  if (parseBoundedJSON(data, result, allowExceptions) == JsonParse::tooDeep) {
     throw QVLMappingError("the JSON nests arrays and objects deeper than " +
                           std::to_string(kQVLMaxJSONDepth) + " levels");
   }
-  return json(json::value_t::discarded);
+  return result;
 }
 
 // ---- record to JSON --------------------------------------------------------------------
 
-nlohmann::json QVLApiModel::toDictionary() const {
+qvl::Json QVLApiModel::toDictionary() const {
   const QVLModelClass& cls = apiModelClass();
   const auto& plan = qvl::detail::mappingPlan(cls);
   json out = json::object();
@@ -870,5 +862,5 @@ nlohmann::json QVLApiModel::toDictionary() const {
     if (!target) continue;
     if (auto key = target->primaryKeyValue()) out[*relation.toOneRelationKey] = *key;
   }
-  return out;
+  return qvl::detail::fromNlohmann(std::move(out));
 }

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "quorvel/Models/QVLApiModel.h"
 
 namespace qvl::detail {
@@ -59,5 +61,23 @@ std::shared_ptr<QVLApiModel> recordToMerge(const QVLModelClass& cls,
                                            const nlohmann::json& dictionary);
 /// The same from an answer's text (see recordsToMerge for text that is not JSON).
 std::shared_ptr<QVLApiModel> recordToMerge(const QVLModelClass& cls, std::string_view text);
+
+/// @name The QVLApiModel operations of the same names on the library's own JSON values
+///@{
+std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                         const nlohmann::json& dictionary,
+                                                         qvl::Store* realm);
+std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
+                                                         const nlohmann::json& dictionary);
+std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(const QVLModelClass& cls,
+                                                                  const nlohmann::json& array,
+                                                                  qvl::Store* realm,
+                                                                  std::vector<QVLError>* rejected);
+///@}
+
+/// Service bytes as JSON, without recursion. Text that is not JSON gives a discarded value
+/// (is_discarded()), or throws nlohmann::json::parse_error when allowExceptions; arrays and
+/// objects nested deeper than kQVLMaxJSONDepth throw QVLMappingError.
+nlohmann::json parseJSONData(std::string_view data, bool allowExceptions = false);
 
 }  // namespace qvl::detail

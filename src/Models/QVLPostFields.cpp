@@ -2,18 +2,20 @@
 
 #include <string_view>
 
+#include "Platform/JsonImpl.h"
 #include "quorvel/Helpers/QVLPostFieldHelper.h"
 
 namespace {
 
 // The field's content as a JSON object when it is of the given type.
-std::optional<nlohmann::json> jsonOf(const QVLPostField& field, QVLPostFieldType type) {
+std::optional<qvl::Json> jsonOf(const QVLPostField& field, QVLPostFieldType type) {
   if (field.postFieldTypeId() != type) return std::nullopt;
   return QVLPostFieldHelper::parseStringToJSON(field.content().value_or(std::string()));
 }
 
 // A member as text without checks: text as it stands, any other value as its JSON text.
-std::optional<std::string> untypedText(const nlohmann::json& object, const char* key) {
+std::optional<std::string> untypedText(const qvl::Json& value, const char* key) {
+  const nlohmann::json& object = qvl::detail::nlohmannOf(value);
   auto it = object.find(key);
   if (it == object.end() || it->is_null()) return std::nullopt;
   if (it->is_string()) return it->get<std::string>();
@@ -48,7 +50,8 @@ std::size_t blankBefore(std::string_view text, std::size_t end) {
 }
 
 // A member that is text, trimmed of white space and line breaks; nullopt when empty.
-std::optional<std::string> trimmedText(const nlohmann::json& object, const char* key) {
+std::optional<std::string> trimmedText(const qvl::Json& value, const char* key) {
+  const nlohmann::json& object = qvl::detail::nlohmannOf(value);
   auto it = object.find(key);
   if (it == object.end() || !it->is_string()) return std::nullopt;
   std::string_view text = it->get_ref<const std::string&>();

@@ -7,8 +7,8 @@
 
 namespace qvl {
 
-void BundleInfo::setInfoDictionary(nlohmann::json dictionary) {
-  if (!dictionary.is_object()) dictionary = nlohmann::json::object();
+void BundleInfo::setInfoDictionary(Json dictionary) {
+  if (!dictionary.isObject()) dictionary = Json::object();
   Env::update([&dictionary](Env& env) { env.bundleInfo = std::move(dictionary); });
 }
 
@@ -22,13 +22,13 @@ bool BundleInfo::loadFromFile(const std::string& path, std::string* error) {
   std::ostringstream text;
   text << file.rdbuf();
   if (file.bad()) return fail("cannot read " + path);
-  nlohmann::json parsed = nlohmann::json::parse(text.str(), nullptr, /*allow_exceptions=*/false);
-  if (parsed.is_discarded()) return fail(path + " is not valid JSON");
-  if (!parsed.is_object()) return fail(path + " does not hold a JSON object");
-  setInfoDictionary(std::move(parsed));
+  std::optional<Json> parsed = Json::parse(text.str());
+  if (!parsed) return fail(path + " is not valid JSON");
+  if (!parsed->isObject()) return fail(path + " does not hold a JSON object");
+  setInfoDictionary(std::move(*parsed));
   return true;
 }
 
-nlohmann::json BundleInfo::infoDictionary() { return Env::current()->bundleInfo; }
+Json BundleInfo::infoDictionary() { return Env::current()->bundleInfo; }
 
 }  // namespace qvl

@@ -34,7 +34,7 @@ std::shared_ptr<const Env> completed(Env env) {
   if (!env.mainQueue) env.mainQueue = standard.mainQueue;
   if (!env.notificationCenter) env.notificationCenter = standard.notificationCenter;
   if (!env.application) env.application = standard.application;
-  if (!env.bundleInfo.is_object()) env.bundleInfo = nlohmann::json::object();
+  if (!env.bundleInfo.isObject()) env.bundleInfo = Json::object();
   return std::make_shared<const Env>(std::move(env));
 }
 

@@ -58,7 +58,7 @@ using SteadyClock = std::chrono::steady_clock;
 
 QVLError transportError(CURLcode code, std::string message) {
   return QVLError{kQVLTransportErrorDomain, static_cast<long long>(code),
-                  nlohmann::json{{"message", std::move(message)}}};
+                  Json::object({{"message", std::move(message)}})};
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "Platform/Base64.h"
 #include "Platform/CountersImpl.h"
 #include "Platform/HostNames.h"
+#include "Platform/JsonImpl.h"
 #include "Platform/StandardNetworking.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Clock.h"
@@ -152,7 +153,7 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   }
 
   nlohmann::json report = nlohmann::json::object();
-  const nlohmann::json info = BundleInfo::infoDictionary();
+  const nlohmann::json info = detail::nlohmannOf(BundleInfo::infoDictionary());
   if (auto it = info.find("CFBundleIdentifier"); it != info.end() && it->is_string()) {
     report["app-bundle-id"] = *it;
   }
@@ -179,18 +180,19 @@ void PinValidator::sendReport(const PinnedDomainConfiguration& domain,
   config.additionalHeaders = {{"Content-Type", "application/json"}};
   for (const auto& uri : domain.reportUris) {
     auto session = HttpSession::create(config, nullptr);
-    session->dataTask(
-        HttpRequest{"POST", uri, {}, body},
-        [uri](std::string, std::optional<HttpResponse> response, std::optional<QVLError> error) {
-          if (error) {
-            log(LogLevel::warning,
-                "pin failure report to " + uri + " failed: " +
-                    error->userInfo.value_or(nlohmann::json::object()).value("message", ""));
-          } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
-            log(LogLevel::warning, "pin failure report to " + uri + " answered " +
-                                       std::to_string(response->statusCode));
-          }
-        });
+    session->dataTask(HttpRequest{"POST", uri, {}, body}, [uri](
+                                                              std::string,
+                                                              std::optional<HttpResponse> response,
+                                                              std::optional<QVLError> error) {
+      if (error) {
+        log(LogLevel::warning,
+            "pin failure report to " + uri + " failed: " +
+                detail::nlohmannOf(error->userInfo.value_or(Json::object())).value("message", ""));
+      } else if (response && (response->statusCode < 200 || response->statusCode >= 300)) {
+        log(LogLevel::warning,
+            "pin failure report to " + uri + " answered " + std::to_string(response->statusCode));
+      }
+    });
   }
 }
 

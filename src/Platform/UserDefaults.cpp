@@ -14,6 +14,7 @@
 
 #include "Platform/Base64.h"
 #include "Platform/Immortal.h"
+#include "Platform/JsonImpl.h"
 #include "Platform/PrivateFiles.h"
 #include "quorvel/Platform/BundleInfo.h"
 #include "quorvel/Platform/Env.h"
@@ -79,7 +80,7 @@ std::string UserDefaults::defaultStandardPath() {
     base = homeDirectory() + "/.config";
   }
   std::string id = "default";
-  const nlohmann::json info = BundleInfo::infoDictionary();
+  const nlohmann::json info = detail::nlohmannOf(BundleInfo::infoDictionary());
   if (auto it = info.find("CFBundleIdentifier"); it != info.end() && it->is_string()) {
     id = it->get<std::string>();
   }

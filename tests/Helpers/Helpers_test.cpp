@@ -156,7 +156,7 @@ TEST_F(RealmTest, FourDigitYearsRoundTripThroughTextAndStore) {
     auto stored = QVLRealm::realm()->object<QVLPostPeriod>(id);
     ASSERT_TRUE(stored);
     EXPECT_EQ(stored->stop(), c.date) << c.text;
-    EXPECT_EQ(stored->toDictionary()["stop"], c.text);
+    EXPECT_EQ(stored->toDictionary().at("stop"), c.text);
     EXPECT_EQ(stored->active(), c.date > now) << c.text;
   }
   // Outside four digits the year is signed.

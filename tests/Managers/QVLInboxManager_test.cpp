@@ -127,7 +127,9 @@ TEST_F(QVLInboxManagerTest, TheBadgeCountsUnreadActivePostsOnTheMainQueueWhenEna
   for (bool enabled : {false, true}) {
     SCOPED_TRACE(enabled ? "enabled" : "disabled");
     change([enabled](qvl::Env& env) {
-      env.bundleInfo["QuorvelSDK"]["AutoUpdateAppIconBadge"] = enabled;
+      qvl::Json settings = env.bundleInfo.at("QuorvelSDK").value_or(qvl::Json::object());
+      settings.set("AutoUpdateAppIconBadge", enabled);
+      env.bundleInfo.set("QuorvelSDK", std::move(settings));
     });
     inbox().removeAllPosts();
     inbox().addPost(storePost(1));        // no periods: active, unread
@@ -167,11 +169,11 @@ TEST_F(QVLInboxManagerTest, EachFailureReachesTheHostInItsDomainAndNeverAsAnExce
            response.set_content(R"({"error":"down"})", "application/json");
          });
        },
-       sync, QVLError{kQVLApiClientErrorDomain, 500, json{{"error", "down"}}}},
+       sync, QVLError{kQVLApiClientErrorDomain, 500, qvl::Json{{"error", "down"}}}},
       {"no answer", [this] { serviceAt(refusingPort()); }, sync,
        QVLError{kQVLTransportErrorDomain, 7, std::nullopt}},  // CURLE_COULDNT_CONNECT
       {"no endpoint", [] {}, QVLPushManager::updateGuestIdForEndpointWithCompletion,
-       QVLError{kQVLPushManagerErrorDomain, 1, json{{"info", "No existing endpoint id"}}}},
+       QVLError{kQVLPushManagerErrorDomain, 1, qvl::Json{{"info", "No existing endpoint id"}}}},
       {"store refuses the record", [] {},
        [&](auto) { subscriptions().subscribeToShop(otherThreads); }, std::nullopt},
   };

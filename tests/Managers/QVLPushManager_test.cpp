@@ -68,7 +68,7 @@ TEST_F(QVLPushManagerTest, FailuresReachTheCompletionAndLeaveTheEndpointAlone) {
   QVLPushManager::updateGuestIdForEndpointWithCompletion([&](std::optional<QVLError> error) {
     calledBack = true;
     EXPECT_EQ(error,
-              (QVLError{"QVLPushManagerError", 1, json{{"info", "No existing endpoint id"}}}));
+              (QVLError{"QVLPushManagerError", 1, qvl::Json{{"info", "No existing endpoint id"}}}));
   });
   EXPECT_TRUE(calledBack);  // at once, on this thread: no request was made
   EXPECT_TRUE(server_.requests().empty());
@@ -85,22 +85,22 @@ TEST_F(QVLPushManagerTest, FailuresReachTheCompletionAndLeaveTheEndpointAlone) {
        false,
        201,
        R"({"name":"x"})",
-       {"QVLPushManagerError", 500, json{{"name", "x"}}}},
+       {"QVLPushManagerError", 500, qvl::Json{{"name", "x"}}}},
       {"create answer with id 0",
        false,
        200,
        R"({"id":0})",
-       {"QVLPushManagerError", 500, json{{"id", 0}}}},
+       {"QVLPushManagerError", 500, qvl::Json{{"id", 0}}}},
       {"create refused",
        false,
        403,
        R"({"error":"no"})",
-       {"QVLApiClientErrorDomain", 403, json{{"error", "no"}}}},
+       {"QVLApiClientErrorDomain", 403, qvl::Json{{"error", "no"}}}},
       {"attach refused",
        true,
        404,
        R"({"error":"gone"})",
-       {"QVLApiClientErrorDomain", 404, json{{"error", "gone"}}}},
+       {"QVLApiClientErrorDomain", 404, qvl::Json{{"error", "gone"}}}},
   };
   QVLPushManager::setEndpointId(5);
   for (const auto& c : cases) {

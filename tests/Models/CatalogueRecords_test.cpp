@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include "Models/RecordTestSupport.h"
 #include "quorvel/Models/QVLBeacon.h"
 #include "quorvel/Models/QVLGeofence.h"
@@ -16,7 +14,7 @@
 
 namespace {
 
-using nlohmann::json;
+using json = qvl::Json;
 using records_test::kNow;
 
 constexpr const char* kUuidText = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
@@ -41,13 +39,13 @@ TEST(CatalogueRegionTest, NarrowsByWhatIsPresentAndNamesItselfAfterTheId) {
   };
   for (auto row : rows) {
     SCOPED_TRACE(row.answer.dump());
-    if (!row.answer.contains("uuid")) row.answer["uuid"] = kUuidText;
+    if (!row.answer.contains("uuid")) row.answer.set("uuid", kUuidText);
     auto region = regionFrom(row.answer)->beaconRegion();
     ASSERT_TRUE(region);
     EXPECT_EQ(region->proximityUUID.toString(), kUuidText);
     EXPECT_EQ(region->major, row.major);
     EXPECT_EQ(region->minor, row.minor);
-    EXPECT_EQ(region->identifier, "qvl_region;" + row.answer["id"].dump());
+    EXPECT_EQ(region->identifier, "qvl_region;" + row.answer.at("id")->dump());
   }
   EXPECT_FALSE(regionFrom({{"id", 1}, {"uuid", "not-a-uuid"}})->beaconRegion());
   EXPECT_FALSE(regionFrom({{"id", 1}})->beaconRegion());
@@ -75,7 +73,7 @@ TEST(CatalogueBeaconTest, DefaultPositionWhenEitherCoordinateIsMissing) {
       {{{"latitude", 0.0}, {"longitude", 0.0}}, {0.0, 0.0}},  // zero is a position
   };
   for (auto [answer, expected] : rows) {
-    answer["id"] = 1;
+    answer.set("id", 1);
     EXPECT_EQ(QVLBeacon::newObjectWithJSONDictionary(answer, nullptr)->coordinate(), expected)
         << answer.dump();
     EXPECT_EQ(QVLOrganization::newObjectWithJSONDictionary(answer, nullptr)->coordinate(), expected)

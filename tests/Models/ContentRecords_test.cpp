@@ -5,8 +5,6 @@
 
 #include <thread>
 
-#include <nlohmann/json.hpp>
-
 #include "Models/RecordTestSupport.h"
 #include "quorvel/Helpers/QVLPostFieldHelper.h"
 #include "quorvel/Models/QVLBeacon.h"
@@ -17,7 +15,7 @@
 
 namespace {
 
-using nlohmann::json;
+using json = qvl::Json;
 using records_test::Keys;
 using records_test::keysOf;
 using records_test::kNow;
@@ -33,8 +31,10 @@ json period(std::int64_t id, qvl::Date start, qvl::Date stop) {
   return {{"id", id}, {"start", serviceDate(start)}, {"stop", serviceDate(stop)}};
 }
 
-std::shared_ptr<QVLPost> post(std::int64_t id, std::vector<json> periods = {}) {
-  return QVLPost::newObjectWithJSONDictionary({{"id", id}, {"postperiods", periods}}, nullptr);
+std::shared_ptr<QVLPost> post(std::int64_t id, const std::vector<json>& periods = {}) {
+  json list = json::array();
+  for (const json& p : periods) list.append(p);
+  return QVLPost::newObjectWithJSONDictionary({{"id", id}, {"postperiods", list}}, nullptr);
 }
 
 class ContentPostTest : public records_test::FixedClockTest {};
@@ -101,14 +101,9 @@ TEST(ContentPostFieldTest, MalformedJsonGivesNoViewAndOneLogLine) {
   LogCapture log;
   auto parsed = QVLPostFieldHelper::parseStringToJSON(R"({"a": [1, {"b": null}]})");
   ASSERT_TRUE(parsed);
-  EXPECT_EQ((*parsed)["a"][1]["b"], nullptr);
+  EXPECT_EQ(parsed->at("a")->at(1)->at("b"), json());
   EXPECT_FALSE(QVLPostFieldHelper::parseStringToJSON("{\"a\": 1} // comment"));
   EXPECT_EQ(log.lines().size(), 1u);
-}
-
-std::optional<QVLPostFieldCoupon> couponOf(const json& content) {
-  auto f = fieldOf(QVLPostFieldTypeCoupon, content.dump());
-  return QVLPostFieldCoupon::initWithPostField(*f);
 }
 
 TEST(ContentPostFieldTest, CouponTextsAreTrimmedTextsOrNothingAndRedeemableIsAPresenceTest) {
@@ -125,7 +120,7 @@ TEST(ContentPostFieldTest, CouponTextsAreTrimmedTextsOrNothingAndRedeemableIsAPr
           {R"({"price":50,"price_before":100.5,"discount":true,"redeemable":null})",
            {{}, {}, {}, {}, true}},
       }) {
-    auto coupon = couponOf(json::parse(content));
+    auto coupon = QVLPostFieldCoupon::initWithPostField(*fieldOf(QVLPostFieldTypeCoupon, content));
     EXPECT_EQ(Texts(coupon->text(), coupon->priceBefore(), coupon->price(), coupon->discount(),
                     coupon->redeemable()),
               expected)
@@ -165,7 +160,7 @@ TEST(ContentPrizeTest, ExclusiveOnlyWithTheQuotedKey) {
       {json::object(), false},
   };
   for (auto [answer, exclusive] : rows) {
-    answer["id"] = 1;
+    answer.set("id", 1);
     EXPECT_EQ(QVLPrize::newObjectWithJSONDictionary(answer, nullptr)->isExclusive(), exclusive)
         << answer.dump();
   }
@@ -192,7 +187,7 @@ TEST_F(ContentStoreTest, RefreshKeepsInboxMarksAndFollowsThePeriodsSent) {
     EXPECT_TRUE(post->saved());
     EXPECT_EQ(post->content(), "<p>Hi</p>") << "a missing key keeps the value";
     EXPECT_EQ(post->periods().size(),
-              refresh.contains("postperiods") ? refresh["postperiods"].size() : 1u);
+              refresh.contains("postperiods") ? refresh.at("postperiods")->size() : 1u);
   }
   EXPECT_TRUE(stored->active()) << "without periods a post is always active";
 }
@@ -206,8 +201,8 @@ TEST_F(ContentStoreTest, PostDictionaryNamesItsThumbnailByKey) {
       store_.get());
   auto stored = store(post);
   json d = stored->toDictionary();
-  EXPECT_EQ(d["thumbnail_id"], 77);
-  EXPECT_EQ(d["content.html"], "<b>x</b>");
+  EXPECT_EQ(d.at("thumbnail_id"), 77);
+  EXPECT_EQ(d.at("content.html"), "<b>x</b>");
   EXPECT_FALSE(d.contains("postfields"));
   EXPECT_FALSE(d.contains("thumbnail"));
   EXPECT_FALSE(d.contains("read")) << "inbox marks are not the service's";

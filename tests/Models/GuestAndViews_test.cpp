@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include "Models/RecordTestSupport.h"
 #include "quorvel/Managers/QVLApiClient.h"
 #include "quorvel/Models/QVLBeaconView.h"
@@ -12,14 +10,14 @@
 
 namespace {
 
-using nlohmann::json;
+using json = qvl::Json;
 using records_test::at;
 
 class GuestRefreshTest : public records_test::RecordStoreTest {
  protected:
   std::shared_ptr<QVLGuest> refresh(const json& answer) {
     store(QVLGuest::newObjectWithJSONDictionary(answer, store_.get()));
-    return store_->object<QVLGuest>(answer.at("id").get<std::int64_t>());
+    return store_->object<QVLGuest>(answer.at("id")->asInt());
   }
 };
 
@@ -65,7 +63,7 @@ TEST(ViewRecordTest, PostViewDictionaryLeavesOutTheAudienceAndTheLocalId) {
                                         {"time_out", "2024-03-05T12:00:42+0000"}}));
 
   view->setAudienceId(4);
-  EXPECT_EQ(view->toDictionary().value("audience_id", json()), 4);
+  EXPECT_EQ(view->toDictionary().at("audience_id"), 4);
 }
 
 TEST(ViewRecordTest, BeaconViewDictionaryLeavesOutAMissingExit) {

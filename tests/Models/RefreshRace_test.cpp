@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "Models/RecordTestSupport.h"
@@ -12,7 +11,7 @@
 
 namespace {
 
-using nlohmann::json;
+using json = qvl::Json;
 
 class RefreshRaceTest : public records_test::RecordStoreTest {
  protected:
@@ -64,7 +63,7 @@ TEST_F(RefreshRaceTest, ConcurrentRefreshesLoseNoInboxAppendOrReadMark) {
   });
 
   json posts = json::array();
-  for (int id = 1; id <= kPosts; ++id) posts.push_back({{"id", id}, {"name", "p"}});
+  for (int id = 1; id <= kPosts; ++id) posts.append({{"id", id}, {"name", "p"}});
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
   auto guarded = [&](auto body) {

@@ -47,7 +47,7 @@ class HttpSessionTest : public ::testing::Test {
     EXPECT_EQ(outcome.error->domain, kQVLTransportErrorDomain);
     EXPECT_EQ(outcome.error->code, code) << outcome.error->userInfo.value_or(nullptr).dump();
     ASSERT_TRUE(outcome.error->userInfo.has_value());
-    EXPECT_FALSE(outcome.error->userInfo->value("message", "").empty());
+    EXPECT_TRUE(outcome.error->userInfo->at("message").value_or(nullptr).asString());
   }
 };
 

@@ -198,7 +198,7 @@ TEST_F(PinningTest, WrongPinRefusesTheHandshakeAndReportsTheFailureOnce) {
 }
 
 TEST_F(PinningTest, ReportsLeaveOutAbsentApplicationDetails) {
-  ScopedEnv noDetails([](Env& env) { env.bundleInfo = nlohmann::json::object(); });
+  ScopedEnv noDetails([](Env& env) { env.bundleInfo = qvl::Json::object(); });
   HttpsServer server(TestCertificates::leaf());
   HttpsServer reports(TestCertificates::leaf());
   validator_.configure({{pinnedDomain("dev.localhost", false, {TestCertificates::otherLeaf().pin},

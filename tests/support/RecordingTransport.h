@@ -21,7 +21,7 @@ struct TransportAnswer {
   TransportAnswer(long status, std::string body) : status(status), body(std::move(body)) {}
   static TransportAnswer unreachable() {
     TransportAnswer answer(0, "");
-    answer.error = QVLError{kQVLTransportErrorDomain, 7, nlohmann::json{{"message", "refused"}}};
+    answer.error = QVLError{kQVLTransportErrorDomain, 7, qvl::Json{{"message", "refused"}}};
     return answer;
   }
 };

@@ -405,7 +405,8 @@ int main(int argc, char** argv) {
     env.trustAnchorsFile = sandbox["ca_file"];
     env.bundleInfo = {
         {"CFBundleShortVersionString", "1.0"},
-        {"QuorvelSDK", {{"ApiKey", sandbox["api_key"]}, {"AutoUpdateAppIconBadge", true}}}};
+        {"QuorvelSDK",
+         {{"ApiKey", sandbox["api_key"].get<std::string>()}, {"AutoUpdateAppIconBadge", true}}}};
     env.logSink = [timeline](qvl::LogLevel, std::string_view line) {
       timeline->print("sdk log", line);
     };

@@ -5,9 +5,8 @@
 #include <optional>
 #include <string_view>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
+#include "quorvel/Platform/Json.h"
 
 /// Stateless; safe on any thread.
 class QVL_EXPORT QVLPostFieldHelper {
@@ -16,5 +15,5 @@ class QVL_EXPORT QVLPostFieldHelper {
   /// error, on nesting deeper than kQVLMaxJSONDepth, or when the text holds a value other than an
   /// object, logs "Couldn't parse QVLPostField to JSON: <error>" through qvl::log and returns
   /// nullopt.
-  static std::optional<nlohmann::json> parseStringToJSON(std::string_view text);
+  static std::optional<qvl::Json> parseStringToJSON(std::string_view text);
 };

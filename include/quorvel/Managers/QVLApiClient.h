@@ -12,11 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
 #include "quorvel/Models/QVLApiModel.h"
 #include "quorvel/Platform/HttpSession.h"
+#include "quorvel/Platform/Json.h"
 #include "quorvel/QVLError.h"
 #include "quorvel/Store/Store.h"
 
@@ -130,7 +129,7 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
                                  const std::optional<std::string>& includes,
                                  const std::optional<LimitFields>& limitFields) const;
   /// POST baseURLV8/resource with the object as compact JSON.
-  qvl::HttpRequest apiPostRequest(const std::string& resource, const nlohmann::json& object) const;
+  qvl::HttpRequest apiPostRequest(const std::string& resource, const qvl::Json& object) const;
   /// 200 <= status < 300.
   static bool successfulResponse(const qvl::HttpResponse& response);
   /// "QVLApiClientErrorDomain", code = status, user information = the body when it is a
@@ -195,7 +194,7 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
                      const std::optional<std::string>& withRelationshipString,
                      ErrorCompletion completion);
   /// POST {"prize_id": prizeIdentifier} to "redemptions"; nothing is stored.
-  void redeemPrize(const nlohmann::json& prizeIdentifier, ErrorCompletion completion);
+  void redeemPrize(const qvl::Json& prizeIdentifier, ErrorCompletion completion);
 
   // ---- parsing and saving (synchronous, on the calling thread) ----------------------------
 

@@ -7,10 +7,9 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
 #include "quorvel/Platform/HttpSession.h"
+#include "quorvel/Platform/Json.h"
 #include "quorvel/QVLError.h"
 
 /// Class operations only. The one piece of state is the endpoint id that the service gave
@@ -51,7 +50,7 @@ class QVL_EXPORT QVLPushManager {
   /// the client's). A body that cannot be serialised (text that is not UTF-8) leaves the
   /// request's body empty; never throws for it.
   static qvl::HttpRequest requestWithURL(std::string url, std::string method,
-                                         const nlohmann::json& body);
+                                         const qvl::Json& body);
   /// "APNS".
   static std::string platform();
   /// The first guest's guestId, or 0 without a guest; read afresh on every call.

@@ -12,10 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
 #include "quorvel/Models/QVLRelationshipMapping.h"
+#include "quorvel/Platform/Json.h"
 #include "quorvel/QVLError.h"
 #include "quorvel/Store/Store.h"
 
@@ -44,12 +43,6 @@ class QVL_EXPORT QVLMappingError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-
-/// How deep service JSON may nest arrays and objects (the outermost counts as 1). Code
-/// that walks JSON (printing, copying, comparing) recurses once per level, so a hostile
-/// answer nested a hundred thousand levels deep would exhaust the stack; such answers, and
-/// JSON-valued text properties nested deeper than this, are rejected instead.
-inline constexpr int kQVLMaxJSONDepth = 128;
 
 class QVLModelClass;
 
@@ -179,37 +172,31 @@ class QVL_EXPORT QVLApiModel : public qvl::Object {
   /// Throws QVLMappingError for a value of the wrong kind, QVLException for a class
   /// without a mapping.
   static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
-                                                                  const nlohmann::json& dictionary,
+                                                                  const qvl::Json& dictionary,
                                                                   qvl::Store* realm);
   /// The same against the calling thread's default store (QVLRealm::realm()).
   static std::shared_ptr<QVLApiModel> newObjectWithJSONDictionary(const QVLModelClass& cls,
-                                                                  const nlohmann::json& dictionary);
+                                                                  const qvl::Json& dictionary);
   /// One record per element, in order, against the default store. A rejected element
   /// (wrong kind) is left out, logged as "QuorvelSDK: Rejected <class> record: <reason>"
   /// and, when rejected is given, appended to it as a QVLMappingErrorDomain error. A value
   /// that is not an array gives an empty list.
   static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
-      const QVLModelClass& cls, const nlohmann::json& array,
-      std::vector<QVLError>* rejected = nullptr);
+      const QVLModelClass& cls, const qvl::Json& array, std::vector<QVLError>* rejected = nullptr);
   /// The same against a given handle (may be null).
   static std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(
-      const QVLModelClass& cls, const nlohmann::json& array, qvl::Store* realm,
+      const QVLModelClass& cls, const qvl::Json& array, qvl::Store* realm,
       std::vector<QVLError>* rejected);
-
-  /// Service bytes as JSON, without recursion. Text that is not JSON gives a discarded
-  /// value (is_discarded()), or throws nlohmann::json::parse_error when allowExceptions;
-  /// arrays and objects nested deeper than kQVLMaxJSONDepth throw QVLMappingError.
-  static nlohmann::json parseJSONData(std::string_view data, bool allowExceptions = false);
 
   /// The record as a flat JSON object: mapped values under their key paths taken
   /// literally ("urls.original"), dates as service text, to-one relations as the related
   /// record's primary key under the relation key; absent values and lists left out.
-  nlohmann::json toDictionary() const;
+  qvl::Json toDictionary() const;
   /// A JSON array of toDictionary() of each record, in order (records are pointers).
   template <class Range>
-  static nlohmann::json arrayOfDictionariesFromObjects(const Range& records) {
-    nlohmann::json out = nlohmann::json::array();
-    for (const auto& record : records) out.push_back(record->toDictionary());
+  static qvl::Json arrayOfDictionariesFromObjects(const Range& records) {
+    qvl::Json out = qvl::Json::array();
+    for (const auto& record : records) out.append(record->toDictionary());
     return out;
   }
 
@@ -239,19 +226,19 @@ class QVL_EXPORT QVLModel : public QVLApiModel {
   ///@{
 
   /// The QVLApiModel operation of the same name with T's class; same rules and errors.
-  static std::shared_ptr<T> newObjectWithJSONDictionary(const nlohmann::json& dictionary,
+  static std::shared_ptr<T> newObjectWithJSONDictionary(const qvl::Json& dictionary,
                                                         qvl::Store* realm) {
     return std::static_pointer_cast<T>(
         QVLApiModel::newObjectWithJSONDictionary(T::modelClass(), dictionary, realm));
   }
   /// The same against the calling thread's default store.
-  static std::shared_ptr<T> newObjectWithJSONDictionary(const nlohmann::json& dictionary) {
+  static std::shared_ptr<T> newObjectWithJSONDictionary(const qvl::Json& dictionary) {
     return std::static_pointer_cast<T>(
         QVLApiModel::newObjectWithJSONDictionary(T::modelClass(), dictionary));
   }
   /// One record per accepted element, in order; rejected elements as in QVLApiModel.
   static std::vector<std::shared_ptr<T>> newObjectsWithJSONArray(
-      const nlohmann::json& array, std::vector<QVLError>* rejected = nullptr) {
+      const qvl::Json& array, std::vector<QVLError>* rejected = nullptr) {
     std::vector<std::shared_ptr<T>> out;
     for (auto& r : QVLApiModel::newObjectsWithJSONArray(T::modelClass(), array, rejected)) {
       out.push_back(std::static_pointer_cast<T>(r));

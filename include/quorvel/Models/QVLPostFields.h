@@ -13,10 +13,9 @@
 #include <optional>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
 #include "quorvel/Models/QVLPostField.h"
+#include "quorvel/Platform/Json.h"
 #include "quorvel/Platform/Url.h"
 
 /// Type 1: plain text.
@@ -41,13 +40,13 @@ class QVL_EXPORT QVLPostFieldImages {
   static std::optional<QVLPostFieldImages> initWithPostField(const QVLPostField& field);
 
   /// The parsed content: always a JSON object.
-  const nlohmann::json& json() const { return json_; }
+  const qvl::Json& json() const { return json_; }
   /// json["imageText"]: text as it stands; another kind of value as its JSON text;
   /// nullopt when absent or null.
   std::optional<std::string> text() const;
 
  private:
-  nlohmann::json json_;
+  qvl::Json json_;
 };
 
 /// Type 3: a video URL as text.
@@ -77,7 +76,7 @@ class QVL_EXPORT QVLPostFieldCoupon {
   static std::optional<QVLPostFieldCoupon> initWithPostField(const QVLPostField& field);
 
   /// The parsed content: always a JSON object.
-  const nlohmann::json& json() const { return json_; }
+  const qvl::Json& json() const { return json_; }
   ///@{
   /// The trimmed text under "text", "price_before", "price" and "discount", as above.
   std::optional<std::string> text() const;
@@ -90,7 +89,7 @@ class QVL_EXPORT QVLPostFieldCoupon {
   bool redeemable() const;
 
  private:
-  nlohmann::json json_;
+  qvl::Json json_;
 };
 
 /// Type 7: a call to action as a JSON object. Unlike the coupon's, its texts are neither
@@ -101,7 +100,7 @@ class QVL_EXPORT QVLPostFieldCallToAction {
   static std::optional<QVLPostFieldCallToAction> initWithPostField(const QVLPostField& field);
 
   /// The parsed content: always a JSON object.
-  const nlohmann::json& json() const { return json_; }
+  const qvl::Json& json() const { return json_; }
   /// json["text"]: text as it stands; another kind of value as its JSON text; nullopt
   /// when absent or null.
   std::optional<std::string> text() const;
@@ -109,5 +108,5 @@ class QVL_EXPORT QVLPostFieldCallToAction {
   std::optional<qvl::Url> url() const;
 
  private:
-  nlohmann::json json_;
+  qvl::Json json_;
 };

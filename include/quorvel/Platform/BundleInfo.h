@@ -5,9 +5,8 @@
 
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
+#include "quorvel/Platform/Json.h"
 
 namespace qvl {
 
@@ -20,7 +19,7 @@ class QVL_EXPORT BundleInfo {
 
   /// Installs the environment in force with `dictionary` as its bundle information. A value
   /// that is not a JSON object is stored as an empty object.
-  static void setInfoDictionary(nlohmann::json dictionary);
+  static void setInfoDictionary(Json dictionary);
 
   /// Reads the dictionary from a JSON file the host names and installs it as
   /// setInfoDictionary does. On failure (unreadable file, invalid JSON, not an object) it
@@ -29,7 +28,7 @@ class QVL_EXPORT BundleInfo {
   static bool loadFromFile(const std::string& path, std::string* error);
 
   /// A copy of the current dictionary.
-  static nlohmann::json infoDictionary();
+  static Json infoDictionary();
 };
 
 }  // namespace qvl

@@ -7,9 +7,8 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "quorvel/Export.h"
+#include "quorvel/Platform/Json.h"
 #include "quorvel/Platform/Log.h"
 
 namespace qvl {
@@ -97,7 +96,7 @@ struct QVL_EXPORT Env {
   std::string userDefaultsPath;
   /// The host application's information dictionary (identity, version, the "QuorvelSDK"
   /// settings). A value that is not an object reads as empty.
-  nlohmann::json bundleInfo = nlohmann::json::object();
+  Json bundleInfo = Json::object();
   /// The service's API domain; an optional ":port" is kept in URLs and left out of the
   /// pinned domain. Empty: "quorvel.io".
   std::string apiDomain;
