@@ -5,15 +5,13 @@
 
 #include <curl/curl.h>
 
-#include <fstream>
-#include <sstream>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "devserver/HttpsServer.h"
 #include "support/RunDataTask.h"
+#include "support/TempDir.h"
 #include "support/TestCertificates.h"
 
 namespace qvl {
@@ -35,23 +33,6 @@ ServerTrustChallenge challengeFor(std::string host, std::vector<std::string> cha
                                                         TestCertificates::leaf().certificateDer,
                                                         TestCertificates::ca().certificateDer}) {
   return {std::move(host), 443, std::move(chain)};
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream file(path);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-TEST(PinValidatorTest, PublicKeyHashIsTheSha256OfTheSubjectPublicKeyInfo) {
-  // The test pins come from the keys themselves, independently of the certificates.
-  EXPECT_EQ(PinValidator::publicKeyHash(TestCertificates::leaf().certificateDer),
-            TestCertificates::leaf().pin);
-  EXPECT_EQ(PinValidator::publicKeyHash(TestCertificates::ca().certificateDer),
-            TestCertificates::ca().pin);
-  EXPECT_EQ(PinValidator::publicKeyHash("not a certificate"), "");
-  EXPECT_EQ(PinValidator::publicKeyHash(""), "");
 }
 
 TEST(PinValidatorTest, OnlyHostsOfAPinnedDomainAreHandled) {
@@ -177,8 +158,8 @@ TEST_F(PinningTest, WrongPinRefusesTheHandshakeAndReportsTheFailureOnce) {
                 {"known-pins", nlohmann::json::array(
                                    {"pin-sha256=\"" + TestCertificates::otherLeaf().pin + "\""})},
                 {"validated-certificate-chain",
-                 nlohmann::json::array({readFile(TestCertificates::leaf().certificatePath),
-                                        readFile(TestCertificates::ca().certificatePath)})},
+                 nlohmann::json::array({test::readFile(TestCertificates::leaf().certificatePath),
+                                        test::readFile(TestCertificates::ca().certificatePath)})},
             }));
 
   // The same failure again is not reported; one on another host is. The repeated report

@@ -7,8 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -27,18 +25,9 @@ namespace {
 
 using ::testing::HasSubstr;
 
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 using test::LogCapture;
+using test::readFile;
+using test::writeFile;
 using ::testing::Contains;
 
 TEST(BundleInfoTest, LoadsDictionaryAndKeepsItWhenLaterFilesAreBad) {
