@@ -46,9 +46,12 @@ class DeviceProximityTest : public ::testing::Test {
       GTEST_SKIP() << "missing: " << missing;
     }
     bus_ = std::make_unique<MockBus>();
-    bus_->start("bluez_beacons", "org.bluez");
     bluez_ = bus_->proxy("org.bluez", "/");
     adapter_ = bus_->proxy("org.bluez", "/org/bluez/hci0");
+    startBluez();
+  }
+  void startBluez() {
+    bus_->start("bluez_beacons", "org.bluez");
     bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
   }
 
@@ -199,8 +202,7 @@ TEST_F(DeviceProximityTest, ABluezThatRestartsIsUsedAgain) {
   expectSignals(1, [&] { bus_->stopServices(); });  // the name's owner went
   tick();
   EXPECT_EQ(backend_->state(), BluetoothState::Unsupported);
-  bus_->start("bluez_beacons", "org.bluez");
-  bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
+  startBluez();
   EXPECT_TRUE(eventually([&] { return discovering(); }));
   tick();
   EXPECT_EQ(backend_->state(), BluetoothState::PoweredOn);
@@ -362,8 +364,7 @@ TEST_F(StandardBackendTest, ABluezStartedLaterIsUsedAndOneThatStopsIsUnsupported
   bus_->stopServices();
   central_ = choose(Env::ProximityBackend::automatic);
   ASSERT_TRUE(reaches(BluetoothState::Unsupported));
-  bus_->start("bluez_beacons", "org.bluez");
-  bluez_->callMethod("AddAdapter").onInterface("org.bluez.Mock").withArguments("hci0", "kiosk");
+  startBluez();
   EXPECT_TRUE(reaches(BluetoothState::PoweredOn));
   EXPECT_TRUE(eventually([&] { return discovering(); }));
   bus_->stopServices();

@@ -17,13 +17,9 @@
 
 #include <gtest/gtest.h>
 
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Managers/QVLApiClient.h"
+#include "Managers/ServiceFixture.h"
 #include "quorvel/Models/QVLShop.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/PinValidator.h"
 #include "support/FaultServer.h"
-#include "support/TempDir.h"
 
 namespace {
 
@@ -129,13 +125,20 @@ const std::vector<Fault>& faults() {
   return table;
 }
 
-class HostileServerTest : public ::testing::Test {
+class HostileServerTest : public managers_test::ServiceTest {
  protected:
   void SetUp() override {
-    QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);
-    QVLApiClient::sharedClient().setupPinning();
+    ServiceTest::SetUp();
+    serviceAt(faulty_.port());
+    change([](qvl::Env& env) {
+      qvl::HttpSessionConfiguration limits;
+      limits.timeoutIntervalForRequest = kIdle;
+      limits.timeoutIntervalForResource = kOverall;
+      limits.maximumResponseBytes = kCap;
+      limits.maximumDecodedBytes = kCap;
+      env.httpSessionConfiguration = std::make_shared<const qvl::HttpSessionConfiguration>(limits);
+    });
   }
-  void TearDown() override { qvl::Store::closeThreadHandles(); }
 
   // The request names its fault in the query: /v8/shops?include=<fault>.
   static void serve(FaultConnection& c) {
@@ -145,23 +148,7 @@ class HostileServerTest : public ::testing::Test {
     }
   }
 
-  qvl::test::TempDir directory_;
-  qvl::test::FaultServer server_{&HostileServerTest::serve};
-  qvl::ScopedEnv env_{[this](qvl::Env& env) {
-    env.trustAnchorsFile = qvl::test::TestCertificates::ca().certificatePath;
-    env.userDefaultsPath = directory_.file("host.defaults");
-    env.storeDirectory = directory_.file("store");
-    env.logSink = [](qvl::LogLevel, std::string_view) {};
-    env.apiDomain = "localhost:" + std::to_string(server_.port());
-    env.publicKeyHashes = {qvl::test::TestCertificates::leaf().pin};
-    env.pinValidator = std::make_shared<qvl::PinValidator>();
-    qvl::HttpSessionConfiguration limits;
-    limits.timeoutIntervalForRequest = kIdle;
-    limits.timeoutIntervalForResource = kOverall;
-    limits.maximumResponseBytes = kCap;
-    limits.maximumDecodedBytes = kCap;
-    env.httpSessionConfiguration = std::make_shared<const qvl::HttpSessionConfiguration>(limits);
-  }};
+  qvl::test::FaultServer faulty_{&HostileServerTest::serve};
 };
 
 TEST_F(HostileServerTest, EveryFaultCompletesOnceInTimeWithTheRightErrorAndTheStoreIntact) {

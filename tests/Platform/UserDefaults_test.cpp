@@ -7,8 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -27,18 +25,9 @@ namespace {
 
 using ::testing::HasSubstr;
 
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
 using test::LogCapture;
+using test::readFile;
+using test::writeFile;
 using ::testing::Contains;
 
 TEST(BundleInfoTest, LoadsDictionaryAndKeepsItWhenLaterFilesAreBad) {
@@ -179,23 +168,20 @@ TEST_F(UserDefaultsTest, DamagedFileReadsAsEmptyAndIsReplacedByTheNextChange) {
 
 TEST_F(UserDefaultsTest, ConcurrentWritersLoseNoValue) {
   UserDefaults defaults(path_);
+  const auto key = [](int t, int i) { return "k" + std::to_string(t) + "-" + std::to_string(i); };
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
-    writers.emplace_back([&defaults, t] {
+    writers.emplace_back([&, t] {
       for (int i = 0; i < 10; ++i) {
-        const std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
-        defaults.setData(key, key);
-        EXPECT_EQ(defaults.data(key), key);
+        defaults.setData(key(t, i), key(t, i));
+        EXPECT_EQ(defaults.data(key(t, i)), key(t, i));
       }
     });
   }
   for (auto& writer : writers) writer.join();
   UserDefaults reread(path_);
   for (int t = 0; t < 4; ++t) {
-    for (int i = 0; i < 10; ++i) {
-      const std::string key = "k" + std::to_string(t) + "-" + std::to_string(i);
-      EXPECT_EQ(reread.data(key), key);
-    }
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(reread.data(key(t, i)), key(t, i));
   }
 }
 

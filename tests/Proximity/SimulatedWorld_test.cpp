@@ -36,12 +36,16 @@ class SimulatedWorldTest : public ::testing::Test {
       queue->runUntilIdle();
     }
   }
+  // A step at 0 s that places a beacon of kUuid `x` metres east.
+  static std::string place(const char* id, int major, int minor, double x) {
+    return R"({"at": 0, "beacon": {"id": ")" + std::string(id) + R"(", "uuid": ")" +
+           kUuid.toString() + R"(", "major": )" + std::to_string(major) + R"(, "minor": )" +
+           std::to_string(minor) + R"(, "x": )" + std::to_string(x) + R"(, "y": 0}})";
+  }
   // Plays a scene made of these steps, after one that places beacon "a" (1.1) 5 m away.
   void play(const std::string& steps, const std::string& settings = "{}") {
-    world->play(Scene::parse(R"({"settings": )" + settings + R"(, "timeline": [
-        {"at": 0, "beacon": {"id": "a", "uuid": ")" +
-                             kUuid.toString() + R"(", "major": 1, "minor": 1, "x": 5, "y": 0}})" +
-                             (steps.empty() ? "" : ", " + steps) + "]}"));
+    world->play(Scene::parse(R"({"settings": )" + settings + R"(, "timeline": [)" +
+                             place("a", 1, 1, 5) + (steps.empty() ? "" : ", " + steps) + "]}"));
   }
 
   test::TempDir dir;
@@ -59,15 +63,9 @@ class SimulatedWorldTest : public ::testing::Test {
 TEST_F(SimulatedWorldTest, RangesOnceASecondNearestFirstOnTheMainQueueOnceAuthorized) {
   // "a" (1.1, 5 m) has a weaker measured power: it is heard below "far" (1.3, 12 m) but is
   // nearer.
-  play(R"({"at": 0, "beacon": {"id": "a", "measuredPower": -70}},
-          {"at": 0, "beacon": {"id": "far", "uuid": ")" +
-       kUuid.toString() +
-       R"(", "major": 1, "minor": 3, "x": 12, "y": 0}},
-          {"at": 0, "beacon": {"id": "near", "uuid": ")" +
-       kUuid.toString() + R"(", "major": 1, "minor": 2, "x": 0.3, "y": 0}},
-          {"at": 0, "beacon": {"id": "other", "uuid": ")" +
-       kUuid.toString() + R"(", "major": 2, "minor": 1, "x": 1, "y": 0}},
-          {"at": 4, "removeBeacon": "near"})");
+  play(R"({"at": 0, "beacon": {"id": "a", "measuredPower": -70}}, )" + place("far", 1, 3, 12) +
+       ", " + place("near", 1, 2, 0.3) + ", " + place("other", 2, 1, 1) +
+       R"(, {"at": 4, "removeBeacon": "near"})");
   world->startRanging(BeaconRegion::withMajor(kUuid, 1, "Beacons"));
   run(2);
   EXPECT_EQ(recorder->reports, Log{}) << "no ranging before authorization";

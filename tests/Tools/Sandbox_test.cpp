@@ -32,6 +32,7 @@
 #include "quorvel/Platform/HttpSession.h"
 #include "quorvel/Platform/PinValidator.h"
 #include "quorvel/Platform/UserDefaults.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -39,11 +40,6 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 using qvl::sandbox::Sandbox;
-
-json seedFile() {
-  std::ifstream in(QVL_SANDBOX_SOURCE_SEED);
-  return json::parse(in);
-}
 
 struct Answer {
   int status = 0;  // 0: no answer (connection failed)
@@ -199,18 +195,9 @@ TEST_F(SandboxTest, InjectedFaultsFailRequestsUntilCleared) {
   const Answer control =
       send("POST", "/_sandbox/faults", {{"failure_rate", 0}, {"offline_for", 1}});
   ASSERT_EQ(control.status, 200);
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  int status = 200;
-  while (status != 0 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(20ms);
-    status = send("GET", "/v8/shops").status;
-  }
-  EXPECT_EQ(status, 0) << "the listener never closed";
-  while (status != 200 && std::chrono::steady_clock::now() < deadline + 5s) {
-    std::this_thread::sleep_for(100ms);
-    status = send("GET", "/v8/shops").status;
-  }
-  EXPECT_EQ(status, 200) << "the listener never came back";
+  const auto answers = [&](int status) { return send("GET", "/v8/shops").status == status; };
+  EXPECT_TRUE(qvl::test::eventually([&] { return answers(0); }, 5s)) << "the listener never closed";
+  EXPECT_TRUE(qvl::test::eventually([&] { return answers(200); }, 10s)) << "it never came back";
 }
 
 class SandboxSecurity : public SandboxTest {};
@@ -230,8 +217,9 @@ TEST_F(SandboxSecurity, ControlEndpointsNeedTheControlTokenOfThisStart) {
   const Answer info = send("GET", "/_sandbox/info");
   EXPECT_EQ(info.status, 200);
   EXPECT_EQ(info.body.value("control_token", ""), control);
-  std::ifstream file(directory_.file("sandbox.json"));
-  EXPECT_EQ(json::parse(file).value("control_token", ""), control);
+  EXPECT_EQ(
+      json::parse(qvl::test::readFile(directory_.file("sandbox.json"))).value("control_token", ""),
+      control);
   start();
   EXPECT_NE(sandbox_->controlToken(), control);
 }
@@ -317,8 +305,7 @@ TEST_F(SandboxSecurity, StateFilesArePrivateAndPlantedLinksAreNotFollowed) {
   options_.stateDirectory = dir;
   start();
   ::umask(previous);
-  std::ifstream in(victim);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "untouched");
+  EXPECT_EQ(qvl::test::readFile(victim), "untouched");
   for (const auto& entry : std::filesystem::directory_iterator(dir)) {
     if (entry.is_symlink()) continue;
     EXPECT_EQ(entry.status().permissions(),
@@ -399,7 +386,7 @@ TEST_F(SandboxClientTest, StoresEverySeededRecordClass) {
   view->setTimeIn(qvl::now());
   EXPECT_FALSE(await([&](auto done) { client().postObject(view, done); }));
 
-  const json seed = seedFile();
+  const json seed = json::parse(qvl::test::readFile(QVL_SANDBOX_SOURCE_SEED));
   for (qvl::ObjectClassRef ref : QVLRealm::objectClasses()) {
     const auto& cls = static_cast<const QVLModelClass&>(ref());
     if (cls.primaryKey().empty()) continue;  // view records are only ever sent
