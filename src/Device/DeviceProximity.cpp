@@ -88,6 +88,7 @@ struct DeviceProximity::Private {
   const DeviceProximitySettings settings;
   const std::shared_ptr<Clock> clock;
   const Date start;
+  std::weak_ptr<DeviceProximity> owner;  // set once by create(), before the first tick
   std::atomic<std::uint64_t> handled{0};
   std::atomic<std::uint64_t> dropped{0};
   mutable std::mutex mutex;
@@ -485,7 +486,7 @@ struct DeviceProximity::Private {
 
 std::shared_ptr<DeviceProximity> DeviceProximity::create(DeviceProximitySettings settings) {
   std::shared_ptr<DeviceProximity> backend(new DeviceProximity(std::move(settings)));
-  backend->self_ = backend;
+  backend->d_->owner = backend;
   backend->scheduleTick();
   return backend;
 }
@@ -518,7 +519,7 @@ DeviceProximity::~DeviceProximity() {
 }
 
 void DeviceProximity::scheduleTick() {
-  Clock::TimerId timer = d_->clock->runAfter(std::chrono::seconds(1), [weak = self_] {
+  Clock::TimerId timer = d_->clock->runAfter(std::chrono::seconds(1), [weak = d_->owner] {
     if (auto self = weak.lock()) {
       self->d_->tick(self->d_->clock->now());
       self->scheduleTick();

@@ -241,19 +241,27 @@ struct QVLAnalyticsManager::Outbox {
   }
 };
 
-QVLAnalyticsManager::QVLAnalyticsManager()
-    : outbox_(std::make_unique<Outbox>()),
-      observation_(std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
-          {qvl::Application::kDidBecomeActiveNotification, [this] { sendAllFinishedViews(); }},
-          {qvl::Application::kWillTerminateNotification,
-           [this] { flush(kTerminationFlushDeadline); }}})) {}
+struct QVLAnalyticsManager::Impl {
+  std::mutex mutex;  // guards the two lists
+  std::vector<std::shared_ptr<QVLPostView>> unfinishedPostViews;
+  std::vector<std::shared_ptr<QVLBeaconView>> unfinishedBeaconViews;
+  Outbox outbox;  // what is on its way
+  std::unique_ptr<qvl::CenterObservation> observation;
+};
+
+QVLAnalyticsManager::QVLAnalyticsManager() : impl_(std::make_unique<Impl>()) {
+  impl_->observation = std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
+      {qvl::Application::kDidBecomeActiveNotification, [this] { sendAllFinishedViews(); }},
+      {qvl::Application::kWillTerminateNotification,
+       [this] { flush(kTerminationFlushDeadline); }}});
+}
 
 QVLAnalyticsManager::~QVLAnalyticsManager() = default;
 
 QVLAnalyticsManager& QVLAnalyticsManager::sharedManager() {
   // Never destroyed: client completions may reach it until the process ends.
   static QVLAnalyticsManager* instance = new QVLAnalyticsManager();
-  if (instance->observation_->observeCurrentCenter()) instance->sendAllFinishedViews();
+  if (instance->impl_->observation->observeCurrentCenter()) instance->sendAllFinishedViews();
   return *instance;
 }
 
@@ -269,8 +277,8 @@ void QVLAnalyticsManager::startPostViewOfPost(const std::shared_ptr<QVLPost>& po
   view->setAudienceId(audience ? audience->audienceId() : std::nullopt);
   view->setTimeIn(qvl::now());
   view->setGuestId(guest->guestId());
-  std::lock_guard lock(mutex_);
-  unfinishedPostViews_.push_back(std::move(view));
+  std::lock_guard lock(impl_->mutex);
+  impl_->unfinishedPostViews.push_back(std::move(view));
 }
 
 void QVLAnalyticsManager::finishPostViewOfPost(const std::shared_ptr<QVLPost>& post,
@@ -282,27 +290,28 @@ void QVLAnalyticsManager::finishPostViewOfPost(const std::shared_ptr<QVLPost>& p
   {
     // Taken out of the list before it is sent, so that a concurrent finish cannot send it
     // twice.
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(impl_->mutex);
     auto found = std::find_if(
-        unfinishedPostViews_.begin(), unfinishedPostViews_.end(), [&](const auto& open) {
+        impl_->unfinishedPostViews.begin(), impl_->unfinishedPostViews.end(),
+        [&](const auto& open) {
           return sameId(open->postId(), postId) &&
                  (!open->audienceId() || !audienceId || *open->audienceId() == *audienceId);
         });
-    if (found == unfinishedPostViews_.end()) return;
+    if (found == impl_->unfinishedPostViews.end()) return;
     view = *found;
-    unfinishedPostViews_.erase(found);
+    impl_->unfinishedPostViews.erase(found);
   }
   view->setTimeOut(qvl::now());
   sendOrSaveFinishedView(view);
 }
 
 bool QVLAnalyticsManager::beaconViewIsStartedLocked(std::optional<std::int64_t> beaconId) const {
-  return std::any_of(unfinishedBeaconViews_.begin(), unfinishedBeaconViews_.end(),
+  return std::any_of(impl_->unfinishedBeaconViews.begin(), impl_->unfinishedBeaconViews.end(),
                      [&](const auto& open) { return sameId(open->beaconId(), beaconId); });
 }
 
 bool QVLAnalyticsManager::beaconViewIsStarted(std::optional<std::int64_t> beaconId) const {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex);
   return beaconViewIsStartedLocked(beaconId);
 }
 
@@ -319,8 +328,8 @@ void QVLAnalyticsManager::startBeaconViewOfBeacon(const std::shared_ptr<QVLBeaco
   view->setBeaconId(beaconId);
   view->setEnterDate(qvl::now());
   view->setGuestId(guest->guestId());
-  std::lock_guard lock(mutex_);
-  if (!beaconViewIsStartedLocked(beaconId)) unfinishedBeaconViews_.push_back(std::move(view));
+  std::lock_guard lock(impl_->mutex);
+  if (!beaconViewIsStartedLocked(beaconId)) impl_->unfinishedBeaconViews.push_back(std::move(view));
 }
 
 void QVLAnalyticsManager::finishBeaconViewOfBeacon(const std::shared_ptr<QVLBeacon>& beacon) {
@@ -328,12 +337,13 @@ void QVLAnalyticsManager::finishBeaconViewOfBeacon(const std::shared_ptr<QVLBeac
   const auto beaconId = beacon->beaconId();
   std::shared_ptr<QVLBeaconView> view;
   {
-    std::lock_guard lock(mutex_);
-    auto found = std::find_if(unfinishedBeaconViews_.begin(), unfinishedBeaconViews_.end(),
-                              [&](const auto& open) { return sameId(open->beaconId(), beaconId); });
-    if (found == unfinishedBeaconViews_.end()) return;
+    std::lock_guard lock(impl_->mutex);
+    auto found =
+        std::find_if(impl_->unfinishedBeaconViews.begin(), impl_->unfinishedBeaconViews.end(),
+                     [&](const auto& open) { return sameId(open->beaconId(), beaconId); });
+    if (found == impl_->unfinishedBeaconViews.end()) return;
     view = *found;
-    unfinishedBeaconViews_.erase(found);
+    impl_->unfinishedBeaconViews.erase(found);
   }
   view->setExitDate(qvl::now());
   sendOrSaveFinishedView(view);
@@ -361,15 +371,15 @@ void QVLAnalyticsManager::sendOrSaveFinishedView(const std::shared_ptr<QVLApiMod
   if (!validateView(view)) return;
   qvl::count(qvl::Counter::viewsQueued);
   if (auto post = std::dynamic_pointer_cast<QVLPostView>(view)) {
-    outbox_->sendOne(post);
+    impl_->outbox.sendOne(post);
   } else {
-    outbox_->sendOne(std::static_pointer_cast<QVLBeaconView>(view));
+    impl_->outbox.sendOne(std::static_pointer_cast<QVLBeaconView>(view));
   }
 }
 
-void QVLAnalyticsManager::sendFinishedPostViews() { outbox_->sendStored<QVLPostView>(); }
+void QVLAnalyticsManager::sendFinishedPostViews() { impl_->outbox.sendStored<QVLPostView>(); }
 
-void QVLAnalyticsManager::sendFinishedBeaconViews() { outbox_->sendStored<QVLBeaconView>(); }
+void QVLAnalyticsManager::sendFinishedBeaconViews() { impl_->outbox.sendStored<QVLBeaconView>(); }
 
 void QVLAnalyticsManager::sendAllFinishedViews() {
   sendFinishedPostViews();
@@ -377,25 +387,25 @@ void QVLAnalyticsManager::sendAllFinishedViews() {
 }
 
 bool QVLAnalyticsManager::flush(std::chrono::milliseconds deadline) {
-  return outbox_->flush(deadline);
+  return impl_->outbox.flush(deadline);
 }
 
 bool QVLAnalyticsManager::sendingPostViews() const {
-  std::lock_guard lock(outbox_->mutex);
-  return outbox_->posts.batch;
+  std::lock_guard lock(impl_->outbox.mutex);
+  return impl_->outbox.posts.batch;
 }
 
 bool QVLAnalyticsManager::sendingBeaconViews() const {
-  std::lock_guard lock(outbox_->mutex);
-  return outbox_->beacons.batch;
+  std::lock_guard lock(impl_->outbox.mutex);
+  return impl_->outbox.beacons.batch;
 }
 
 std::vector<std::shared_ptr<QVLPostView>> QVLAnalyticsManager::unfinishedPostViews() const {
-  std::lock_guard lock(mutex_);
-  return unfinishedPostViews_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->unfinishedPostViews;
 }
 
 std::vector<std::shared_ptr<QVLBeaconView>> QVLAnalyticsManager::unfinishedBeaconViews() const {
-  std::lock_guard lock(mutex_);
-  return unfinishedBeaconViews_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->unfinishedBeaconViews;
 }

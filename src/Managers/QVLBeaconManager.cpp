@@ -62,39 +62,88 @@ std::shared_ptr<QVLBeaconInternal> QVLBeaconInternal::newWithBeaconId(
   return snapshot;
 }
 
-std::size_t QVLBeaconManager::IdentityKeyHash::operator()(const IdentityKey& key) const noexcept {
-  std::size_t hash = std::hash<qvl::Uuid>{}(key.uuid);
-  hash ^= std::hash<std::int64_t>{}(key.major) + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2);
-  hash ^= std::hash<std::int64_t>{}(key.minor) + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2);
-  return hash;
-}
+namespace {
 
+// Regions in start order with a hash index by identifier, so membership tests do not scan.
 template <class R>
-bool QVLBeaconManager::RegionList<R>::contains(const R& region) const {
-  auto bucket = byIdentifier.find(region.identifier);
-  return bucket != byIdentifier.end() &&
-         std::find(bucket->second.begin(), bucket->second.end(), region) != bucket->second.end();
-}
+struct RegionList {
+  std::vector<R> ordered;
+  std::unordered_map<std::string, std::vector<R>> byIdentifier;
 
-template <class R>
-void QVLBeaconManager::RegionList<R>::add(const R& region) {
-  ordered.push_back(region);
-  byIdentifier[region.identifier].push_back(region);
-}
+  bool contains(const R& region) const {
+    auto bucket = byIdentifier.find(region.identifier);
+    return bucket != byIdentifier.end() &&
+           std::find(bucket->second.begin(), bucket->second.end(), region) != bucket->second.end();
+  }
+  void add(const R& region) {
+    ordered.push_back(region);
+    byIdentifier[region.identifier].push_back(region);
+  }
+  void removeEvery(const R& region) {
+    std::erase(ordered, region);
+    auto bucket = byIdentifier.find(region.identifier);
+    if (bucket == byIdentifier.end()) return;
+    std::erase(bucket->second, region);
+    if (bucket->second.empty()) byIdentifier.erase(bucket);
+  }
+  void clear() {
+    ordered.clear();
+    byIdentifier.clear();
+  }
+};
 
-template <class R>
-void QVLBeaconManager::RegionList<R>::removeEvery(const R& region) {
-  std::erase(ordered, region);
-  auto bucket = byIdentifier.find(region.identifier);
-  if (bucket == byIdentifier.end()) return;
-  std::erase(bucket->second, region);
-  if (bucket->second.empty()) byIdentifier.erase(bucket);
-}
+struct IdentityKey {
+  qvl::Uuid uuid;
+  std::int64_t major;
+  std::int64_t minor;
+  bool operator==(const IdentityKey&) const = default;
+};
 
-template <class R>
-void QVLBeaconManager::RegionList<R>::clear() {
-  ordered.clear();
-  byIdentifier.clear();
+struct IdentityKeyHash {
+  std::size_t operator()(const IdentityKey& key) const noexcept {
+    std::size_t hash = std::hash<qvl::Uuid>{}(key.uuid);
+    hash ^=
+        std::hash<std::int64_t>{}(key.major) + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2);
+    hash ^=
+        std::hash<std::int64_t>{}(key.minor) + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2);
+    return hash;
+  }
+};
+
+}  // namespace
+
+struct QVLBeaconManager::Impl {
+  std::mutex bindMutex;
+  std::weak_ptr<qvl::LocationService> boundLocationService;
+  std::weak_ptr<qvl::BluetoothCentral> boundBluetoothCentral;
+
+  std::shared_ptr<QVLBeacon> closestBeacon;
+  std::vector<std::shared_ptr<QVLBeaconInternal>> searchingBeacons;
+  std::unordered_map<std::int64_t, std::shared_ptr<QVLBeaconInternal>> beaconsById;
+  // Snapshots with a UUID, major and minor, in start order per identity.
+  std::unordered_map<IdentityKey, std::vector<std::shared_ptr<QVLBeaconInternal>>, IdentityKeyHash>
+      beaconsByIdentity;
+  RegionList<qvl::BeaconRegion> beaconRegions;
+  std::optional<qvl::Uuid> rangedUUID;
+  RegionList<qvl::CircularRegion> geofences;
+  QVLWeakPointerArray<QVLBeaconManagerDelegate> delegates;
+};
+
+QVLBeaconManager::QVLBeaconManager() : impl_(std::make_unique<Impl>()) {}
+QVLBeaconManager::~QVLBeaconManager() = default;
+
+const std::optional<qvl::Uuid>& QVLBeaconManager::rangedUUID() const { return impl_->rangedUUID; }
+const std::shared_ptr<QVLBeacon>& QVLBeaconManager::closestBeacon() const {
+  return impl_->closestBeacon;
+}
+const std::vector<std::shared_ptr<QVLBeaconInternal>>& QVLBeaconManager::searchingBeacons() const {
+  return impl_->searchingBeacons;
+}
+const std::vector<qvl::BeaconRegion>& QVLBeaconManager::searchingBeaconRegions() const {
+  return impl_->beaconRegions.ordered;
+}
+const std::vector<qvl::CircularRegion>& QVLBeaconManager::searchingGeofences() const {
+  return impl_->geofences.ordered;
 }
 
 QVLBeaconManager& QVLBeaconManager::sharedManager() {
@@ -107,24 +156,24 @@ QVLBeaconManager& QVLBeaconManager::sharedManager() {
 
 void QVLBeaconManager::bindToServices() {
   const auto env = qvl::Env::current();
-  std::lock_guard lock(bindMutex_);
+  std::lock_guard lock(impl_->bindMutex);
   const auto central = qvl::proximity::bluetoothCentralOf(*env);
-  if (central && central != boundBluetoothCentral_.lock()) {
-    boundBluetoothCentral_ = central;
+  if (central && central != impl_->boundBluetoothCentral.lock()) {
+    impl_->boundBluetoothCentral = central;
     // The manager only reads the radio's state; turning it on is the host's to ask for.
     central->setOptions({.showPowerAlert = false});
     central->setDelegate(weak_from_this());
   }
   const auto service = qvl::proximity::locationServiceOf(*env);
-  if (!service || service == boundLocationService_.lock()) return;
-  boundLocationService_ = service;
-  closestBeacon_.reset();
-  searchingBeacons_.clear();
-  beaconsById_.clear();
-  beaconsByIdentity_.clear();
-  beaconRegions_.clear();
-  geofences_.clear();
-  rangedUUID_.reset();
+  if (!service || service == impl_->boundLocationService.lock()) return;
+  impl_->boundLocationService = service;
+  impl_->closestBeacon.reset();
+  impl_->searchingBeacons.clear();
+  impl_->beaconsById.clear();
+  impl_->beaconsByIdentity.clear();
+  impl_->beaconRegions.clear();
+  impl_->geofences.clear();
+  impl_->rangedUUID.reset();
   service->setDelegate(weak_from_this());
   for (const auto& region : service->monitoredRegions()) service->stopMonitoring(region);
 }
@@ -139,38 +188,40 @@ QVLAnalyticsManager& QVLBeaconManager::analyticsManager() const {
 
 template <class Call>
 void QVLBeaconManager::fanOut(const Call& call) {
-  for (const auto& delegate : delegates_.allObjects()) call(*delegate);
+  for (const auto& delegate : impl_->delegates.allObjects()) call(*delegate);
 }
 
 void QVLBeaconManager::addDelegate(const std::shared_ptr<QVLBeaconManagerDelegate>& delegate) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::addDelegate")) return;
-  delegates_.addObject(delegate);
+  impl_->delegates.addObject(delegate);
 }
 
 void QVLBeaconManager::removeDelegate(const QVLBeaconManagerDelegate* delegate) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::removeDelegate")) return;
-  delegates_.removeObject(delegate);
+  impl_->delegates.removeObject(delegate);
 }
 
 // ---- watches ------------------------------------------------------------------------------
 
 void QVLBeaconManager::addSnapshot(std::shared_ptr<QVLBeaconInternal> snapshot) {
-  if (snapshot->beaconId) beaconsById_.emplace(*snapshot->beaconId, snapshot);
+  if (snapshot->beaconId) impl_->beaconsById.emplace(*snapshot->beaconId, snapshot);
   if (snapshot->uuid && snapshot->major && snapshot->minor) {
-    beaconsByIdentity_[{*snapshot->uuid, *snapshot->major, *snapshot->minor}].push_back(snapshot);
+    impl_->beaconsByIdentity[{*snapshot->uuid, *snapshot->major, *snapshot->minor}].push_back(
+        snapshot);
   }
-  searchingBeacons_.push_back(std::move(snapshot));
+  impl_->searchingBeacons.push_back(std::move(snapshot));
 }
 
 void QVLBeaconManager::removeSnapshot(const std::shared_ptr<QVLBeaconInternal>& snapshot) {
   if (!snapshot) return;
-  std::erase(searchingBeacons_, snapshot);
-  if (snapshot->beaconId) beaconsById_.erase(*snapshot->beaconId);
+  std::erase(impl_->searchingBeacons, snapshot);
+  if (snapshot->beaconId) impl_->beaconsById.erase(*snapshot->beaconId);
   if (snapshot->uuid && snapshot->major && snapshot->minor) {
-    auto bucket = beaconsByIdentity_.find({*snapshot->uuid, *snapshot->major, *snapshot->minor});
-    if (bucket == beaconsByIdentity_.end()) return;
+    auto bucket =
+        impl_->beaconsByIdentity.find({*snapshot->uuid, *snapshot->major, *snapshot->minor});
+    if (bucket == impl_->beaconsByIdentity.end()) return;
     std::erase(bucket->second, snapshot);
-    if (bucket->second.empty()) beaconsByIdentity_.erase(bucket);
+    if (bucket->second.empty()) impl_->beaconsByIdentity.erase(bucket);
   }
 }
 
@@ -181,7 +232,7 @@ void QVLBeaconManager::startSearchingForBeacon(const std::shared_ptr<QVLBeacon>&
   if (auto service = locationService(); service && region) service->startMonitoring(*region);
   addSnapshot(QVLBeaconInternal::newWithBeaconId(beacon->beaconId(), beacon->uuid(),
                                                  beacon->major(), beacon->minor()));
-  if (!rangedUUID_) setRangedUUID(beacon->uuid());
+  if (!impl_->rangedUUID) setRangedUUID(beacon->uuid());
 }
 
 void QVLBeaconManager::stopSearchingForBeacon(const std::shared_ptr<QVLBeacon>& beacon) {
@@ -191,13 +242,14 @@ void QVLBeaconManager::stopSearchingForBeacon(const std::shared_ptr<QVLBeacon>& 
   if (auto service = locationService(); service && region) service->stopMonitoring(*region);
   analyticsManager().finishBeaconViewOfBeacon(beacon);
   removeSnapshot(internalBeaconFromBeaconId(beacon->beaconId()));
-  if (searchingBeacons_.empty() && beaconRegions_.ordered.empty()) setRangedUUID(std::nullopt);
+  if (impl_->searchingBeacons.empty() && impl_->beaconRegions.ordered.empty())
+    setRangedUUID(std::nullopt);
 }
 
 void QVLBeaconManager::stopSearchingForBeacons() {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForBeacons")) return;
   auto service = locationService();
-  const auto snapshots = searchingBeacons_;
+  const auto snapshots = impl_->searchingBeacons;
   for (const auto& snapshot : snapshots) {
     // A record deleted since its watch started is passed on as null.
     auto beacon = storedBeacon(snapshot.get());
@@ -206,57 +258,57 @@ void QVLBeaconManager::stopSearchingForBeacons() {
     analyticsManager().finishBeaconViewOfBeacon(beacon);
   }
   setRangedUUID(std::nullopt);
-  searchingBeacons_.clear();
-  beaconsById_.clear();
-  beaconsByIdentity_.clear();
+  impl_->searchingBeacons.clear();
+  impl_->beaconsById.clear();
+  impl_->beaconsByIdentity.clear();
 }
 
 void QVLBeaconManager::startSearchingForBeaconRegion(const qvl::BeaconRegion& region) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::startSearchingForBeaconRegion")) return;
-  if (beaconRegions_.contains(region)) return;
+  if (impl_->beaconRegions.contains(region)) return;
   if (auto service = locationService()) service->startMonitoring(region);
-  beaconRegions_.add(region);
-  if (!rangedUUID_) setRangedUUID(region.proximityUUID);
+  impl_->beaconRegions.add(region);
+  if (!impl_->rangedUUID) setRangedUUID(region.proximityUUID);
 }
 
 void QVLBeaconManager::stopSearchingForBeaconRegion(const qvl::BeaconRegion& region) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForBeaconRegion")) return;
-  if (!beaconRegions_.contains(region)) return;
+  if (!impl_->beaconRegions.contains(region)) return;
   if (auto service = locationService()) service->stopMonitoring(region);
-  beaconRegions_.removeEvery(region);
+  impl_->beaconRegions.removeEvery(region);
   // Only beacon records keep ranging on here, not the raw regions still watched.
-  if (searchingBeacons_.empty()) setRangedUUID(std::nullopt);
+  if (impl_->searchingBeacons.empty()) setRangedUUID(std::nullopt);
 }
 
 void QVLBeaconManager::startSearchingForGeofence(const std::shared_ptr<QVLGeofence>& geofence) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::startSearchingForGeofence")) return;
   if (!geofence) return;
   const auto region = geofence->region();
-  if (geofences_.contains(region)) return;
+  if (impl_->geofences.contains(region)) return;
   if (auto service = locationService()) service->startMonitoring(region);
-  geofences_.add(region);
+  impl_->geofences.add(region);
 }
 
 void QVLBeaconManager::stopSearchingForGeofence(const std::shared_ptr<QVLGeofence>& geofence) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::stopSearchingForGeofence")) return;
   if (!geofence) return;
   const auto region = geofence->region();
-  if (!geofences_.contains(region)) return;
+  if (!impl_->geofences.contains(region)) return;
   if (auto service = locationService()) service->stopMonitoring(region);
-  geofences_.removeEvery(region);
+  impl_->geofences.removeEvery(region);
 }
 
 void QVLBeaconManager::setRangedUUID(std::optional<qvl::Uuid> uuid) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::setRangedUUID")) return;
   setClosestBeacon(nullptr);
   auto service = locationService();
-  if (rangedUUID_ && service) {
-    service->stopRanging(qvl::BeaconRegion::withUuid(*rangedUUID_, kRangingRegionIdentifier));
+  if (impl_->rangedUUID && service) {
+    service->stopRanging(qvl::BeaconRegion::withUuid(*impl_->rangedUUID, kRangingRegionIdentifier));
   }
-  rangedUUID_ = uuid;
-  if (rangedUUID_ && service) {
+  impl_->rangedUUID = uuid;
+  if (impl_->rangedUUID && service) {
     // A guest who turns the screen on is shown where they are without waiting for a crossing.
-    auto region = qvl::BeaconRegion::withUuid(*rangedUUID_, kRangingRegionIdentifier);
+    auto region = qvl::BeaconRegion::withUuid(*impl_->rangedUUID, kRangingRegionIdentifier);
     region.notifyEntryStateOnDisplay = true;
     service->startRanging(region);
   }
@@ -271,13 +323,13 @@ bool QVLBeaconManager::isBeaconMonitoring(const QVLBeacon& beacon) const {
 
 bool QVLBeaconManager::isCLBeaconRegionMonitoring(const qvl::BeaconRegion& region) const {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::isCLBeaconRegionMonitoring")) return false;
-  return beaconRegions_.contains(region);
+  return impl_->beaconRegions.contains(region);
 }
 
 bool QVLBeaconManager::isCLCircularRegionMonitoring(const qvl::CircularRegion& region) const {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::isCLCircularRegionMonitoring"))
     return false;
-  return geofences_.contains(region);
+  return impl_->geofences.contains(region);
 }
 
 std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromBeaconId(
@@ -285,8 +337,8 @@ std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromBeaconId(
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::internalBeaconFromBeaconId"))
     return nullptr;
   if (!beaconId) return nullptr;
-  auto found = beaconsById_.find(*beaconId);
-  return found == beaconsById_.end() ? nullptr : found->second;
+  auto found = impl_->beaconsById.find(*beaconId);
+  return found == impl_->beaconsById.end() ? nullptr : found->second;
 }
 
 std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromUUID(
@@ -294,8 +346,8 @@ std::shared_ptr<QVLBeaconInternal> QVLBeaconManager::internalBeaconFromUUID(
     std::optional<std::int64_t> minor) const {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::internalBeaconFromUUID")) return nullptr;
   if (!major || !minor) return nullptr;
-  auto found = beaconsByIdentity_.find({uuid, *major, *minor});
-  return found == beaconsByIdentity_.end() ? nullptr : found->second.front();
+  auto found = impl_->beaconsByIdentity.find({uuid, *major, *minor});
+  return found == impl_->beaconsByIdentity.end() ? nullptr : found->second.front();
 }
 
 std::shared_ptr<QVLBeacon> QVLBeaconManager::beaconFromUUID(
@@ -351,21 +403,22 @@ void QVLBeaconManager::requestPermissionsForNotifications() {
 // ---- events -------------------------------------------------------------------------------
 
 void QVLBeaconManager::setClosestBeacon(const std::shared_ptr<QVLBeacon>& beacon) {
-  if (!beacon && !closestBeacon_) return;
-  if (beacon && closestBeacon_ && beacon->beaconId() && closestBeacon_->beaconId() &&
-      *beacon->beaconId() == *closestBeacon_->beaconId()) {
+  if (!beacon && !impl_->closestBeacon) return;
+  if (beacon && impl_->closestBeacon && beacon->beaconId() && impl_->closestBeacon->beaconId() &&
+      *beacon->beaconId() == *impl_->closestBeacon->beaconId()) {
     return;  // the same beacon: the stored record stays, nothing is announced
   }
-  closestBeacon_ = beacon;
-  fanOut(
-      [&](QVLBeaconManagerDelegate& d) { d.beaconManagerClosestBeaconChangedTo(closestBeacon_); });
+  impl_->closestBeacon = beacon;
+  fanOut([&](QVLBeaconManagerDelegate& d) {
+    d.beaconManagerClosestBeaconChangedTo(impl_->closestBeacon);
+  });
 }
 
 void QVLBeaconManager::didRangeBeacons(const std::vector<qvl::RangedBeacon>& beacons,
                                        const qvl::BeaconRegion&) {
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::didRangeBeacons")) return;
   fanOut([&](QVLBeaconManagerDelegate& d) { d.beaconManagerDidRangeCLBeacons(beacons); });
-  if (beacons.empty() || searchingBeacons_.empty()) {
+  if (beacons.empty() || impl_->searchingBeacons.empty()) {
     setClosestBeacon(nullptr);
     return;
   }

@@ -54,17 +54,27 @@ std::shared_ptr<qvl::Store> storeOf(const QVLPost& post) {
 
 }  // namespace
 
-QVLInboxManager::QVLInboxManager()
-    : observation_(std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
-          {qvl::Application::kDidBecomeActiveNotification,
-           [this] { updateApplicationIconBadgeNumber(); }},
-          {qvl::Application::kDidEnterBackgroundNotification, [this] { syncInbox(); }}})) {}
+struct QVLInboxManager::Impl {
+  std::atomic<bool> changesMadeSinceLastSync{false};
+  std::unique_ptr<qvl::CenterObservation> observation;
+};
+
+QVLInboxManager::QVLInboxManager() : impl_(std::make_unique<Impl>()) {
+  impl_->observation = std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
+      {qvl::Application::kDidBecomeActiveNotification,
+       [this] { updateApplicationIconBadgeNumber(); }},
+      {qvl::Application::kDidEnterBackgroundNotification, [this] { syncInbox(); }}});
+}
 
 QVLInboxManager::~QVLInboxManager() = default;
 
+bool QVLInboxManager::changesMadeSinceLastSync() const {
+  return impl_->changesMadeSinceLastSync.load();
+}
+
 QVLInboxManager& QVLInboxManager::sharedManager() {
   static QVLInboxManager* instance = new QVLInboxManager();
-  instance->observation_->observeCurrentCenter();
+  instance->impl_->observation->observeCurrentCenter();
   return *instance;
 }
 
@@ -198,7 +208,7 @@ void QVLInboxManager::markPostAsSaved(const std::shared_ptr<QVLPost>& post, bool
 void QVLInboxManager::changesMade() {
   updateApplicationIconBadgeNumber();
   qvl::NotificationCenter::defaultCenter().post(kDidUpdateInboxNotification);
-  changesMadeSinceLastSync_ = true;
+  impl_->changesMadeSinceLastSync = true;
 }
 
 // ---- badge and sync -----------------------------------------------------------------------
@@ -215,9 +225,10 @@ void QVLInboxManager::updateApplicationIconBadgeNumber() {
 void QVLInboxManager::syncInbox() {
   qvl::withoutThrowing("QVLInboxManager::syncInbox", [&] {
     auto guest = currentGuest();
-    if (!guest || !changesMadeSinceLastSync_) return;
-    qvl::syncInBackgroundTask(kSyncTaskName, "Syncing inbox task expired",
-                              "Something went wrong when syncing posts (inbox): ",
-                              guest->posts().any(), guest, std::nullopt, changesMadeSinceLastSync_);
+    if (!guest || !impl_->changesMadeSinceLastSync) return;
+    qvl::syncInBackgroundTask(
+        kSyncTaskName, "Syncing inbox task expired",
+        "Something went wrong when syncing posts (inbox): ", guest->posts().any(), guest,
+        std::nullopt, impl_->changesMadeSinceLastSync);
   });
 }

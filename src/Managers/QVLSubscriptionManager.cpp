@@ -3,16 +3,25 @@
 #include "Managers/ManagerSupport.h"
 #include "quorvel/Platform/Application.h"
 
-QVLSubscriptionManager::QVLSubscriptionManager()
-    : observation_(std::make_unique<qvl::CenterObservation>(
-          qvl::CenterObservation::Handlers{{qvl::Application::kDidEnterBackgroundNotification,
-                                            [this] { checkIfSyncShouldBeDone(); }}})) {}
+struct QVLSubscriptionManager::Impl {
+  std::atomic<bool> changesMadeSinceLastSync{false};
+  std::unique_ptr<qvl::CenterObservation> observation;
+};
+
+QVLSubscriptionManager::QVLSubscriptionManager() : impl_(std::make_unique<Impl>()) {
+  impl_->observation = std::make_unique<qvl::CenterObservation>(qvl::CenterObservation::Handlers{
+      {qvl::Application::kDidEnterBackgroundNotification, [this] { checkIfSyncShouldBeDone(); }}});
+}
 
 QVLSubscriptionManager::~QVLSubscriptionManager() = default;
 
+bool QVLSubscriptionManager::changesMadeSinceLastSync() const {
+  return impl_->changesMadeSinceLastSync.load();
+}
+
 QVLSubscriptionManager& QVLSubscriptionManager::sharedManager() {
   static QVLSubscriptionManager* instance = new QVLSubscriptionManager();
-  instance->observation_->observeCurrentCenter();
+  instance->impl_->observation->observeCurrentCenter();
   return *instance;
 }
 
@@ -35,7 +44,7 @@ void QVLSubscriptionManager::subscribeToShop(const std::shared_ptr<QVLShop>& sho
     auto guest = currentGuest();
     if (!shop || !guest || isShopSubscribedTo(shop)) return;
     guest->store()->write([&] { guest->shops().append(shop); });
-    changesMadeSinceLastSync_ = true;
+    impl_->changesMadeSinceLastSync = true;
   });
 }
 
@@ -47,7 +56,7 @@ void QVLSubscriptionManager::unsubscribeFromShop(const std::shared_ptr<QVLShop>&
     auto index = shops.indexOf(*shop);
     if (!index) return;
     guest->store()->write([&] { shops.remove(*index); });
-    changesMadeSinceLastSync_ = true;
+    impl_->changesMadeSinceLastSync = true;
   });
 }
 
@@ -60,7 +69,7 @@ void QVLSubscriptionManager::toggleSubscriptionForShop(const std::shared_ptr<QVL
 }
 
 void QVLSubscriptionManager::checkIfSyncShouldBeDone() {
-  if (changesMadeSinceLastSync_) syncSubscriptions();
+  if (impl_->changesMadeSinceLastSync) syncSubscriptions();
 }
 
 void QVLSubscriptionManager::syncSubscriptions() {
@@ -69,6 +78,6 @@ void QVLSubscriptionManager::syncSubscriptions() {
     if (!guest) return;
     qvl::syncInBackgroundTask(kSyncTaskName, "Syncing subscriptions task expired",
                               "Something went wrong when syncing relations: ", guest->shops().any(),
-                              guest, "subscriptions", changesMadeSinceLastSync_);
+                              guest, "subscriptions", impl_->changesMadeSinceLastSync);
   });
 }

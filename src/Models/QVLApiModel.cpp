@@ -17,43 +17,6 @@
 using nlohmann::json;
 using qvl::PropertyKind;
 
-// ---- QVLRelationshipMapping ------------------------------------------------------------
-
-QVLRelationshipMapping QVLRelationshipMapping::newToManyRelationWithJsonKey(
-    std::string jsonKey, std::string classProperty, QVLModelClassRef objectClass) {
-  QVLRelationshipMapping m;
-  m.relationType_ = QVLRelationTypeToMany;
-  m.jsonKey_ = std::move(jsonKey);
-  m.classProperty_ = std::move(classProperty);
-  m.objectClass_ = objectClass;
-  return m;
-}
-
-QVLRelationshipMapping QVLRelationshipMapping::newToManyRelationWithKey(
-    std::string key, QVLModelClassRef objectClass) {
-  std::string property = key;
-  return newToManyRelationWithJsonKey(std::move(key), std::move(property), objectClass);
-}
-
-QVLRelationshipMapping QVLRelationshipMapping::newToOneRelationWithJsonKey(
-    std::string jsonKey, std::string classProperty, std::string relationKey,
-    QVLModelClassRef objectClass) {
-  QVLRelationshipMapping m;
-  m.relationType_ = QVLRelationTypeToOne;
-  m.toOneRelationKey_ = std::move(relationKey);
-  m.jsonKey_ = std::move(jsonKey);
-  m.classProperty_ = std::move(classProperty);
-  m.objectClass_ = objectClass;
-  return m;
-}
-
-QVLRelationshipMapping QVLRelationshipMapping::newToOneRelationWithKey(
-    std::string key, std::string relationKey, QVLModelClassRef objectClass) {
-  std::string property = key;
-  return newToOneRelationWithJsonKey(std::move(key), std::move(property), std::move(relationKey),
-                                     objectClass);
-}
-
 // ---- QVLModelClass ---------------------------------------------------------------------
 
 namespace {

@@ -45,11 +45,22 @@ const QVLModelClass& QVLBeacon::modelClass() {
   return cls;
 }
 
+// "_uuid" of the record: never stored.
+struct QVLBeacon::Impl {
+  qvl::Uuid uuid;
+};
+
+QVLBeacon::QVLBeacon() = default;
+QVLBeacon::~QVLBeacon() = default;
+
 std::optional<qvl::Uuid> QVLBeacon::uuid() const {
-  if (!uuidCache_) {
-    if (auto text = uuidString()) uuidCache_ = qvl::Uuid::parse(*text);
+  if (!impl_) {
+    std::optional<qvl::Uuid> parsed;
+    if (auto text = uuidString()) parsed = qvl::Uuid::parse(*text);
+    if (!parsed) return std::nullopt;
+    impl_ = std::make_unique<Impl>(Impl{*parsed});
   }
-  return uuidCache_;
+  return impl_->uuid;
 }
 
 std::optional<qvl::BeaconRegion> QVLBeacon::beaconRegion() const {

@@ -5,6 +5,14 @@
 #include "quorvel/Platform/Log.h"
 #include "quorvel/Platform/UserDefaults.h"
 
+struct QVLToken::Impl {
+  std::mutex mutex;
+  std::optional<std::string> content;
+};
+
+QVLToken::QVLToken() : impl_(std::make_unique<Impl>()) {}
+QVLToken::~QVLToken() = default;
+
 std::shared_ptr<QVLToken> QVLToken::initWithContent(std::optional<std::string> content) {
   auto token = std::make_shared<QVLToken>();
   token->setContent(std::move(content));
@@ -12,13 +20,13 @@ std::shared_ptr<QVLToken> QVLToken::initWithContent(std::optional<std::string> c
 }
 
 std::optional<std::string> QVLToken::content() const {
-  std::lock_guard lock(mutex_);
-  return content_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->content;
 }
 
 void QVLToken::setContent(std::optional<std::string> content) {
-  std::lock_guard lock(mutex_);
-  content_ = std::move(content);
+  std::lock_guard lock(impl_->mutex);
+  impl_->content = std::move(content);
 }
 
 std::string QVLToken::encodeWithCoder() const {

@@ -23,13 +23,33 @@ bool Application::registerUserNotificationSettings(unsigned, const std::vector<s
   return false;
 }
 
+struct StandardApplication::Impl {
+  struct Task {
+    std::string name;
+    std::shared_ptr<Clock> clock;  // the clock its expiry timer waits on
+    std::uint64_t timer = 0;
+  };
+
+  std::mutex mutex;
+  std::condition_variable tasksChanged;
+  std::map<BackgroundTaskId, Task> running;
+  BackgroundTaskId nextTaskId = 1;
+  std::chrono::milliseconds allowance = std::chrono::seconds(30);
+  int badgeNumber = 0;
+  std::function<void(int)> badgeHook;
+  TaskObserver taskObserver;
+};
+
+StandardApplication::StandardApplication() : impl_(std::make_unique<Impl>()) {}
+StandardApplication::~StandardApplication() = default;
+
 Application::BackgroundTaskId StandardApplication::beginBackgroundTask(
     std::string name, std::function<void()> expirationHandler) {
   const std::shared_ptr<const Env> env = Env::current();
-  std::unique_lock lock(mutex_);
-  const BackgroundTaskId id = nextTaskId_++;
-  const std::chrono::milliseconds allowance = allowance_;
-  running_[id] = Task{std::move(name), env->clock, 0};
+  std::unique_lock lock(impl_->mutex);
+  const BackgroundTaskId id = impl_->nextTaskId++;
+  const std::chrono::milliseconds allowance = impl_->allowance;
+  impl_->running[id] = Impl::Task{std::move(name), env->clock, 0};
   lock.unlock();
   // The timer only hands the expiry to the main queue, where the handler must run.
   const Clock::TimerId timer =
@@ -40,7 +60,7 @@ Application::BackgroundTaskId StandardApplication::beginBackgroundTask(
         });
       });
   lock.lock();
-  if (auto it = running_.find(id); it != running_.end()) {
+  if (auto it = impl_->running.find(id); it != impl_->running.end()) {
     it->second.timer = timer;
   } else {
     lock.unlock();
@@ -52,27 +72,27 @@ Application::BackgroundTaskId StandardApplication::beginBackgroundTask(
 void StandardApplication::expire(BackgroundTaskId id, const std::function<void()>& handler) {
   std::string name;
   {
-    std::lock_guard lock(mutex_);
-    auto it = running_.find(id);
-    if (it == running_.end()) return;  // ended meanwhile
+    std::lock_guard lock(impl_->mutex);
+    auto it = impl_->running.find(id);
+    if (it == impl_->running.end()) return;  // ended meanwhile
     name = std::move(it->second.name);
-    running_.erase(it);
+    impl_->running.erase(it);
   }
-  tasksChanged_.notify_all();
+  impl_->tasksChanged.notify_all();
   tell(id, name, TaskOutcome::expired);
   if (handler) handler();
 }
 
 void StandardApplication::endBackgroundTask(BackgroundTaskId id) {
-  Task task;
+  Impl::Task task;
   {
-    std::lock_guard lock(mutex_);
-    auto it = running_.find(id);
-    if (it == running_.end()) return;
+    std::lock_guard lock(impl_->mutex);
+    auto it = impl_->running.find(id);
+    if (it == impl_->running.end()) return;
     task = std::move(it->second);
-    running_.erase(it);
+    impl_->running.erase(it);
   }
-  tasksChanged_.notify_all();
+  impl_->tasksChanged.notify_all();
   if (task.timer != 0) task.clock->cancel(task.timer);
   tell(id, task.name, TaskOutcome::ended);
 }
@@ -80,58 +100,58 @@ void StandardApplication::endBackgroundTask(BackgroundTaskId id) {
 void StandardApplication::tell(BackgroundTaskId id, const std::string& name, TaskOutcome outcome) {
   TaskObserver observer;
   {
-    std::lock_guard lock(mutex_);
-    observer = taskObserver_;
+    std::lock_guard lock(impl_->mutex);
+    observer = impl_->taskObserver;
   }
   if (observer) observer(id, name, outcome);
 }
 
 void StandardApplication::setBackgroundTaskObserver(TaskObserver observer) {
-  std::lock_guard lock(mutex_);
-  taskObserver_ = std::move(observer);
+  std::lock_guard lock(impl_->mutex);
+  impl_->taskObserver = std::move(observer);
 }
 
 std::vector<std::string> StandardApplication::runningBackgroundTasks() const {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex);
   std::vector<std::string> names;
-  for (const auto& [id, task] : running_) names.push_back(task.name);
+  for (const auto& [id, task] : impl_->running) names.push_back(task.name);
   return names;
 }
 
 std::chrono::milliseconds StandardApplication::backgroundTaskAllowance() const {
-  std::lock_guard lock(mutex_);
-  return allowance_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->allowance;
 }
 
 void StandardApplication::setBackgroundTaskAllowance(std::chrono::milliseconds allowance) {
-  std::lock_guard lock(mutex_);
-  allowance_ = allowance;
+  std::lock_guard lock(impl_->mutex);
+  impl_->allowance = allowance;
 }
 
 bool StandardApplication::waitForBackgroundTasks(std::chrono::milliseconds timeout) {
-  std::unique_lock lock(mutex_);
-  return tasksChanged_.wait_for(lock, timeout, [this] { return running_.empty(); });
+  std::unique_lock lock(impl_->mutex);
+  return impl_->tasksChanged.wait_for(lock, timeout, [this] { return impl_->running.empty(); });
 }
 
 int StandardApplication::applicationIconBadgeNumber() const {
-  std::lock_guard lock(mutex_);
-  return badgeNumber_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->badgeNumber;
 }
 
 void StandardApplication::setApplicationIconBadgeNumber(int number) {
   if (!detail::requireMainQueue("StandardApplication::setApplicationIconBadgeNumber")) return;
   std::function<void(int)> hook;
   {
-    std::lock_guard lock(mutex_);
-    badgeNumber_ = number;
-    hook = badgeHook_;
+    std::lock_guard lock(impl_->mutex);
+    impl_->badgeNumber = number;
+    hook = impl_->badgeHook;
   }
   if (hook) hook(number);
 }
 
 void StandardApplication::setBadgeHook(std::function<void(int)> hook) {
-  std::lock_guard lock(mutex_);
-  badgeHook_ = std::move(hook);
+  std::lock_guard lock(impl_->mutex);
+  impl_->badgeHook = std::move(hook);
 }
 
 }  // namespace qvl

@@ -579,13 +579,26 @@ std::optional<std::string> HttpResponse::header(std::string_view name) const {
   return std::nullopt;
 }
 
+struct HttpSession::Impl {
+  HttpSessionConfiguration configuration;
+  std::shared_ptr<HttpSessionDelegate> delegate;
+  std::shared_ptr<SerialQueue> callbackQueue;
+};
+
 HttpSession::HttpSession(HttpSessionConfiguration configuration,
                          std::shared_ptr<HttpSessionDelegate> delegate)
-    : configuration_(std::move(configuration)),
-      delegate_(std::move(delegate)),
-      callbackQueue_(std::make_shared<SerialQueue>()) {}
+    : impl_(new Impl{std::move(configuration), std::move(delegate),
+                     std::make_shared<SerialQueue>()}) {}
 
 HttpSession::~HttpSession() = default;
+
+const HttpSessionConfiguration& HttpSession::configuration() const { return impl_->configuration; }
+const std::shared_ptr<SerialQueue>& HttpSession::callbackQueue() const {
+  return impl_->callbackQueue;
+}
+const std::shared_ptr<HttpSessionDelegate>& HttpSession::delegate() const {
+  return impl_->delegate;
+}
 
 std::shared_ptr<HttpSession> HttpSession::create(HttpSessionConfiguration configuration,
                                                  std::shared_ptr<HttpSessionDelegate> delegate) {
@@ -600,22 +613,22 @@ std::optional<QVLError> HttpSessionDelegate::willSendRequest(const HttpRequest&)
 void HttpSession::dataTask(HttpRequest request, DataTaskCompletion completion) {
   std::shared_ptr<HttpSession> self = shared_from_this();
   std::optional<QVLError> refusal;
-  if (delegate_) {
+  if (impl_->delegate) {
     try {
-      refusal = delegate_->willSendRequest(request);
+      refusal = impl_->delegate->willSendRequest(request);
     } catch (...) {
       refusal = transportError(CURLE_ABORTED_BY_CALLBACK, "the session's delegate failed");
     }
   }
   if (refusal) {
-    callbackQueue_->async(
+    impl_->callbackQueue->async(
         [self, completion = std::move(completion), error = std::move(*refusal)]() mutable {
           if (completion) completion({}, std::nullopt, std::move(error));
         });
     return;
   }
   HttpHeaders headers;
-  for (const auto& header : configuration_.additionalHeaders) {
+  for (const auto& header : impl_->configuration.additionalHeaders) {
     if (!hasHeader(request.headers, header.first)) headers.push_back(header);
   }
   headers.insert(headers.end(), std::make_move_iterator(request.headers.begin()),

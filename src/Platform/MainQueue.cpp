@@ -17,57 +17,69 @@ void runTask(std::function<void()>& task) {
 
 }  // namespace
 
-MainQueue::MainQueue(HostPost post) : hostPost_(std::move(post)) {}
+struct MainQueue::Impl {
+  explicit Impl(HostPost post) : hostPost(std::move(post)) {}
+  const HostPost hostPost;
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<std::function<void()>> tasks;
+  std::optional<std::thread::id> thread;
+  bool stopRequested = false;
+};
+
+MainQueue::MainQueue() : impl_(std::make_unique<Impl>(HostPost{})) {}
+MainQueue::MainQueue(HostPost post) : impl_(std::make_unique<Impl>(std::move(post))) {}
+MainQueue::~MainQueue() = default;
 
 void MainQueue::async(std::function<void()> task) {
   {
-    std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
+    std::lock_guard lock(impl_->mutex);
+    impl_->tasks.push_back(std::move(task));
   }
-  wake_.notify_one();
+  impl_->wake.notify_one();
   // The host's loop calls the drain later on the main thread; one drain per task keeps the
   // hook free of any state, and a drain finding nothing to do returns at once.
-  if (!hostPost_) return;
+  if (!impl_->hostPost) return;
   if (std::weak_ptr<MainQueue> weak = weak_from_this(); !weak.expired()) {
-    hostPost_([weak] {
+    impl_->hostPost([weak] {
       if (auto queue = weak.lock()) queue->runUntilIdle();
     });
   } else {
-    hostPost_([this] { runUntilIdle(); });
+    impl_->hostPost([this] { runUntilIdle(); });
   }
 }
 
 bool MainQueue::isCurrent() const {
-  std::lock_guard lock(mutex_);
-  return thread_ && *thread_ == std::this_thread::get_id();
+  std::lock_guard lock(impl_->mutex);
+  return impl_->thread && *impl_->thread == std::this_thread::get_id();
 }
 
 bool MainQueue::adoptCallingThread() {
-  std::lock_guard lock(mutex_);
-  if (!thread_) thread_ = std::this_thread::get_id();
-  return *thread_ == std::this_thread::get_id();
+  std::lock_guard lock(impl_->mutex);
+  if (!impl_->thread) impl_->thread = std::this_thread::get_id();
+  return *impl_->thread == std::this_thread::get_id();
 }
 
 void MainQueue::bindToCurrentThread() {
   const auto self = std::this_thread::get_id();
-  if (!thread_) {
-    thread_ = self;
-  } else if (*thread_ != self) {
+  if (!impl_->thread) {
+    impl_->thread = self;
+  } else if (*impl_->thread != self) {
     throw std::logic_error("qvl::MainQueue: tasks must always run on the same thread");
   }
 }
 
 void MainQueue::run() {
-  std::unique_lock lock(mutex_);
+  std::unique_lock lock(impl_->mutex);
   bindToCurrentThread();
   for (;;) {
-    wake_.wait(lock, [this] { return stopRequested_ || !tasks_.empty(); });
-    if (stopRequested_) {
-      stopRequested_ = false;
+    impl_->wake.wait(lock, [this] { return impl_->stopRequested || !impl_->tasks.empty(); });
+    if (impl_->stopRequested) {
+      impl_->stopRequested = false;
       return;
     }
-    std::function<void()> task = std::move(tasks_.front());
-    tasks_.pop_front();
+    std::function<void()> task = std::move(impl_->tasks.front());
+    impl_->tasks.pop_front();
     lock.unlock();
     runTask(task);
     lock.lock();
@@ -76,19 +88,19 @@ void MainQueue::run() {
 
 void MainQueue::stop() {
   {
-    std::lock_guard lock(mutex_);
-    stopRequested_ = true;
+    std::lock_guard lock(impl_->mutex);
+    impl_->stopRequested = true;
   }
-  wake_.notify_all();
+  impl_->wake.notify_all();
 }
 
 std::size_t MainQueue::runUntilIdle() {
   std::size_t ran = 0;
-  std::unique_lock lock(mutex_);
+  std::unique_lock lock(impl_->mutex);
   bindToCurrentThread();
-  while (!tasks_.empty()) {
-    std::function<void()> task = std::move(tasks_.front());
-    tasks_.pop_front();
+  while (!impl_->tasks.empty()) {
+    std::function<void()> task = std::move(impl_->tasks.front());
+    impl_->tasks.pop_front();
     lock.unlock();
     runTask(task);
     ++ran;

@@ -8,29 +8,61 @@
 
 namespace qvl {
 
-ObserverToken::ObserverToken(ObserverToken&& other) noexcept
-    : center_(std::move(other.center_)), id_(other.id_) {
-  other.id_ = 0;
-}
+struct ObserverToken::Impl {
+  std::weak_ptr<NotificationCenter> center;
+  std::uint64_t id;
+};
+
+ObserverToken::ObserverToken() = default;
+
+ObserverToken::ObserverToken(std::weak_ptr<NotificationCenter> center, std::uint64_t id)
+    : impl_(new Impl{std::move(center), id}) {}
+
+ObserverToken::ObserverToken(ObserverToken&& other) noexcept = default;
 
 ObserverToken& ObserverToken::operator=(ObserverToken&& other) noexcept {
   if (this != &other) {
     reset();
-    center_ = std::move(other.center_);
-    id_ = other.id_;
-    other.id_ = 0;
+    impl_ = std::move(other.impl_);
   }
   return *this;
 }
 
 ObserverToken::~ObserverToken() { reset(); }
 
+bool ObserverToken::active() const { return impl_ != nullptr; }
+
+void ObserverToken::release() { impl_.reset(); }
+
 void ObserverToken::reset() {
-  if (id_ == 0) return;
-  if (auto center = center_.lock()) center->remove(id_);
-  id_ = 0;
-  center_.reset();
+  if (!impl_) return;
+  if (auto center = impl_->center.lock()) center->remove(impl_->id);
+  impl_.reset();
 }
+
+struct NotificationCenter::Impl {
+  struct Entry {
+    std::uint64_t id;
+    std::string name;
+    const void* sender;
+    std::shared_ptr<const Observer> observer;
+  };
+
+  // Ids grow with every registration and entries keep registration order, so they are sorted.
+  std::vector<Entry>::iterator find(std::uint64_t id) {
+    auto it =
+        std::lower_bound(entries.begin(), entries.end(), id,
+                         [](const Entry& entry, std::uint64_t key) { return entry.id < key; });
+    return it != entries.end() && it->id == id ? it : entries.end();
+  }
+
+  std::mutex mutex;
+  std::uint64_t nextId = 1;
+  std::vector<Entry> entries;
+};
+
+NotificationCenter::NotificationCenter() : impl_(std::make_unique<Impl>()) {}
+NotificationCenter::~NotificationCenter() = default;
 
 NotificationCenter& NotificationCenter::defaultCenter() {
   return *Env::current()->notificationCenter;
@@ -38,25 +70,25 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 
 ObserverToken NotificationCenter::addObserver(std::string name, const void* sender,
                                               Observer observer) {
-  std::lock_guard lock(mutex_);
-  const std::uint64_t id = nextId_++;
-  entries_.push_back(
+  std::lock_guard lock(impl_->mutex);
+  const std::uint64_t id = impl_->nextId++;
+  impl_->entries.push_back(
       {id, std::move(name), sender, std::make_shared<const Observer>(std::move(observer))});
   return ObserverToken(weak_from_this(), id);
 }
 
 void NotificationCenter::post(Notification notification) {
-  std::vector<Entry> snapshot;
+  std::vector<Impl::Entry> snapshot;
   {
-    std::lock_guard lock(mutex_);
-    for (const Entry& entry : entries_) {
+    std::lock_guard lock(impl_->mutex);
+    for (const Impl::Entry& entry : impl_->entries) {
       if ((entry.name.empty() || entry.name == notification.name) &&
           (!entry.sender || entry.sender == notification.sender)) {
         snapshot.push_back(entry);
       }
     }
   }
-  for (const Entry& entry : snapshot) {
+  for (const Impl::Entry& entry : snapshot) {
     if (!isRegistered(entry.id)) continue;  // removed by an earlier observer of this post
     try {
       (*entry.observer)(notification);
@@ -70,24 +102,16 @@ void NotificationCenter::post(Notification notification) {
 
 void NotificationCenter::remove(std::uint64_t id) {
   std::shared_ptr<const Observer> released;  // destroyed outside the lock
-  std::lock_guard lock(mutex_);
-  auto it = find(id);
-  if (it == entries_.end()) return;
+  std::lock_guard lock(impl_->mutex);
+  auto it = impl_->find(id);
+  if (it == impl_->entries.end()) return;
   released = std::move(it->observer);
-  entries_.erase(it);
+  impl_->entries.erase(it);
 }
 
 bool NotificationCenter::isRegistered(std::uint64_t id) const {
-  std::lock_guard lock(mutex_);
-  return find(id) != entries_.end();
-}
-
-// Ids grow with every registration and entries keep registration order, so they are sorted.
-std::vector<NotificationCenter::Entry>::const_iterator NotificationCenter::find(
-    std::uint64_t id) const {
-  auto it = std::lower_bound(entries_.begin(), entries_.end(), id,
-                             [](const Entry& entry, std::uint64_t key) { return entry.id < key; });
-  return it != entries_.end() && it->id == id ? it : entries_.end();
+  std::lock_guard lock(impl_->mutex);
+  return impl_->find(id) != impl_->entries.end();
 }
 
 }  // namespace qvl

@@ -59,7 +59,17 @@ bool isValidKey(const std::string& key) {
 
 }  // namespace
 
-UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) {}
+struct UserDefaults::Impl {
+  explicit Impl(std::string file) : path(std::move(file)) {}
+  std::mutex mutex;
+  std::string path;
+  bool loaded = false;
+  bool dirty = false;
+  std::map<std::string, std::string> values;
+};
+
+UserDefaults::UserDefaults(std::string path) : impl_(std::make_unique<Impl>(std::move(path))) {}
+UserDefaults::~UserDefaults() = default;
 
 UserDefaults& UserDefaults::standard() {
   // Never destroyed: completions on worker threads may still use it while the process exits.
@@ -92,15 +102,15 @@ std::string UserDefaults::defaultStandardPath() {
 }
 
 std::string UserDefaults::path() const {
-  std::lock_guard lock(mutex_);
-  return path_.empty() ? defaultStandardPath() : path_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->path.empty() ? defaultStandardPath() : impl_->path;
 }
 
 std::optional<std::string> UserDefaults::data(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex);
   loadLocked();
-  auto it = values_.find(key);
-  if (it == values_.end()) return std::nullopt;
+  auto it = impl_->values.find(key);
+  if (it == impl_->values.end()) return std::nullopt;
   return it->second;
 }
 
@@ -109,47 +119,47 @@ void UserDefaults::setData(const std::string& key, std::string bytes) {
     log(LogLevel::error, "user defaults keys must be UTF-8 text; a value was not stored");
     return;
   }
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex);
   loadLocked();
-  values_[key] = std::move(bytes);
-  dirty_ = true;
+  impl_->values[key] = std::move(bytes);
+  impl_->dirty = true;
   writeLocked();
 }
 
 void UserDefaults::removeObject(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex);
   loadLocked();
-  if (values_.erase(key) == 0 && !dirty_) return;
-  dirty_ = true;
+  if (impl_->values.erase(key) == 0 && !impl_->dirty) return;
+  impl_->dirty = true;
   writeLocked();
 }
 
 bool UserDefaults::synchronize() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(impl_->mutex);
   loadLocked();
-  return !dirty_ || writeLocked();
+  return !impl_->dirty || writeLocked();
 }
 
 void UserDefaults::resetPath(std::string path) {
-  std::lock_guard lock(mutex_);
-  if (path == path_) return;
-  if (dirty_) writeLocked();  // last try for changes made under the old path
-  path_ = std::move(path);
-  loaded_ = false;
-  dirty_ = false;
-  values_.clear();
+  std::lock_guard lock(impl_->mutex);
+  if (path == impl_->path) return;
+  if (impl_->dirty) writeLocked();  // last try for changes made under the old path
+  impl_->path = std::move(path);
+  impl_->loaded = false;
+  impl_->dirty = false;
+  impl_->values.clear();
 }
 
 void UserDefaults::loadLocked() {
-  if (loaded_) return;
-  loaded_ = true;
-  if (path_.empty()) path_ = defaultStandardPath();
-  detail::removeStaleTemporaryFiles(path_);
+  if (impl_->loaded) return;
+  impl_->loaded = true;
+  if (impl_->path.empty()) impl_->path = defaultStandardPath();
+  detail::removeStaleTemporaryFiles(impl_->path);
 
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = ::open(impl_->path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     if (errno != ENOENT)
-      log(LogLevel::error, "cannot read user defaults " + path_ + ": " + errnoText(errno));
+      log(LogLevel::error, "cannot read user defaults " + impl_->path + ": " + errnoText(errno));
     return;
   }
   std::string text;
@@ -158,7 +168,7 @@ void UserDefaults::loadLocked() {
     const ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
-      log(LogLevel::error, "cannot read user defaults " + path_ + ": " + errnoText(errno));
+      log(LogLevel::error, "cannot read user defaults " + impl_->path + ": " + errnoText(errno));
       ::close(fd);
       return;
     }
@@ -170,29 +180,30 @@ void UserDefaults::loadLocked() {
   const nlohmann::json parsed = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!parsed.is_object()) {
     // Start empty; the next change replaces the damaged file.
-    log(LogLevel::error, "user defaults " + path_ + " are damaged and were ignored");
+    log(LogLevel::error, "user defaults " + impl_->path + " are damaged and were ignored");
     return;
   }
   for (const auto& [key, value] : parsed.items()) {
     std::optional<std::string> bytes;
     if (value.is_string()) bytes = base64Decode(value.get_ref<const std::string&>());
     if (!bytes) {
-      log(LogLevel::error, "user defaults " + path_ + ": ignored the damaged value of " + key);
+      log(LogLevel::error,
+          "user defaults " + impl_->path + ": ignored the damaged value of " + key);
       continue;
     }
-    values_.emplace(key, std::move(*bytes));
+    impl_->values.emplace(key, std::move(*bytes));
   }
 }
 
 bool UserDefaults::writeLocked() {
   nlohmann::json object = nlohmann::json::object();
-  for (const auto& [key, bytes] : values_) object[key] = base64Encode(bytes);
+  for (const auto& [key, bytes] : impl_->values) object[key] = base64Encode(bytes);
   std::string error;
-  if (!replaceFile(path_, object.dump(), &error)) {
+  if (!replaceFile(impl_->path, object.dump(), &error)) {
     log(LogLevel::error, "cannot write user defaults: " + error);
     return false;
   }
-  dirty_ = false;
+  impl_->dirty = false;
   return true;
 }
 

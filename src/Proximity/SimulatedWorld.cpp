@@ -47,6 +47,8 @@ struct SimulatedWorld::Private {
   Private(const SimulationSettings& settings, std::string regionsPath)
       : engine(settings, std::move(regionsPath)) {}
 
+  std::shared_ptr<Clock> clock;  // read without the lock: set once, before any tick
+  std::weak_ptr<SimulatedWorld> self;
   mutable std::mutex mutex;
   proximity::Engine engine;
 
@@ -169,16 +171,16 @@ struct SimulatedWorld::Private {
 std::shared_ptr<SimulatedWorld> SimulatedWorld::create(SimulationSettings settings,
                                                        std::string storeDirectory) {
   std::shared_ptr<SimulatedWorld> world(new SimulatedWorld(settings, std::move(storeDirectory)));
-  world->self_ = world;
+  world->d_->self = world;
   world->scheduleTick();
   return world;
 }
 
-SimulatedWorld::SimulatedWorld(SimulationSettings settings, std::string storeDirectory)
-    : clock_(Env::current()->clock) {
+SimulatedWorld::SimulatedWorld(SimulationSettings settings, std::string storeDirectory) {
   if (storeDirectory.empty()) storeDirectory = Env::current()->resolvedStoreDirectory();
   d_ = std::make_unique<Private>(settings,
                                  (std::filesystem::path(storeDirectory) / kRegionsFile).string());
+  d_->clock = Env::current()->clock;
 }
 
 // The clock is never called with the world's lock held: a clock may hold its own lock while
@@ -189,11 +191,11 @@ SimulatedWorld::~SimulatedWorld() {
     std::lock_guard lock(d_->mutex);
     timer = d_->tickTimer;
   }
-  clock_->cancel(timer);
+  d_->clock->cancel(timer);
 }
 
 void SimulatedWorld::scheduleTick() {
-  Clock::TimerId timer = clock_->runAfter(std::chrono::seconds(1), [weak = self_] {
+  Clock::TimerId timer = d_->clock->runAfter(std::chrono::seconds(1), [weak = d_->self] {
     if (auto world = weak.lock()) world->tick();
   });
   std::lock_guard lock(d_->mutex);
@@ -218,13 +220,13 @@ auto SimulatedWorld::locked(Change&& change) const {
 }
 
 void SimulatedWorld::tick() {
-  locked([this](Private& d) { d.tick(clock_->now()); });
+  locked([](Private& d) { d.tick(d.clock->now()); });
   scheduleTick();
 }
 
 void SimulatedWorld::play(const Scene& scene) {
   locked([&](Private& d) {
-    Date now = clock_->now();
+    Date now = d_->clock->now();
     d.engine.configure(scene.settings);
     d.steps = scene.timeline;
     d.nextStep = 0;
@@ -240,11 +242,11 @@ bool SimulatedWorld::sceneFinished() const {
 }
 
 void SimulatedWorld::apply(const SceneStep::Action& action) {
-  locked([&](Private& d) { d.apply(action, clock_->now()); });
+  locked([&](Private& d) { d.apply(action, d_->clock->now()); });
 }
 
 void SimulatedWorld::advance(double seconds) {
-  auto manual = std::dynamic_pointer_cast<ManualClock>(clock_);
+  auto manual = std::dynamic_pointer_cast<ManualClock>(d_->clock);
   if (!manual) throw std::logic_error("SimulatedWorld::advance needs a ManualClock");
   manual->advance(std::chrono::duration_cast<std::chrono::milliseconds>(Seconds(seconds)));
 }

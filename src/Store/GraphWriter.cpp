@@ -1,5 +1,6 @@
 // Create-or-update of a graph of records.
 
+#include "Store/ResultsImpl.h"
 #include "Store/StoreImpl.h"
 
 namespace qvl {
@@ -196,14 +197,15 @@ AnyResults Store::addOrUpdateAll(const std::vector<std::shared_ptr<Object>>& obj
   }
   writer.finish();
   AnyResults results;
-  results.class_ = objectClass;
+  results.impl_ = std::make_unique<AnyResults::Impl>();
+  results.impl_->cls = objectClass;
   if (!objectClass) {
-    results.fixed_ = std::make_shared<const std::vector<std::shared_ptr<Object>>>();
+    results.impl_->fixed = std::make_shared<const std::vector<std::shared_ptr<Object>>>();
     return results;
   }
-  results.store_ = shared_from_this();
-  results.scope_.kind = AnyResults::Scope::Kind::Rows;
-  results.scope_.rows = rows + ']';
+  results.impl_->store = shared_from_this();
+  results.impl_->scope.kind = AnyResults::Impl::Scope::Kind::Rows;
+  results.impl_->scope.rows = rows + ']';
   return results;
 }
 

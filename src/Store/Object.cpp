@@ -3,6 +3,8 @@
 #include <limits>
 #include <stdexcept>
 
+#include "Store/ObjectImpl.h"
+#include "Store/ResultsImpl.h"
 #include "Store/StoreImpl.h"
 
 namespace qvl {
@@ -39,69 +41,78 @@ const std::vector<std::shared_ptr<Object>> kNoElements{};
 }  // namespace
 
 Object::Object(const ObjectClass& objectClass)
-    : class_(&objectClass), values_(objectClass.scalarDefaults_) {
-  if (objectClass.linkCount_ > 0) {
-    links_ = std::make_unique<LinkSlot[]>(static_cast<size_t>(objectClass.linkCount_));
-  }
-}
+    : impl_(Impl::create(objectClass, objectClass.impl_->scalarDefaults,
+                         objectClass.impl_->linkCount)) {}
 
 Object::~Object() = default;
 
+const ObjectClass& Object::objectClass() const { return *impl_->cls; }
+bool Object::isManaged() const { return impl_->store != nullptr; }
+const std::shared_ptr<Store>& Object::store() const { return impl_->store; }
+
+std::size_t Object::storageIndex(int index) const {
+  return static_cast<std::size_t>(impl_->cls->impl_->storageIndex[static_cast<std::size_t>(index)]);
+}
+
+Object::LinkSlot& Object::linkSlot(int index) const { return impl_->links()[storageIndex(index)]; }
+
 const Property& Object::checkedProperty(int index) const {
-  if (index < 0 || static_cast<size_t>(index) >= class_->properties().size()) {
-    throw std::invalid_argument(class_->name() + ": no property at index " + std::to_string(index));
+  if (index < 0 || static_cast<size_t>(index) >= impl_->cls->properties().size()) {
+    throw std::invalid_argument(impl_->cls->name() + ": no property at index " +
+                                std::to_string(index));
   }
-  return class_->properties()[static_cast<size_t>(index)];
+  return impl_->cls->properties()[static_cast<size_t>(index)];
 }
 
 bool Object::isInvalidated() const {
-  if (!store_) return false;
-  store_->checkThread();
-  auto& impl = StoreAccess::impl(*store_);
-  StatementUse use(impl.statement(impl.info(*class_).exists));
-  use.bindInt(1, row_);
+  if (!impl_->store) return false;
+  impl_->store->checkThread();
+  auto& impl = StoreAccess::impl(*impl_->store);
+  StatementUse use(impl.statement(impl.info(*impl_->cls).exists));
+  use.bindInt(1, impl_->row);
   return !use.step();
 }
 
 void Object::refresh() {
-  if (!store_) return;
-  store_->checkThread();
-  auto& impl = StoreAccess::impl(*store_);
-  const ClassInfo& info = impl.info(*class_);
+  if (!impl_->store) return;
+  impl_->store->checkThread();
+  auto& impl = StoreAccess::impl(*impl_->store);
+  const ClassInfo& info = impl.info(*impl_->cls);
   StatementUse use(impl.statement(info.selectRow));
-  use.bindInt(1, row_);
+  use.bindInt(1, impl_->row);
   if (use.step()) impl.fill(*this, info, use, 1);
 }
 
 bool Object::isSameObject(const Object& other) const {
   if (this == &other) return true;
-  return store_ && store_ == other.store_ && row_ == other.row_ && class_ == other.class_;
+  return impl_->store && impl_->store == other.impl_->store && impl_->row == other.impl_->row &&
+         impl_->cls == other.impl_->cls;
 }
 
 std::optional<std::int64_t> Object::primaryKeyValue() const {
-  int index = class_->primaryKeyIndex();
+  int index = impl_->cls->primaryKeyIndex();
   if (index < 0) return std::nullopt;
-  const Value& v = values_[storageIndex(index)];
+  const Value& v = impl_->values()[storageIndex(index)];
   if (auto* i = std::get_if<std::int64_t>(&v)) return *i;
   return std::nullopt;
 }
 
 const Value& Object::heldValue(int index) const {
-  return class_->property(index).isScalar() ? values_[storageIndex(index)] : kNull;
+  return impl_->cls->property(index).isScalar() ? impl_->values()[storageIndex(index)] : kNull;
 }
 
 Value Object::value(int index) const {
   const Property& p = checkedProperty(index);
   if (!p.isScalar()) {
-    throw std::invalid_argument(class_->name() + "." + p.name + " is a " + kindName(p.kind));
+    throw std::invalid_argument(impl_->cls->name() + "." + p.name + " is a " + kindName(p.kind));
   }
-  return values_[storageIndex(index)];
+  return impl_->values()[storageIndex(index)];
 }
 
 void Object::setValue(int index, Value value) {
   const Property& p = checkedProperty(index);
   auto reject = [&](const char* why) {
-    throw std::invalid_argument(class_->name() + "." + p.name + ": " + why);
+    throw std::invalid_argument(impl_->cls->name() + "." + p.name + ": " + why);
   };
   if (!p.isScalar()) reject("not a scalar property");
   if (isNull(value)) {
@@ -139,29 +150,30 @@ void Object::setValue(int index, Value value) {
         break;
     }
   }
-  if (store_) {
-    store_->checkWrite();
-    auto& impl = StoreAccess::impl(*store_);
-    StatementUse use(impl.statement(impl.info(*class_).updateColumn[static_cast<size_t>(index)]));
+  if (impl_->store) {
+    impl_->store->checkWrite();
+    auto& impl = StoreAccess::impl(*impl_->store);
+    StatementUse use(
+        impl.statement(impl.info(*impl_->cls).updateColumn[static_cast<size_t>(index)]));
     impl.bindValue(use, 1, p, value);
-    use.bindInt(2, row_);
+    use.bindInt(2, impl_->row);
     use.step();
     ++impl.changeCounter;
   }
-  values_[storageIndex(index)] = std::move(value);
+  impl_->values()[storageIndex(index)] = std::move(value);
   setKeepsMark(index, false);
 }
 
 std::shared_ptr<Object> Object::link(int index) const {
   const Property& p = checkedProperty(index);
   if (p.kind != PropertyKind::Link) {
-    throw std::invalid_argument(class_->name() + "." + p.name + " is not a link");
+    throw std::invalid_argument(impl_->cls->name() + "." + p.name + " is not a link");
   }
   LinkSlot& slot = linkSlot(index);
-  if (store_ && !slot.resolved) {
-    store_->checkThread();
-    auto& impl = StoreAccess::impl(*store_);
-    slot.target = impl.load(*store_, impl.info(p.target()), slot.row);
+  if (impl_->store && !slot.resolved) {
+    impl_->store->checkThread();
+    auto& impl = StoreAccess::impl(*impl_->store);
+    slot.target = impl.load(*impl_->store, impl.info(p.target()), slot.row);
     slot.resolved = true;
   }
   return slot.target;
@@ -170,22 +182,23 @@ std::shared_ptr<Object> Object::link(int index) const {
 void Object::setLink(int index, std::shared_ptr<Object> target) {
   const Property& p = checkedProperty(index);
   if (p.kind != PropertyKind::Link) {
-    throw std::invalid_argument(class_->name() + "." + p.name + " is not a link");
+    throw std::invalid_argument(impl_->cls->name() + "." + p.name + " is not a link");
   }
   if (target && target->objectClass().name() != p.target().name()) {
-    throw std::invalid_argument(class_->name() + "." + p.name + " links " + p.target().name() +
+    throw std::invalid_argument(impl_->cls->name() + "." + p.name + " links " + p.target().name() +
                                 ", not " + target->objectClass().name());
   }
   LinkSlot& slot = linkSlot(index);
-  if (store_) {
-    std::int64_t row = target ? StoreAccess::upsertGraph(*store_, target) : 0;
-    auto& impl = StoreAccess::impl(*store_);
-    StatementUse use(impl.statement(impl.info(*class_).updateColumn[static_cast<size_t>(index)]));
+  if (impl_->store) {
+    std::int64_t row = target ? StoreAccess::upsertGraph(*impl_->store, target) : 0;
+    auto& impl = StoreAccess::impl(*impl_->store);
+    StatementUse use(
+        impl.statement(impl.info(*impl_->cls).updateColumn[static_cast<size_t>(index)]));
     if (row)
       use.bindInt(1, row);
     else
       use.bindNull(1);
-    use.bindInt(2, row_);
+    use.bindInt(2, impl_->row);
     use.step();
     ++impl.changeCounter;
     slot.row = row;
@@ -199,7 +212,8 @@ void Object::setLink(int index, std::shared_ptr<Object> target) {
 
 void Object::keepStoredValue(int index) {
   const Property& p = checkedProperty(index);
-  if (store_) throw std::logic_error(class_->name() + "." + p.name + ": the record is stored");
+  if (impl_->store)
+    throw std::logic_error(impl_->cls->name() + "." + p.name + ": the record is stored");
   if (p.kind == PropertyKind::LinkingObjects) return;
   setKeepsMark(index, true);
 }
@@ -211,34 +225,36 @@ bool Object::keepsStoredValue(int index) const {
 
 bool Object::keepsMark(int index) const {
   auto i = static_cast<size_t>(index);
-  if (i < 64) return (keepMarks_ >> i) & 1;
-  return keepMarksBeyond64_ && ((keepMarksBeyond64_[i / 64 - 1] >> (i % 64)) & 1);
+  if (i < 64) return (impl_->keepMarks >> i) & 1;
+  return impl_->keepMarksBeyond64 && ((impl_->keepMarksBeyond64[i / 64 - 1] >> (i % 64)) & 1);
 }
 
 void Object::setKeepsMark(int index, bool marked) {
   auto i = static_cast<size_t>(index);
-  std::uint64_t* word = &keepMarks_;
+  std::uint64_t* word = &impl_->keepMarks;
   if (i >= 64) {
-    if (!keepMarksBeyond64_) {
+    if (!impl_->keepMarksBeyond64) {
       if (!marked) return;
       // One word per further 64 properties; a class of 65 properties needs one.
-      keepMarksBeyond64_ =
-          std::make_unique<std::uint64_t[]>((class_->properties().size() - 1) / 64);
+      impl_->keepMarksBeyond64 =
+          std::make_unique<std::uint64_t[]>((impl_->cls->properties().size() - 1) / 64);
     }
-    word = &keepMarksBeyond64_[i / 64 - 1];
+    word = &impl_->keepMarksBeyond64[i / 64 - 1];
   }
   const std::uint64_t bit = std::uint64_t{1} << (i % 64);
   *word = marked ? (*word | bit) : (*word & ~bit);
 }
 
 const Object::ObjectList& Object::storedList(int index) const {
-  return lists_ ? lists_[storageIndex(index)] : kNoElements;
+  return impl_->lists ? impl_->lists[storageIndex(index)] : kNoElements;
 }
 
 Object::ObjectList& Object::changedList(int index) {
-  if (!lists_) lists_ = std::make_unique<ObjectList[]>(static_cast<size_t>(class_->listCount_));
+  if (!impl_->lists)
+    impl_->lists =
+        std::make_unique<ObjectList[]>(static_cast<size_t>(impl_->cls->impl_->listCount));
   setKeepsMark(index, false);
-  return lists_[storageIndex(index)];
+  return impl_->lists[storageIndex(index)];
 }
 
 AnyList Object::list(int index) { return AnyList(shared_from_this(), index); }
@@ -246,32 +262,33 @@ AnyList Object::list(int index) { return AnyList(shared_from_this(), index); }
 AnyResults Object::linkingObjects(int index) const {
   const Property& p = checkedProperty(index);
   if (p.kind != PropertyKind::LinkingObjects) {
-    throw std::invalid_argument(class_->name() + "." + p.name + " is not an inverse relation");
+    throw std::invalid_argument(impl_->cls->name() + "." + p.name + " is not an inverse relation");
   }
   AnyResults results;
-  results.class_ = &p.target();
-  if (!store_) {
-    results.fixed_ = std::make_shared<const std::vector<std::shared_ptr<Object>>>();
+  results.impl_ = std::make_unique<AnyResults::Impl>();
+  results.impl_->cls = &p.target();
+  if (!impl_->store) {
+    results.impl_->fixed = std::make_shared<const std::vector<std::shared_ptr<Object>>>();
     return results;
   }
-  store_->checkThread();
+  impl_->store->checkThread();
   int origin = p.target().propertyIndex(p.originProperty);
   if (origin < 0 || p.target().property(origin).kind != PropertyKind::List) {
-    throw std::logic_error(class_->name() + "." + p.name + ": " + p.target().name() +
+    throw std::logic_error(impl_->cls->name() + "." + p.name + ": " + p.target().name() +
                            " has no list " + p.originProperty);
   }
-  results.store_ = store_;
-  results.scope_.kind = AnyResults::Scope::Kind::Inverse;
-  results.scope_.row = row_;
-  results.scope_.otherClass = &p.target();
-  results.scope_.listIndex = origin;
+  results.impl_->store = impl_->store;
+  results.impl_->scope.kind = AnyResults::Impl::Scope::Kind::Inverse;
+  results.impl_->scope.row = impl_->row;
+  results.impl_->scope.otherClass = &p.target();
+  results.impl_->scope.listIndex = origin;
   return results;
 }
 
 void Object::copyProperty(const Object& source, int index) {
-  if (source.class_->name() != class_->name()) {
-    throw std::invalid_argument("copyProperty: " + source.class_->name() + " into " +
-                                class_->name());
+  if (source.impl_->cls->name() != impl_->cls->name()) {
+    throw std::invalid_argument("copyProperty: " + source.impl_->cls->name() + " into " +
+                                impl_->cls->name());
   }
   const Property& p = checkedProperty(index);
   switch (p.kind) {

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 
+#include "Store/ObjectImpl.h"
+
 namespace qvl {
 
 namespace {
@@ -25,45 +27,58 @@ Value defaultValue(const Property& p) {
 
 ObjectClass::ObjectClass(std::string name, std::vector<Property> properties, std::string primaryKey,
                          Factory factory)
-    : name_(std::move(name)),
-      properties_(std::move(properties)),
-      primaryKey_(std::move(primaryKey)),
-      factory_(std::move(factory)) {
-  storageIndex_.reserve(properties_.size());
-  for (size_t i = 0; i < properties_.size(); ++i) {
-    const Property& p = properties_[i];
+    : impl_(std::make_unique<Impl>()) {
+  Impl& d = *impl_;
+  d.name = std::move(name);
+  d.properties = std::move(properties);
+  d.primaryKey = std::move(primaryKey);
+  d.factory = std::move(factory);
+  d.storageIndex.reserve(d.properties.size());
+  for (size_t i = 0; i < d.properties.size(); ++i) {
+    const Property& p = d.properties[i];
     if (p.isScalar()) {
-      storageIndex_.push_back(static_cast<int>(scalarDefaults_.size()));
-      scalarDefaults_.push_back(defaultValue(p));
+      d.storageIndex.push_back(static_cast<int>(d.scalarDefaults.size()));
+      d.scalarDefaults.push_back(defaultValue(p));
     } else if (p.kind == PropertyKind::Link) {
-      storageIndex_.push_back(linkCount_++);
+      d.storageIndex.push_back(d.linkCount++);
     } else if (p.kind == PropertyKind::List) {
-      storageIndex_.push_back(listCount_++);
+      d.storageIndex.push_back(d.listCount++);
     } else {
-      storageIndex_.push_back(-1);
+      d.storageIndex.push_back(-1);
     }
-    if (!indexByName_.emplace(p.name, static_cast<int>(i)).second) {
-      throw std::invalid_argument(name_ + ": property '" + p.name + "' declared twice");
+    if (!d.indexByName.emplace(p.name, static_cast<int>(i)).second) {
+      throw std::invalid_argument(d.name + ": property '" + p.name + "' declared twice");
     }
     if (!p.isScalar() && p.target == nullptr) {
-      throw std::invalid_argument(name_ + "." + p.name + ": relation without a target class");
+      throw std::invalid_argument(d.name + "." + p.name + ": relation without a target class");
     }
     if (p.kind == PropertyKind::LinkingObjects && p.originProperty.empty()) {
-      throw std::invalid_argument(name_ + "." + p.name + ": inverse relation without origin");
+      throw std::invalid_argument(d.name + "." + p.name + ": inverse relation without origin");
     }
   }
-  if (!primaryKey_.empty()) {
-    primaryKeyIndex_ = propertyIndex(primaryKey_);
-    if (primaryKeyIndex_ < 0 || properties_[primaryKeyIndex_].kind != PropertyKind::Int) {
-      throw std::invalid_argument(name_ + ": primary key '" + primaryKey_ +
+  if (!d.primaryKey.empty()) {
+    d.primaryKeyIndex = propertyIndex(d.primaryKey);
+    if (d.primaryKeyIndex < 0 || d.properties[d.primaryKeyIndex].kind != PropertyKind::Int) {
+      throw std::invalid_argument(d.name + ": primary key '" + d.primaryKey +
                                   "' is not an integer property");
     }
   }
 }
 
+ObjectClass::~ObjectClass() = default;
+
+const std::string& ObjectClass::name() const { return impl_->name; }
+const std::vector<Property>& ObjectClass::properties() const { return impl_->properties; }
+const Property& ObjectClass::property(int index) const {
+  return impl_->properties.at(static_cast<size_t>(index));
+}
+const std::string& ObjectClass::primaryKey() const { return impl_->primaryKey; }
+int ObjectClass::primaryKeyIndex() const { return impl_->primaryKeyIndex; }
+std::shared_ptr<Object> ObjectClass::makeObject() const { return impl_->factory(); }
+
 int ObjectClass::propertyIndex(std::string_view name) const {
-  auto it = indexByName_.find(std::string(name));
-  return it == indexByName_.end() ? -1 : it->second;
+  auto it = impl_->indexByName.find(std::string(name));
+  return it == impl_->indexByName.end() ? -1 : it->second;
 }
 
 }  // namespace qvl

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "Store/ResultsImpl.h"
 #include "Store/StoreImpl.h"
 
 namespace qvl {
@@ -32,32 +33,48 @@ nlohmann::json storedJson(const Stored& s) {
 
 // ---- Predicate -----------------------------------------------------------------------
 
+Predicate::Predicate() = default;
+Predicate::~Predicate() = default;
+Predicate::Predicate(const Predicate& other) = default;
+Predicate& Predicate::operator=(const Predicate& other) = default;
+Predicate::Predicate(Predicate&& other) noexcept = default;
+Predicate& Predicate::operator=(Predicate&& other) noexcept = default;
+
 Predicate Predicate::in(std::string key, std::vector<Value> values) {
   Predicate p;
-  p.clauses_.push_back({Op::In, std::move(key), std::move(values)});
+  p.impl_ = std::make_shared<const Impl>(Impl{{{Impl::Op::In, std::move(key), std::move(values)}}});
   return p;
 }
 
 Predicate Predicate::equal(std::string key, Value value) {
   Predicate p;
-  p.clauses_.push_back({Op::Equal, std::move(key), {std::move(value)}});
+  p.impl_ =
+      std::make_shared<const Impl>(Impl{{{Impl::Op::Equal, std::move(key), {std::move(value)}}}});
   return p;
 }
 
 Predicate Predicate::notNull(std::string key) {
   Predicate p;
-  p.clauses_.push_back({Op::NotNull, std::move(key), {}});
+  p.impl_ = std::make_shared<const Impl>(Impl{{{Impl::Op::NotNull, std::move(key), {}}}});
   return p;
 }
 
 Predicate Predicate::operator&&(const Predicate& other) const {
-  Predicate p = *this;
-  p.clauses_.insert(p.clauses_.end(), other.clauses_.begin(), other.clauses_.end());
+  if (!other.impl_) return *this;
+  if (!impl_) return other;
+  auto both = std::make_shared<Impl>(*impl_);
+  both->clauses.insert(both->clauses.end(), other.impl_->clauses.begin(),
+                       other.impl_->clauses.end());
+  Predicate p;
+  p.impl_ = std::move(both);
   return p;
 }
 
+bool Predicate::matchesAll() const { return !impl_ || impl_->clauses.empty(); }
+
 bool Predicate::matches(const Object& object) const {
-  for (const auto& clause : clauses_) {
+  if (!impl_) return true;
+  for (const auto& clause : impl_->clauses) {
     int index = object.objectClass().propertyIndex(clause.key);
     if (index < 0) {
       throw std::invalid_argument("cannot filter " + object.objectClass().name() + " by '" +
@@ -66,13 +83,13 @@ bool Predicate::matches(const Object& object) const {
     Stored v = stored(object.value(index));
     bool null = std::holds_alternative<std::monostate>(v);
     switch (clause.op) {
-      case Op::NotNull:
+      case Impl::Op::NotNull:
         if (null) return false;
         break;
-      case Op::Equal:
+      case Impl::Op::Equal:
         if (v != stored(clause.values.front())) return false;
         break;
-      case Op::In: {
+      case Impl::Op::In: {
         if (null) return false;
         bool found = false;
         for (const auto& candidate : clause.values) {
@@ -91,51 +108,69 @@ bool Predicate::matches(const Object& object) const {
 
 // ---- AnyResults ----------------------------------------------------------------------
 
-void AnyResults::refreshRows() const {
-  if (fixed_ || !store_) return;
-  std::uint64_t version = store_->version();
-  if (version == seenVersion_) return;
+AnyResults::AnyResults() = default;
+AnyResults::~AnyResults() = default;
+AnyResults::AnyResults(const AnyResults& other)
+    : impl_(other.impl_ ? std::make_unique<Impl>(*other.impl_) : nullptr) {}
+AnyResults& AnyResults::operator=(const AnyResults& other) {
+  if (this != &other) impl_ = other.impl_ ? std::make_unique<Impl>(*other.impl_) : nullptr;
+  return *this;
+}
+AnyResults::AnyResults(AnyResults&& other) noexcept = default;
+AnyResults& AnyResults::operator=(AnyResults&& other) noexcept = default;
 
-  auto& impl = StoreAccess::impl(*store_);
-  const ClassInfo& info = impl.info(*class_);
+const ObjectClass* AnyResults::objectClass() const { return impl_ ? impl_->cls : nullptr; }
+bool AnyResults::empty() const { return size() == 0; }
+
+void AnyResults::refreshRows() const {
+  Impl& r = *impl_;
+  if (r.fixed || !r.store) return;
+  std::uint64_t version = r.store->version();
+  if (version == r.seenVersion) return;
+
+  auto& impl = StoreAccess::impl(*r.store);
+  const ClassInfo& info = impl.info(*r.cls);
   std::string sql = "SELECT t._rowid FROM ";
   std::vector<Stored> bindings;
   std::vector<std::string> where;
   std::string order = "t._rowid";
-  switch (scope_.kind) {
-    case Scope::Kind::None:
+  switch (r.scope.kind) {
+    case Impl::Scope::Kind::None:
       sql += info.table + " t";
       break;
-    case Scope::Kind::List: {
-      const ClassInfo& owner = impl.info(*scope_.otherClass);
-      const auto& list = owner.lists[static_cast<size_t>(owner.listOfProperty[scope_.listIndex])];
+    case Impl::Scope::Kind::List: {
+      const ClassInfo& owner = impl.info(*r.scope.otherClass);
+      const auto& list = owner.lists[static_cast<size_t>(owner.listOfProperty[r.scope.listIndex])];
       sql += list.table + " l JOIN " + info.table + " t ON t._rowid=l.target";
       where.push_back("l.owner=?");
-      bindings.emplace_back(scope_.row);
+      bindings.emplace_back(r.scope.row);
       order = "l.position";
       break;
     }
-    case Scope::Kind::Rows:
+    case Impl::Scope::Kind::Rows:
       sql += info.table + " t";
       where.push_back("t._rowid IN (SELECT value FROM json_each(?))");
-      bindings.emplace_back(scope_.rows);
+      bindings.emplace_back(r.scope.rows);
       break;
-    case Scope::Kind::Inverse: {
-      const ClassInfo& origin = impl.info(*scope_.otherClass);
-      const auto& list = origin.lists[static_cast<size_t>(origin.listOfProperty[scope_.listIndex])];
+    case Impl::Scope::Kind::Inverse: {
+      const ClassInfo& origin = impl.info(*r.scope.otherClass);
+      const auto& list =
+          origin.lists[static_cast<size_t>(origin.listOfProperty[r.scope.listIndex])];
       sql += info.table + " t";
       where.push_back("t._rowid IN (SELECT owner FROM " + list.table + " WHERE target=?)");
-      bindings.emplace_back(scope_.row);
+      bindings.emplace_back(r.scope.row);
       break;
     }
   }
-  for (const auto& clause : predicate_.clauses_) {
+  const std::vector<Predicate::Impl::Clause> noClauses;
+  const auto& clauses = r.predicate.impl_ ? r.predicate.impl_->clauses : noClauses;
+  for (const auto& clause : clauses) {
     std::string column = "t." + quoteIdentifier(clause.key);
     switch (clause.op) {
-      case Predicate::Op::NotNull:
+      case Predicate::Impl::Op::NotNull:
         where.push_back(column + " IS NOT NULL");
         break;
-      case Predicate::Op::Equal: {
+      case Predicate::Impl::Op::Equal: {
         Stored v = stored(clause.values.front());
         if (std::holds_alternative<std::monostate>(v)) {
           where.push_back(column + " IS NULL");
@@ -145,7 +180,7 @@ void AnyResults::refreshRows() const {
         }
         break;
       }
-      case Predicate::Op::In: {
+      case Predicate::Impl::Op::In: {
         nlohmann::json values = nlohmann::json::array();
         for (const auto& v : clause.values) values.push_back(storedJson(stored(v)));
         where.push_back(column + " IN (SELECT value FROM json_each(?))");
@@ -172,68 +207,75 @@ void AnyResults::refreshRows() const {
   }
   std::vector<std::int64_t> rows;
   while (use.step()) rows.push_back(use.columnInt(0));
-  rows_ = std::move(rows);
-  seenVersion_ = version;
+  r.rows = std::move(rows);
+  r.seenVersion = version;
 }
 
 std::size_t AnyResults::size() const {
-  if (fixed_) return fixed_->size();
-  if (!store_) return 0;
+  if (!impl_) return 0;
+  if (impl_->fixed) return impl_->fixed->size();
+  if (!impl_->store) return 0;
   refreshRows();
-  return rows_.size();
+  return impl_->rows.size();
 }
 
 std::shared_ptr<Object> AnyResults::at(std::size_t index) const {
-  if (fixed_) return fixed_->at(index);
-  if (!store_) throw std::out_of_range("results: index past the end");
+  if (!impl_) throw std::out_of_range("results: index past the end");
+  if (impl_->fixed) return impl_->fixed->at(index);
+  if (!impl_->store) throw std::out_of_range("results: index past the end");
   refreshRows();
-  if (index >= rows_.size()) throw std::out_of_range("results: index past the end");
-  auto& impl = StoreAccess::impl(*store_);
-  return impl.load(*store_, impl.info(*class_), rows_[index]);
+  if (index >= impl_->rows.size()) throw std::out_of_range("results: index past the end");
+  auto& impl = StoreAccess::impl(*impl_->store);
+  return impl.load(*impl_->store, impl.info(*impl_->cls), impl_->rows[index]);
 }
 
 std::vector<std::shared_ptr<Object>> AnyResults::snapshot() const {
-  if (fixed_) return *fixed_;
+  if (!impl_) return {};
+  if (impl_->fixed) return *impl_->fixed;
   std::vector<std::shared_ptr<Object>> out;
-  if (!store_) return out;
+  if (!impl_->store) return out;
   refreshRows();
-  auto& impl = StoreAccess::impl(*store_);
-  const ClassInfo& info = impl.info(*class_);
-  out.reserve(rows_.size());
-  for (std::int64_t row : rows_) {
-    if (auto object = impl.load(*store_, info, row)) out.push_back(std::move(object));
+  auto& impl = StoreAccess::impl(*impl_->store);
+  const ClassInfo& info = impl.info(*impl_->cls);
+  out.reserve(impl_->rows.size());
+  for (std::int64_t row : impl_->rows) {
+    if (auto object = impl.load(*impl_->store, info, row)) out.push_back(std::move(object));
   }
   return out;
 }
 
 AnyResults AnyResults::filter(const Predicate& predicate) const {
   AnyResults narrowed = *this;
-  narrowed.seenVersion_ = ~std::uint64_t{0};
-  if (fixed_) {
+  if (!narrowed.impl_) return narrowed;
+  narrowed.impl_->seenVersion = ~std::uint64_t{0};
+  if (impl_->fixed) {
     auto kept = std::make_shared<std::vector<std::shared_ptr<Object>>>();
-    for (const auto& object : *fixed_) {
+    for (const auto& object : *impl_->fixed) {
       if (predicate.matches(*object)) kept->push_back(object);
     }
-    narrowed.fixed_ = std::move(kept);
+    narrowed.impl_->fixed = std::move(kept);
     return narrowed;
   }
-  narrowed.predicate_ = predicate_ && predicate;
+  narrowed.impl_->predicate = impl_->predicate && predicate;
   return narrowed;
 }
 
 // ---- AnyList -------------------------------------------------------------------------
 
-AnyList::AnyList(std::shared_ptr<Object> owner, int index)
-    : owner_(std::move(owner)), index_(index) {
-  if (!owner_) throw std::invalid_argument("list of no record");
-  const Property& p = owner_->checkedProperty(index_);
+AnyList::AnyList(std::shared_ptr<Object> owner, int index) {
+  if (!owner) throw std::invalid_argument("list of no record");
+  const Property& p = owner->checkedProperty(index);
   if (p.kind != PropertyKind::List) {
-    throw std::invalid_argument(owner_->objectClass().name() + "." + p.name + " is not a list");
+    throw std::invalid_argument(owner->objectClass().name() + "." + p.name + " is not a list");
   }
+  impl_ = std::make_shared<const Impl>(Impl{std::move(owner), index});
 }
 
+const std::string& AnyList::objectClassName() const { return objectClass().name(); }
+bool AnyList::empty() const { return size() == 0; }
+
 const ObjectClass& AnyList::objectClass() const {
-  return owner_->objectClass().property(index_).target();
+  return impl_->owner->objectClass().property(impl_->index).target();
 }
 
 namespace {
@@ -246,52 +288,54 @@ const ClassInfo::ListInfo& listInfo(detail::StoreImpl& impl, const Object& owner
 }  // namespace
 
 std::size_t AnyList::size() const {
-  if (!owner_->isManaged()) return owner_->storedList(index_).size();
-  owner_->store()->checkThread();
-  auto& impl = StoreAccess::impl(*owner_->store());
-  StatementUse use(impl.statement(listInfo(impl, *owner_, index_).count));
-  use.bindInt(1, StoreAccess::row(*owner_));
+  if (!impl_->owner->isManaged()) return impl_->owner->storedList(impl_->index).size();
+  impl_->owner->store()->checkThread();
+  auto& impl = StoreAccess::impl(*impl_->owner->store());
+  StatementUse use(impl.statement(listInfo(impl, *impl_->owner, impl_->index).count));
+  use.bindInt(1, StoreAccess::row(*impl_->owner));
   use.step();
   return static_cast<std::size_t>(use.columnInt(0));
 }
 
 std::shared_ptr<Object> AnyList::at(std::size_t index) const {
-  if (!owner_->isManaged()) return owner_->storedList(index_).at(index);
-  owner_->store()->checkThread();
-  auto& impl = StoreAccess::impl(*owner_->store());
-  auto rows = impl.listRows(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_));
-  return impl.load(*owner_->store(), impl.info(objectClass()), rows.at(index));
+  if (!impl_->owner->isManaged()) return impl_->owner->storedList(impl_->index).at(index);
+  impl_->owner->store()->checkThread();
+  auto& impl = StoreAccess::impl(*impl_->owner->store());
+  auto rows =
+      impl.listRows(listInfo(impl, *impl_->owner, impl_->index), StoreAccess::row(*impl_->owner));
+  return impl.load(*impl_->owner->store(), impl.info(objectClass()), rows.at(index));
 }
 
 std::vector<std::shared_ptr<Object>> AnyList::elements() const {
-  if (!owner_->isManaged()) return owner_->storedList(index_);
-  owner_->store()->checkThread();
-  auto& impl = StoreAccess::impl(*owner_->store());
+  if (!impl_->owner->isManaged()) return impl_->owner->storedList(impl_->index);
+  impl_->owner->store()->checkThread();
+  auto& impl = StoreAccess::impl(*impl_->owner->store());
   const ClassInfo& target = impl.info(objectClass());
   // One joined read: a link whose target row is gone yields nothing, as load() would.
   std::vector<std::shared_ptr<Object>> out;
-  StatementUse use(impl.statement(listInfo(impl, *owner_, index_).selectElements));
-  use.bindInt(1, StoreAccess::row(*owner_));
+  StatementUse use(impl.statement(listInfo(impl, *impl_->owner, impl_->index).selectElements));
+  use.bindInt(1, StoreAccess::row(*impl_->owner));
   while (use.step()) {
     auto object = target.objectClass->makeObject();
     impl.fill(*object, target, use, 1);
-    StoreAccess::manage(*object, owner_->store(), use.columnInt(0));
+    StoreAccess::manage(*object, impl_->owner->store(), use.columnInt(0));
     out.push_back(std::move(object));
   }
   return out;
 }
 
 std::optional<std::size_t> AnyList::indexOf(const Object& element) const {
-  if (!owner_->isManaged()) {
-    const auto& list = owner_->storedList(index_);
+  if (!impl_->owner->isManaged()) {
+    const auto& list = impl_->owner->storedList(impl_->index);
     for (size_t i = 0; i < list.size(); ++i) {
       if (list[i]->isSameObject(element)) return i;
     }
     return std::nullopt;
   }
-  if (element.store() != owner_->store()) return std::nullopt;
-  auto& impl = StoreAccess::impl(*owner_->store());
-  auto rows = impl.listRows(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_));
+  if (element.store() != impl_->owner->store()) return std::nullopt;
+  auto& impl = StoreAccess::impl(*impl_->owner->store());
+  auto rows =
+      impl.listRows(listInfo(impl, *impl_->owner, impl_->index), StoreAccess::row(*impl_->owner));
   for (size_t i = 0; i < rows.size(); ++i) {
     if (rows[i] == StoreAccess::row(element)) return i;
   }
@@ -312,23 +356,23 @@ void checkElement(const AnyList& list, const std::shared_ptr<Object>& element) {
 
 void AnyList::append(const std::shared_ptr<Object>& element) {
   checkElement(*this, element);
-  if (!owner_->isManaged()) {
-    owner_->changedList(index_).push_back(element);
+  if (!impl_->owner->isManaged()) {
+    impl_->owner->changedList(impl_->index).push_back(element);
     return;
   }
-  Store& store = *owner_->store();
+  Store& store = *impl_->owner->store();
   std::int64_t row = StoreAccess::upsertGraph(store, element);
   auto& impl = StoreAccess::impl(store);
-  const auto& list = listInfo(impl, *owner_, index_);
+  const auto& list = listInfo(impl, *impl_->owner, impl_->index);
   std::int64_t position = 0;
   {
     StatementUse use(impl.statement(list.nextPosition));
-    use.bindInt(1, StoreAccess::row(*owner_));
+    use.bindInt(1, StoreAccess::row(*impl_->owner));
     use.step();
     position = use.columnInt(0);
   }
   StatementUse use(impl.statement(list.insertLink));
-  use.bindInt(1, StoreAccess::row(*owner_));
+  use.bindInt(1, StoreAccess::row(*impl_->owner));
   use.bindInt(2, position);
   use.bindInt(3, row);
   use.step();
@@ -338,66 +382,68 @@ void AnyList::append(const std::shared_ptr<Object>& element) {
 void AnyList::insert(std::size_t index, const std::shared_ptr<Object>& element) {
   checkElement(*this, element);
   if (index > size()) throw std::out_of_range("list insert past the end");
-  if (!owner_->isManaged()) {
-    auto& list = owner_->changedList(index_);
+  if (!impl_->owner->isManaged()) {
+    auto& list = impl_->owner->changedList(impl_->index);
     list.insert(list.begin() + static_cast<std::ptrdiff_t>(index), element);
     return;
   }
-  Store& store = *owner_->store();
+  Store& store = *impl_->owner->store();
   std::int64_t row = StoreAccess::upsertGraph(store, element);
   auto& impl = StoreAccess::impl(store);
-  const auto& list = listInfo(impl, *owner_, index_);
-  auto rows = impl.listRows(list, StoreAccess::row(*owner_));
+  const auto& list = listInfo(impl, *impl_->owner, impl_->index);
+  auto rows = impl.listRows(list, StoreAccess::row(*impl_->owner));
   rows.insert(rows.begin() + static_cast<std::ptrdiff_t>(index), row);
-  impl.writeList(list, StoreAccess::row(*owner_), rows);
+  impl.writeList(list, StoreAccess::row(*impl_->owner), rows);
 }
 
 void AnyList::remove(std::size_t index) {
-  if (!owner_->isManaged()) {
-    auto& list = owner_->changedList(index_);
+  if (!impl_->owner->isManaged()) {
+    auto& list = impl_->owner->changedList(impl_->index);
     if (index >= list.size()) throw std::out_of_range("list remove past the end");
     list.erase(list.begin() + static_cast<std::ptrdiff_t>(index));
     return;
   }
-  owner_->store()->checkWrite();
-  auto& impl = StoreAccess::impl(*owner_->store());
-  const auto& list = listInfo(impl, *owner_, index_);
-  auto rows = impl.listRows(list, StoreAccess::row(*owner_));
+  impl_->owner->store()->checkWrite();
+  auto& impl = StoreAccess::impl(*impl_->owner->store());
+  const auto& list = listInfo(impl, *impl_->owner, impl_->index);
+  auto rows = impl.listRows(list, StoreAccess::row(*impl_->owner));
   if (index >= rows.size()) throw std::out_of_range("list remove past the end");
   rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(index));
-  impl.writeList(list, StoreAccess::row(*owner_), rows);
+  impl.writeList(list, StoreAccess::row(*impl_->owner), rows);
 }
 
 void AnyList::removeAll() { assign({}); }
 
 void AnyList::assign(const std::vector<std::shared_ptr<Object>>& elements) {
   for (const auto& element : elements) checkElement(*this, element);
-  if (!owner_->isManaged()) {
-    owner_->changedList(index_) = elements;
+  if (!impl_->owner->isManaged()) {
+    impl_->owner->changedList(impl_->index) = elements;
     return;
   }
-  Store& store = *owner_->store();
+  Store& store = *impl_->owner->store();
   store.checkWrite();
   std::vector<std::int64_t> rows;
   rows.reserve(elements.size());
   for (const auto& element : elements) rows.push_back(StoreAccess::upsertGraph(store, element));
   auto& impl = StoreAccess::impl(store);
-  impl.writeList(listInfo(impl, *owner_, index_), StoreAccess::row(*owner_), rows);
+  impl.writeList(listInfo(impl, *impl_->owner, impl_->index), StoreAccess::row(*impl_->owner),
+                 rows);
 }
 
 AnyResults AnyList::results() const {
   AnyResults results;
-  results.class_ = &objectClass();
-  if (!owner_->isManaged()) {
-    results.fixed_ = std::make_shared<const std::vector<std::shared_ptr<Object>>>(elements());
+  results.impl_ = std::make_unique<AnyResults::Impl>();
+  results.impl_->cls = &objectClass();
+  if (!impl_->owner->isManaged()) {
+    results.impl_->fixed = std::make_shared<const std::vector<std::shared_ptr<Object>>>(elements());
     return results;
   }
-  owner_->store()->checkThread();
-  results.store_ = owner_->store();
-  results.scope_.kind = AnyResults::Scope::Kind::List;
-  results.scope_.row = StoreAccess::row(*owner_);
-  results.scope_.otherClass = &owner_->objectClass();
-  results.scope_.listIndex = index_;
+  impl_->owner->store()->checkThread();
+  results.impl_->store = impl_->owner->store();
+  results.impl_->scope.kind = AnyResults::Impl::Scope::Kind::List;
+  results.impl_->scope.row = StoreAccess::row(*impl_->owner);
+  results.impl_->scope.otherClass = &impl_->owner->objectClass();
+  results.impl_->scope.listIndex = impl_->index;
   return results;
 }
 

@@ -14,6 +14,7 @@
 
 #include "Platform/CountersImpl.h"
 #include "Platform/PrivateFiles.h"
+#include "Store/ResultsImpl.h"
 #include "Store/StoreImpl.h"
 #include "quorvel/Platform/Clock.h"
 #include "quorvel/Platform/Env.h"
@@ -122,12 +123,13 @@ constexpr std::chrono::milliseconds kBusyTimeout{60000};
 }  // namespace
 
 Store::Store(std::string path, std::uint64_t schemaVersion)
-    : path_(std::move(path)),
-      schemaVersion_(schemaVersion),
-      thread_(std::this_thread::get_id()),
-      impl_(std::make_unique<detail::StoreImpl>()) {}
+    : impl_(std::make_unique<detail::StoreImpl>(std::move(path), schemaVersion)) {}
 
 Store::~Store() = default;
+
+const std::string& Store::path() const { return impl_->path; }
+std::uint64_t Store::schemaVersion() const { return impl_->schemaVersion; }
+bool Store::isInWriteTransaction() const { return impl_->inWrite; }
 
 void Store::closeThreadHandles() { threadHandles.clear(); }
 
@@ -137,7 +139,7 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
   auto cached = threadHandles.find(configuration.path);
   if (cached != threadHandles.end()) {
     const Store& s = *cached->second;
-    if (s.schemaVersion_ == configuration.schemaVersion && s.impl_->classList == classList) {
+    if (s.impl_->schemaVersion == configuration.schemaVersion && s.impl_->classList == classList) {
       return cached->second;
     }
     threadHandles.erase(cached);
@@ -214,34 +216,34 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
 }
 
 void Store::checkThread() const {
-  if (std::this_thread::get_id() != thread_) {
+  if (std::this_thread::get_id() != impl_->thread) {
     throw std::logic_error("store handle used on a thread that did not open it");
   }
 }
 
 void Store::checkWrite() const {
   checkThread();
-  if (!inWrite_) throw std::logic_error("store changes need a write transaction");
+  if (!impl_->inWrite) throw std::logic_error("store changes need a write transaction");
 }
 
 void Store::beginWrite() {
   checkThread();
-  if (inWrite_) throw std::logic_error("a write transaction is already open on this handle");
+  if (impl_->inWrite) throw std::logic_error("a write transaction is already open on this handle");
   impl_->exec("BEGIN IMMEDIATE");
-  inWrite_ = true;
+  impl_->inWrite = true;
 }
 
 void Store::commitWrite() {
   checkThread();
-  if (!inWrite_) throw std::logic_error("no write transaction to commit");
+  if (!impl_->inWrite) throw std::logic_error("no write transaction to commit");
   impl_->exec("COMMIT");
-  inWrite_ = false;
+  impl_->inWrite = false;
 }
 
 void Store::cancelWrite() {
-  if (!inWrite_ || std::this_thread::get_id() != thread_) return;
+  if (!impl_->inWrite || std::this_thread::get_id() != impl_->thread) return;
   sqlite3_exec(impl_->db.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-  inWrite_ = false;
+  impl_->inWrite = false;
   ++impl_->changeCounter;
 }
 
@@ -279,17 +281,20 @@ bool Store::hasClass(const ObjectClass& objectClass) const {
 AnyResults Store::objects(const ObjectClass& objectClass, const Predicate& predicate) {
   checkThread();
   impl_->info(objectClass);
-  for (const auto& clause : predicate.clauses_) {
-    int index = objectClass.propertyIndex(clause.key);
-    if (index < 0 || !objectClass.property(index).isScalar()) {
-      throw std::invalid_argument("cannot filter " + objectClass.name() + " by '" + clause.key +
-                                  "'");
+  if (!predicate.matchesAll()) {
+    for (const auto& clause : predicate.impl_->clauses) {
+      int index = objectClass.propertyIndex(clause.key);
+      if (index < 0 || !objectClass.property(index).isScalar()) {
+        throw std::invalid_argument("cannot filter " + objectClass.name() + " by '" + clause.key +
+                                    "'");
+      }
     }
   }
   AnyResults results;
-  results.store_ = shared_from_this();
-  results.class_ = &objectClass;
-  results.predicate_ = predicate;
+  results.impl_ = std::make_unique<AnyResults::Impl>();
+  results.impl_->store = shared_from_this();
+  results.impl_->cls = &objectClass;
+  results.impl_->predicate = predicate;
   return results;
 }
 
@@ -317,6 +322,22 @@ std::uint64_t Store::version() {
     ++impl_->changeCounter;
   }
   return impl_->changeCounter;
+}
+
+struct WriteTransaction::Impl {
+  Store& store;
+  bool done = false;
+};
+
+WriteTransaction::WriteTransaction(Store& store) : impl_(new Impl{store}) { store.beginWrite(); }
+
+WriteTransaction::~WriteTransaction() {
+  if (!impl_->done) impl_->store.cancelWrite();
+}
+
+void WriteTransaction::commit() {
+  impl_->store.commitWrite();
+  impl_->done = true;
 }
 
 }  // namespace qvl

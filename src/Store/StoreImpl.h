@@ -8,10 +8,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "Store/ObjectImpl.h"
 #include "quorvel/Store/Store.h"
 
 namespace qvl {
@@ -133,7 +135,14 @@ void upgradeFile(sqlite3* db, const StoreConfiguration& configuration,
 namespace detail {
 
 struct StoreImpl {
+  StoreImpl(std::string filePath, std::uint64_t version)
+      : path(std::move(filePath)), schemaVersion(version), thread(std::this_thread::get_id()) {}
+
   Connection db;  // first member: closed after every statement is finalised
+  std::string path;
+  std::uint64_t schemaVersion;
+  std::thread::id thread;  // the one that opened the handle
+  bool inWrite = false;
   std::unordered_map<const void*, Statement> statements;
   // Statements of results queries, keyed by their text.
   std::unordered_map<std::string, Statement> queries;
@@ -183,28 +192,34 @@ struct StoreImpl {
 
 }  // namespace detail
 
+struct Migration::Impl {
+  Impl(sqlite3* connection, std::uint64_t version) : db(connection), oldVersion(version) {}
+  sqlite3* db;
+  std::uint64_t oldVersion;
+};
+
 /// Lets records and lists reach the handle's internals.
 class StoreAccess {
  public:
   static detail::StoreImpl& impl(Store& store) { return *store.impl_; }
-  static std::int64_t row(const Object& object) { return object.row_; }
+  static std::int64_t row(const Object& object) { return object.impl_->row; }
   /// Scalar property `index` of `object`, unchecked.
   static Value& value(Object& object, int index) {
-    return object.values_[object.storageIndex(index)];
+    return object.impl_->values()[object.storageIndex(index)];
   }
   static const Value& value(const Object& object, int index) {
-    return object.values_[object.storageIndex(index)];
+    return object.impl_->values()[object.storageIndex(index)];
   }
   /// Link property `index` of `object`, unchecked.
   static Object::LinkSlot& link(Object& object, int index) { return object.linkSlot(index); }
   static bool keepsStoredValue(const Object& object, int index) { return object.keepsMark(index); }
   static void manage(Object& object, std::shared_ptr<Store> store, std::int64_t row) {
-    object.store_ = std::move(store);
-    object.row_ = row;
+    object.impl_->store = std::move(store);
+    object.impl_->row = row;
   }
   static std::int64_t upsertGraph(Store& store, const std::shared_ptr<Object>& object);
   static Migration migration(sqlite3* db, std::uint64_t oldVersion) {
-    return Migration(db, oldVersion);
+    return Migration(std::make_unique<Migration::Impl>(db, oldVersion));
   }
 };
 

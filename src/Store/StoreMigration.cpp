@@ -53,15 +53,20 @@ void upgradeFile(sqlite3* db, const StoreConfiguration& configuration,
   }
 }
 
+Migration::Migration(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Migration::~Migration() = default;
+
+std::uint64_t Migration::oldSchemaVersion() const { return impl_->oldVersion; }
+
 bool Migration::hasProperty(const std::string& className, const std::string& name) const {
-  sqlite3* db = db_;
+  sqlite3* db = impl_->db;
   if (!tableExists(db, className)) return false;
   return columnsOf(db, className).count(name) > 0 || tableExists(db, className + "." + name);
 }
 
 void Migration::renameProperty(const std::string& className, const std::string& oldName,
                                const std::string& newName) {
-  sqlite3* db = db_;
+  sqlite3* db = impl_->db;
   if (!tableExists(db, className)) {
     throw StoreError(storeErrorText(
         filePath(db), "cannot rename " + className + "." + oldName + ": no such class"));

@@ -132,7 +132,6 @@ class QVL_EXPORT DeviceProximity final : public LocationService, public Bluetoot
   void scheduleTick();
 
   std::shared_ptr<Private> d_;
-  std::weak_ptr<DeviceProximity> self_;
 };
 
 /// True when `name` has an owner on the system bus (false when there is no system bus).

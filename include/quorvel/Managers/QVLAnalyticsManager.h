@@ -116,9 +116,6 @@ class QVL_EXPORT QVLAnalyticsManager {
   ~QVLAnalyticsManager();
   bool beaconViewIsStartedLocked(std::optional<std::int64_t> beaconId) const;
 
-  mutable std::mutex mutex_;  // guards the two lists
-  std::vector<std::shared_ptr<QVLPostView>> unfinishedPostViews_;
-  std::vector<std::shared_ptr<QVLBeaconView>> unfinishedBeaconViews_;
-  std::unique_ptr<Outbox> outbox_;  // what is on its way
-  std::unique_ptr<qvl::CenterObservation> observation_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };

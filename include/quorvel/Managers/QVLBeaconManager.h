@@ -165,7 +165,7 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   /// Setting the UUID already ranged restarts ranging all the same.
   void setRangedUUID(std::optional<qvl::Uuid> uuid);
   /// The UUID being ranged, or nullopt.
-  const std::optional<qvl::Uuid>& rangedUUID() const { return rangedUUID_; }
+  const std::optional<qvl::Uuid>& rangedUUID() const;
 
   /// @name Watch membership
   ///@{
@@ -203,17 +203,13 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   ///@}
 
   /// The current closest active beacon, or null.
-  const std::shared_ptr<QVLBeacon>& closestBeacon() const { return closestBeacon_; }
+  const std::shared_ptr<QVLBeacon>& closestBeacon() const;
   /// The watched beacons' identities, in start order.
-  const std::vector<std::shared_ptr<QVLBeaconInternal>>& searchingBeacons() const {
-    return searchingBeacons_;
-  }
+  const std::vector<std::shared_ptr<QVLBeaconInternal>>& searchingBeacons() const;
   /// The watched raw beacon regions, in start order.
-  const std::vector<qvl::BeaconRegion>& searchingBeaconRegions() const {
-    return beaconRegions_.ordered;
-  }
+  const std::vector<qvl::BeaconRegion>& searchingBeaconRegions() const;
   /// The watched geofences' regions, in start order.
-  const std::vector<qvl::CircularRegion>& searchingGeofences() const { return geofences_.ordered; }
+  const std::vector<qvl::CircularRegion>& searchingGeofences() const;
 
   /// The Bluetooth central's state now. Thread-safe.
   qvl::BluetoothState bluetoothState() const;
@@ -238,28 +234,10 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   void didChangeAuthorization(qvl::AuthorizationStatus status) override;
   void bluetoothCentralDidUpdateState(qvl::BluetoothState state) override;
 
- private:
-  QVLBeaconManager() = default;
+  ~QVLBeaconManager() override;
 
-  // Regions in start order with a hash index by identifier, so membership tests do not scan.
-  template <class R>
-  struct RegionList {
-    std::vector<R> ordered;
-    std::unordered_map<std::string, std::vector<R>> byIdentifier;
-    bool contains(const R& region) const;
-    void add(const R& region);
-    void removeEvery(const R& region);
-    void clear();
-  };
-  struct IdentityKey {
-    qvl::Uuid uuid;
-    std::int64_t major;
-    std::int64_t minor;
-    bool operator==(const IdentityKey&) const = default;
-  };
-  struct IdentityKeyHash {
-    std::size_t operator()(const IdentityKey& key) const noexcept;
-  };
+ private:
+  QVLBeaconManager();
 
   void bindToServices();
   std::shared_ptr<qvl::LocationService> locationService() const;
@@ -270,18 +248,6 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   template <class Call>
   void fanOut(const Call& call);
 
-  std::mutex bindMutex_;
-  std::weak_ptr<qvl::LocationService> boundLocationService_;
-  std::weak_ptr<qvl::BluetoothCentral> boundBluetoothCentral_;
-
-  std::shared_ptr<QVLBeacon> closestBeacon_;
-  std::vector<std::shared_ptr<QVLBeaconInternal>> searchingBeacons_;
-  std::unordered_map<std::int64_t, std::shared_ptr<QVLBeaconInternal>> beaconsById_;
-  // Snapshots with a UUID, major and minor, in start order per identity.
-  std::unordered_map<IdentityKey, std::vector<std::shared_ptr<QVLBeaconInternal>>, IdentityKeyHash>
-      beaconsByIdentity_;
-  RegionList<qvl::BeaconRegion> beaconRegions_;
-  std::optional<qvl::Uuid> rangedUUID_;
-  RegionList<qvl::CircularRegion> geofences_;
-  QVLWeakPointerArray<QVLBeaconManagerDelegate> delegates_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };

@@ -96,12 +96,12 @@ class QVL_EXPORT QVLInboxManager {
   /// The first guest in the calling thread's store, or null.
   std::shared_ptr<QVLGuest> currentGuest() const;
   /// True when the inbox changed since the last successful sync (see above).
-  bool changesMadeSinceLastSync() const { return changesMadeSinceLastSync_.load(); }
+  bool changesMadeSinceLastSync() const;
 
  private:
   QVLInboxManager();
   ~QVLInboxManager();
 
-  std::atomic<bool> changesMadeSinceLastSync_{false};
-  std::unique_ptr<qvl::CenterObservation> observation_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };

@@ -21,6 +21,9 @@ class QVLBeaconCategory;
 /// Threads: those of every record (qvl::Object).
 class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
  public:
+  QVLBeacon();
+  ~QVLBeacon() override;
+
   /// Property indexes in declaration order, for qvl::Object's keyed access.
   enum Property : int {
     kBeaconId,
@@ -98,5 +101,6 @@ class QVL_EXPORT QVLBeacon : public QVLModel<QVLBeacon> {
   std::string notificationMessage() const;
 
  private:
-  mutable std::optional<qvl::Uuid> uuidCache_;  // "_uuid"; never stored
+  struct Impl;
+  mutable std::unique_ptr<Impl> impl_;  // made by the first uuid() that finds one
 };

@@ -3,6 +3,7 @@
 /// Describes one relation of a record type's JSON.
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -22,6 +23,14 @@ enum QVLRelationType : std::int64_t {
 /// type other than to-many and to-one is skipped by the parser.
 class QVL_EXPORT QVLRelationshipMapping {
  public:
+  /// A to-many relation with empty keys and no class.
+  QVLRelationshipMapping();
+  ~QVLRelationshipMapping();
+  QVLRelationshipMapping(const QVLRelationshipMapping& other);
+  QVLRelationshipMapping& operator=(const QVLRelationshipMapping& other);
+  QVLRelationshipMapping(QVLRelationshipMapping&& other) noexcept;
+  QVLRelationshipMapping& operator=(QVLRelationshipMapping&& other) noexcept;
+
   /// @name Constructors
   ///@{
 
@@ -48,28 +57,27 @@ class QVL_EXPORT QVLRelationshipMapping {
   ///@{
 
   /// The QVLRelationType value (other values make the parser skip the relation).
-  std::int64_t relationType() const { return relationType_; }
-  void setRelationType(std::int64_t type) { relationType_ = type; }
+  std::int64_t relationType() const;
+  void setRelationType(std::int64_t type);
   /// To-one: the JSON key under which the related record's primary key is written back.
-  const std::optional<std::string>& toOneRelationKey() const { return toOneRelationKey_; }
-  void setToOneRelationKey(std::optional<std::string> key) { toOneRelationKey_ = std::move(key); }
+  const std::optional<std::string>& toOneRelationKey() const;
+  void setToOneRelationKey(std::optional<std::string> key);
   /// The top-level JSON key that holds the related records.
-  const std::string& jsonKey() const { return jsonKey_; }
-  void setJsonKey(std::string key) { jsonKey_ = std::move(key); }
+  const std::string& jsonKey() const;
+  void setJsonKey(std::string key);
   /// The name of the relation property the records are stored in.
-  const std::string& classProperty() const { return classProperty_; }
-  void setClassProperty(std::string name) { classProperty_ = std::move(name); }
+  const std::string& classProperty() const;
+  void setClassProperty(std::string name);
   /// The class of the related records; objectClass() calls the reference (never null once
   /// made by a constructor).
-  QVLModelClassRef objectClassRef() const { return objectClass_; }
-  const QVLModelClass& objectClass() const { return objectClass_(); }
-  void setObjectClass(QVLModelClassRef objectClass) { objectClass_ = objectClass; }
+  QVLModelClassRef objectClassRef() const;
+  const QVLModelClass& objectClass() const;
+  void setObjectClass(QVLModelClassRef objectClass);
   ///@}
 
  private:
-  std::int64_t relationType_ = QVLRelationTypeToMany;
-  std::optional<std::string> toOneRelationKey_;
-  std::string jsonKey_;
-  std::string classProperty_;
-  QVLModelClassRef objectClass_ = nullptr;
+  struct Impl;
+  const Impl& fields() const;
+  Impl& changedFields();
+  std::unique_ptr<Impl> impl_;  // null only when moved from: reads as a default mapping
 };

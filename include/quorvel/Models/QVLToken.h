@@ -21,6 +21,11 @@ class QVL_EXPORT QVLToken {
   static constexpr const char* kDefaultsKey = "QVLAuthJWTToken";
 
   /// A new token holding content (the text after "Bearer ").
+  QVLToken();
+  ~QVLToken();
+  QVLToken(const QVLToken&) = delete;
+  QVLToken& operator=(const QVLToken&) = delete;
+
   static std::shared_ptr<QVLToken> initWithContent(std::optional<std::string> content);
 
   /// The token text (without "Bearer "), or nullopt for none. Changing it does not save
@@ -41,6 +46,6 @@ class QVL_EXPORT QVLToken {
   static std::shared_ptr<QVLToken> initWithCoder(const std::string& archive);
 
  private:
-  mutable std::mutex mutex_;
-  std::optional<std::string> content_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };

@@ -114,7 +114,8 @@ class QVL_EXPORT StandardApplication : public Application,
   /// the thread that ended it, or on the main queue (before the expiration handler).
   using TaskObserver = std::function<void(BackgroundTaskId, const std::string&, TaskOutcome)>;
 
-  StandardApplication() = default;
+  StandardApplication();
+  ~StandardApplication() override;
 
   /// A task not ended within backgroundTaskAllowance() (on the environment's clock)
   /// expires: its handler runs once on the main queue.
@@ -143,22 +144,11 @@ class QVL_EXPORT StandardApplication : public Application,
   void setBadgeHook(std::function<void(int)> hook);
 
  private:
-  struct Task {
-    std::string name;
-    std::shared_ptr<Clock> clock;  // the clock its expiry timer waits on
-    std::uint64_t timer = 0;
-  };
   void expire(BackgroundTaskId id, const std::function<void()>& handler);
   void tell(BackgroundTaskId id, const std::string& name, TaskOutcome outcome);
 
-  mutable std::mutex mutex_;
-  std::condition_variable tasksChanged_;
-  std::map<BackgroundTaskId, Task> running_;
-  BackgroundTaskId nextTaskId_ = 1;
-  std::chrono::milliseconds allowance_ = std::chrono::seconds(30);
-  int badgeNumber_ = 0;
-  std::function<void(int)> badgeHook_;
-  TaskObserver taskObserver_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

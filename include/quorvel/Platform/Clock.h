@@ -55,6 +55,7 @@ class QVL_EXPORT ManualClock final : public Clock {
  public:
   /// Starts at `start` (default 2026-01-01T00:00:00Z).
   explicit ManualClock(Date start = Date{std::chrono::seconds(1767225600)});
+  ~ManualClock() override;
 
   /// The time last set or advanced to; it does not move on its own.
   Date now() override;
@@ -70,10 +71,8 @@ class QVL_EXPORT ManualClock final : public Clock {
   std::size_t pendingTimers() const;
 
  private:
-  mutable std::mutex mutex_;
-  Date now_;
-  TimerId nextId_ = 1;
-  std::multimap<Date, std::pair<TimerId, std::function<void()>>> timers_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

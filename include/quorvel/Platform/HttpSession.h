@@ -156,13 +156,13 @@ class QVL_EXPORT HttpSession : public std::enable_shared_from_this<HttpSession> 
   HttpSession& operator=(const HttpSession&) = delete;
 
   /// The configuration the session was created with.
-  const HttpSessionConfiguration& configuration() const { return configuration_; }
+  const HttpSessionConfiguration& configuration() const;
 
   /// The serial queue on which this session's completions run, one after another.
-  const std::shared_ptr<SerialQueue>& callbackQueue() const { return callbackQueue_; }
+  const std::shared_ptr<SerialQueue>& callbackQueue() const;
 
   /// The server-trust delegate (may be null).
-  const std::shared_ptr<HttpSessionDelegate>& delegate() const { return delegate_; }
+  const std::shared_ptr<HttpSessionDelegate>& delegate() const;
 
   /// Hands the request to the environment's transport at once and returns without
   /// waiting. The completion runs exactly once, later, on callbackQueue() (never inline on
@@ -174,9 +174,8 @@ class QVL_EXPORT HttpSession : public std::enable_shared_from_this<HttpSession> 
   HttpSession(HttpSessionConfiguration configuration,
               std::shared_ptr<HttpSessionDelegate> delegate);
 
-  const HttpSessionConfiguration configuration_;
-  const std::shared_ptr<HttpSessionDelegate> delegate_;
-  const std::shared_ptr<SerialQueue> callbackQueue_;
+  struct Impl;
+  const std::unique_ptr<const Impl> impl_;
 };
 
 }  // namespace qvl

@@ -36,13 +36,14 @@ class QVL_EXPORT MainQueue : public std::enable_shared_from_this<MainQueue> {
   using HostPost = std::function<void(std::function<void()> drain)>;
 
   /// A queue driven by run() or runUntilIdle().
-  MainQueue() = default;
+  MainQueue();
   /// A queue driven by the host's loop through `post`. The hook is called on the thread
   /// that calls async(), without any lock of the queue held. When the queue is owned by a
   /// shared_ptr (as in the environment) a drain that runs after the queue is gone does
   /// nothing.
   explicit MainQueue(HostPost post);
 
+  ~MainQueue();
   MainQueue(const MainQueue&) = delete;
   MainQueue& operator=(const MainQueue&) = delete;
 
@@ -71,12 +72,8 @@ class QVL_EXPORT MainQueue : public std::enable_shared_from_this<MainQueue> {
  private:
   void bindToCurrentThread();
 
-  const HostPost hostPost_;
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<std::function<void()>> tasks_;
-  std::optional<std::thread::id> thread_;
-  bool stopRequested_ = false;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

@@ -32,7 +32,7 @@ class NotificationCenter;
 /// Move-only. A token may outlive its centre (removal then does nothing).
 class QVL_EXPORT ObserverToken {
  public:
-  ObserverToken() = default;
+  ObserverToken();
   /// Takes over `other`'s observer; `other` becomes inactive.
   ObserverToken(ObserverToken&& other) noexcept;
   /// Removes this token's observer (as reset()) and takes over `other`'s.
@@ -46,16 +46,15 @@ class QVL_EXPORT ObserverToken {
   /// thread; a call running on another thread may still finish.
   void reset();
   /// True while the token owns a registration (not reset, released or moved from).
-  bool active() const { return id_ != 0; }
+  bool active() const;
   /// Gives up the token's ownership: the observer stays registered for the centre's life.
-  void release() { id_ = 0; }
+  void release();
 
  private:
   friend class NotificationCenter;
-  ObserverToken(std::weak_ptr<NotificationCenter> center, std::uint64_t id)
-      : center_(std::move(center)), id_(id) {}
-  std::weak_ptr<NotificationCenter> center_;
-  std::uint64_t id_ = 0;
+  ObserverToken(std::weak_ptr<NotificationCenter> center, std::uint64_t id);
+  struct Impl;
+  std::unique_ptr<Impl> impl_;  // null when inactive
 };
 
 /// Observers by name, each with an optional sender filter.
@@ -72,6 +71,11 @@ class QVL_EXPORT NotificationCenter : public std::enable_shared_from_this<Notifi
 
   /// The centre of the environment in force (Env::current().notificationCenter).
   static NotificationCenter& defaultCenter();
+
+  NotificationCenter();
+  ~NotificationCenter();
+  NotificationCenter(const NotificationCenter&) = delete;
+  NotificationCenter& operator=(const NotificationCenter&) = delete;
 
   /// Registers `observer` for notifications named `name` (every name when empty) whose
   /// sender is `sender` (any sender when null). The centre must be owned by a shared_ptr.
@@ -91,12 +95,6 @@ class QVL_EXPORT NotificationCenter : public std::enable_shared_from_this<Notifi
 
  private:
   friend class ObserverToken;
-  struct Entry {
-    std::uint64_t id;
-    std::string name;
-    const void* sender;
-    std::shared_ptr<const Observer> observer;
-  };
 
   template <class T>
   static const void* identityOf(const T& object) {
@@ -114,11 +112,9 @@ class QVL_EXPORT NotificationCenter : public std::enable_shared_from_this<Notifi
 
   void remove(std::uint64_t id);
   bool isRegistered(std::uint64_t id) const;
-  std::vector<Entry>::const_iterator find(std::uint64_t id) const;
 
-  mutable std::mutex mutex_;
-  std::uint64_t nextId_ = 1;
-  std::vector<Entry> entries_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

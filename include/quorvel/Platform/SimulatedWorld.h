@@ -104,8 +104,6 @@ class QVL_EXPORT SimulatedWorld final : public LocationService, public Bluetooth
   auto locked(Change&& change) const;
 
   std::unique_ptr<Private> d_;
-  std::shared_ptr<Clock> clock_;
-  std::weak_ptr<SimulatedWorld> self_;
 };
 
 }  // namespace qvl

@@ -3,6 +3,7 @@
 /// A small persistent key-value store per host application, the library's user defaults.
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,6 +31,7 @@ class QVL_EXPORT UserDefaults {
   /// An instance over the file at `path`. Nothing is read until first use; a missing file
   /// reads as empty.
   explicit UserDefaults(std::string path);
+  ~UserDefaults();
 
   UserDefaults(const UserDefaults&) = delete;
   UserDefaults& operator=(const UserDefaults&) = delete;
@@ -66,11 +68,8 @@ class QVL_EXPORT UserDefaults {
   void loadLocked();
   bool writeLocked();
 
-  mutable std::mutex mutex_;
-  std::string path_;
-  bool loaded_ = false;
-  bool dirty_ = false;
-  std::map<std::string, std::string> values_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

@@ -38,11 +38,11 @@ class QVL_EXPORT Object : public std::enable_shared_from_this<Object> {
   Object& operator=(const Object&) = delete;
 
   /// The record's class; it outlives every record of it.
-  const ObjectClass& objectClass() const { return *class_; }
+  const ObjectClass& objectClass() const;
   /// True when the record is bound to a store handle (see above).
-  bool isManaged() const { return store_ != nullptr; }
+  bool isManaged() const;
   /// The handle this record is bound to; nullptr when unmanaged.
-  const std::shared_ptr<Store>& store() const { return store_; }
+  const std::shared_ptr<Store>& store() const;
   /// True when the record is managed and its row has been deleted from the store.
   bool isInvalidated() const;
   /// Reads a managed record's scalar and to-one values from the store again.
@@ -117,23 +117,17 @@ class QVL_EXPORT Object : public std::enable_shared_from_this<Object> {
   friend class AnyList;
   friend class StoreAccess;
 
-  /// A to-one link's storage.
-  struct LinkSlot {
-    std::shared_ptr<Object> target;  // unmanaged, or managed once loaded
-    std::int64_t row = 0;            // managed: the target's row, 0 = none
-    bool resolved = true;            // managed: target loaded from row
-  };
+  struct LinkSlot;
+  struct Impl;
   using ObjectList = std::vector<std::shared_ptr<Object>>;
 
   const Property& checkedProperty(int index) const;
   /// Position of property `index` among the properties held the same way (no range check).
-  std::size_t storageIndex(int index) const {
-    return static_cast<std::size_t>(class_->storageIndex_[static_cast<std::size_t>(index)]);
-  }
+  std::size_t storageIndex(int index) const;
   /// The held value of scalar property `index`, or null for another kind; the index is
   /// checked (std::out_of_range).
   const Value& heldValue(int index) const;
-  LinkSlot& linkSlot(int index) const { return links_[storageIndex(index)]; }
+  LinkSlot& linkSlot(int index) const;
   /// The in-memory list of an unmanaged record.
   const ObjectList& storedList(int index) const;
   /// The in-memory list of an unmanaged record, about to be changed.
@@ -142,15 +136,8 @@ class QVL_EXPORT Object : public std::enable_shared_from_this<Object> {
   void setKeepsMark(int index, bool marked);
 
   // Only what a property's kind needs is held: the class lays out scalars, links and lists
-  // separately (ObjectClass::storageIndex_).
-  const ObjectClass* class_;
-  std::vector<Value> values_;                  // scalars
-  mutable std::unique_ptr<LinkSlot[]> links_;  // mutable: managed links load on first read
-  std::unique_ptr<ObjectList[]> lists_;        // an unmanaged record's, made on first change
-  std::uint64_t keepMarks_ = 0;                // keepStoredValue() marks of properties 0-63
-  std::unique_ptr<std::uint64_t[]> keepMarksBeyond64_;  // the others', made on first mark
-  std::shared_ptr<Store> store_;
-  std::int64_t row_ = 0;
+  // separately. Never null; managed links load on first read, through const access too.
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

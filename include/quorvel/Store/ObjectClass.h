@@ -61,41 +61,31 @@ class QVL_EXPORT ObjectClass {
   /// property, or a relation lacks its target.
   ObjectClass(std::string name, std::vector<Property> properties, std::string primaryKey,
               Factory factory);
-  virtual ~ObjectClass() = default;
+  virtual ~ObjectClass();
   ObjectClass(const ObjectClass&) = delete;
   ObjectClass& operator=(const ObjectClass&) = delete;
 
   /// The class name; unique among the classes of a store.
-  const std::string& name() const { return name_; }
+  const std::string& name() const;
   /// Every property in declaration order; a property's position is its index.
-  const std::vector<Property>& properties() const { return properties_; }
+  const std::vector<Property>& properties() const;
   /// The property at `index`; throws std::out_of_range for an index out of range.
-  const Property& property(int index) const { return properties_.at(static_cast<size_t>(index)); }
+  const Property& property(int index) const;
   /// Name of the primary-key property; empty when the class has none (rows are then
   /// identified by the store alone).
-  const std::string& primaryKey() const { return primaryKey_; }
+  const std::string& primaryKey() const;
   /// Index of the primary-key property, or -1 when the class has none.
-  int primaryKeyIndex() const { return primaryKeyIndex_; }
+  int primaryKeyIndex() const;
   /// Index of the named property, or -1.
   int propertyIndex(std::string_view name) const;
   /// A new, unmanaged instance with every property at its default.
-  std::shared_ptr<Object> makeObject() const { return factory_(); }
+  std::shared_ptr<Object> makeObject() const;
 
  private:
   friend class Object;
 
-  std::string name_;
-  std::vector<Property> properties_;
-  std::string primaryKey_;
-  int primaryKeyIndex_ = -1;
-  Factory factory_;
-  std::unordered_map<std::string, int> indexByName_;
-  // The layout of a record's storage: by property index, the position among the properties
-  // held the same way (scalars, links, lists; -1 for inverse relations, which hold nothing).
-  std::vector<int> storageIndex_;
-  std::vector<Value> scalarDefaults_;  // a new record's scalars
-  int linkCount_ = 0;
-  int listCount_ = 0;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl

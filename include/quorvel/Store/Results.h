@@ -20,7 +20,12 @@ namespace qvl {
 class QVL_EXPORT Predicate {
  public:
   /// Matches every record.
-  Predicate() = default;
+  Predicate();
+  ~Predicate();
+  Predicate(const Predicate& other);
+  Predicate& operator=(const Predicate& other);
+  Predicate(Predicate&& other) noexcept;
+  Predicate& operator=(Predicate&& other) noexcept;
   /// key IN values. An empty value list matches nothing.
   static Predicate in(std::string key, std::vector<Value> values);
   /// key == value; a null value matches records whose key is null.
@@ -31,7 +36,7 @@ class QVL_EXPORT Predicate {
   Predicate operator&&(const Predicate& other) const;
 
   /// True for the default predicate (no clause).
-  bool matchesAll() const { return clauses_.empty(); }
+  bool matchesAll() const;
   /// In-memory evaluation; throws std::invalid_argument for an unknown key.
   bool matches(const Object& object) const;
 
@@ -39,13 +44,8 @@ class QVL_EXPORT Predicate {
   friend class Store;
   friend class AnyResults;
 
-  enum class Op { In, Equal, NotNull };
-  struct Clause {
-    Op op;
-    std::string key;
-    std::vector<Value> values;
-  };
-  std::vector<Clause> clauses_;
+  struct Impl;
+  std::shared_ptr<const Impl> impl_;  // immutable, shared by copies; null matches every record
 };
 
 /// Records of one class matching a predicate, optionally scoped to one record's list (in
@@ -57,14 +57,19 @@ class QVL_EXPORT Predicate {
 class QVL_EXPORT AnyResults {
  public:
   /// Empty results of no class.
-  AnyResults() = default;
+  AnyResults();
+  ~AnyResults();
+  AnyResults(const AnyResults& other);
+  AnyResults& operator=(const AnyResults& other);
+  AnyResults(AnyResults&& other) noexcept;
+  AnyResults& operator=(AnyResults&& other) noexcept;
 
   /// The class of the records; nullptr for default-constructed results.
-  const ObjectClass* objectClass() const { return class_; }
+  const ObjectClass* objectClass() const;
   /// The number of matching records, re-running the query when the store changed.
   std::size_t size() const;
   /// size() == 0.
-  bool empty() const { return size() == 0; }
+  bool empty() const;
   /// Throws std::out_of_range past the end.
   std::shared_ptr<Object> at(std::size_t index) const;
   /// Every matching record, read now.
@@ -77,24 +82,11 @@ class QVL_EXPORT AnyResults {
   friend class AnyList;
   friend class Object;
 
-  struct Scope {
-    enum class Kind { None, List, Inverse, Rows } kind = Kind::None;
-    std::int64_t row = 0;                     // the list's owner, or the record pointed at
-    const ObjectClass* otherClass = nullptr;  // owner class / class holding the list
-    int listIndex = -1;                       // the list property in otherClass
-    std::string rows;                         // Rows: the rows as a JSON array
-  };
+  struct Impl;
 
   void refreshRows() const;
 
-  std::shared_ptr<Store> store_;
-  const ObjectClass* class_ = nullptr;
-  Predicate predicate_;
-  Scope scope_;
-  // Unmanaged source: elements already filtered.
-  std::shared_ptr<const std::vector<std::shared_ptr<Object>>> fixed_;
-  mutable std::vector<std::int64_t> rows_;
-  mutable std::uint64_t seenVersion_ = ~std::uint64_t{0};
+  std::unique_ptr<Impl> impl_;  // null for default-constructed (or moved-from) results
 };
 
 /// A handle to one record's list property. Works for unmanaged records (in memory) and
@@ -108,14 +100,14 @@ class QVL_EXPORT AnyList {
   /// The class of the elements.
   const ObjectClass& objectClass() const;
   /// The class name of the elements, e.g. "QVLPost".
-  const std::string& objectClassName() const { return objectClass().name(); }
+  const std::string& objectClassName() const;
   /// @name Reading
   ///@{
 
   /// Reads the list now (from the store when managed). at() throws std::out_of_range past
   /// the end; elements() returns every element in list order.
   std::size_t size() const;
-  bool empty() const { return size() == 0; }
+  bool empty() const;
   std::shared_ptr<Object> at(std::size_t index) const;
   std::vector<std::shared_ptr<Object>> elements() const;
   ///@}
@@ -141,8 +133,8 @@ class QVL_EXPORT AnyList {
   AnyResults results() const;
 
  private:
-  std::shared_ptr<Object> owner_;
-  int index_;
+  struct Impl;
+  std::shared_ptr<const Impl> impl_;  // never null; immutable, shared by copies
 };
 
 /// AnyResults typed for the record type T: the same live query and rules, records cast to

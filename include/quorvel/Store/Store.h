@@ -8,14 +8,11 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "quorvel/Export.h"
 #include "quorvel/Store/Object.h"
 #include "quorvel/Store/Results.h"
-
-struct sqlite3;
 
 namespace qvl {
 
@@ -35,7 +32,7 @@ class QVL_EXPORT StoreError : public std::runtime_error {
 class QVL_EXPORT Migration {
  public:
   /// The schema version the file had before this upgrade.
-  std::uint64_t oldSchemaVersion() const { return oldVersion_; }
+  std::uint64_t oldSchemaVersion() const;
   /// Whether the file being upgraded has the property (a column or a list).
   bool hasProperty(const std::string& className, const std::string& name) const;
   /// Renames a stored property, keeping its values. Throws StoreError when the class or
@@ -45,9 +42,14 @@ class QVL_EXPORT Migration {
 
  private:
   friend class StoreAccess;
-  Migration(sqlite3* db, std::uint64_t oldVersion) : db_(db), oldVersion_(oldVersion) {}
-  sqlite3* db_;
-  std::uint64_t oldVersion_;
+  struct Impl;
+  explicit Migration(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+
+ public:
+  ~Migration();
+  Migration(const Migration&) = delete;
+  Migration& operator=(const Migration&) = delete;
 };
 
 /// What Store::open() needs to open or create a file; the path identifies the cached handle.
@@ -93,9 +95,9 @@ class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
   Store& operator=(const Store&) = delete;
 
   /// The file this handle is open on.
-  const std::string& path() const { return path_; }
+  const std::string& path() const;
   /// The schema version the file was opened (or upgraded) at.
-  std::uint64_t schemaVersion() const { return schemaVersion_; }
+  std::uint64_t schemaVersion() const;
 
   /// @name Write transactions
   ///@{
@@ -110,7 +112,7 @@ class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
   void beginWrite();
   void commitWrite();
   void cancelWrite();
-  bool isInWriteTransaction() const { return inWrite_; }
+  bool isInWriteTransaction() const;
   ///@}
   /// Runs block inside a write transaction; commits when it returns, rolls back and
   /// rethrows when it throws.
@@ -185,10 +187,6 @@ class QVL_EXPORT Store : public std::enable_shared_from_this<Store> {
   void checkThread() const;
   void checkWrite() const;
 
-  std::string path_;
-  std::uint64_t schemaVersion_;
-  std::thread::id thread_;
-  bool inWrite_ = false;
   std::unique_ptr<detail::StoreImpl> impl_;
 };
 
@@ -197,21 +195,16 @@ class QVL_EXPORT WriteTransaction {
  public:
   /// Begins a write transaction on `store` (see Store::beginWrite()), which must outlive
   /// this object.
-  explicit WriteTransaction(Store& store) : store_(store) { store_.beginWrite(); }
-  ~WriteTransaction() {
-    if (!done_) store_.cancelWrite();
-  }
+  explicit WriteTransaction(Store& store);
+  ~WriteTransaction();
   WriteTransaction(const WriteTransaction&) = delete;
   WriteTransaction& operator=(const WriteTransaction&) = delete;
   /// Commits; when that throws, the destructor still rolls back.
-  void commit() {
-    store_.commitWrite();
-    done_ = true;
-  }
+  void commit();
 
  private:
-  Store& store_;
-  bool done_ = false;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qvl
