@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "Device/Sightings.h"
-#include "Proximity/ProximityEngine.h"
-#include "quorvel/Platform/Uuid.h"
+#include "device/Sightings.h"
+#include "proximity/ProximityEngine.h"
+#include "quorvel/platform/Uuid.h"
 #include "support/BenchData.h"
 #include "support/TempDir.h"
 

@@ -22,11 +22,11 @@
 #include <variant>
 #include <vector>
 
-#include "Models/QVLMappingPlan.h"
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Managers/QVLApiClient.h"
-#include "quorvel/Models/QVLApiModel.h"
-#include "quorvel/Platform/Env.h"
+#include "records/QVLMappingPlan.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/records/QVLApiModel.h"
+#include "quorvel/platform/Env.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Store/Store.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/store/Store.h"
 
 namespace qvl::bench {
 

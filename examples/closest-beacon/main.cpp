@@ -19,15 +19,16 @@
 
 #include <unistd.h>
 
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Managers/QVLApiClient.h"
-#include "quorvel/Managers/QVLBeaconManager.h"
-#include "quorvel/Models/QVLBeacon.h"
-#include "quorvel/Models/QVLToken.h"
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/MainQueue.h"
-#include "quorvel/Platform/SimulatedWorld.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/managers/QVLBeaconManager.h"
+#include "quorvel/records/QVLBeacon.h"
+#include "quorvel/records/QVLToken.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/MainQueue.h"
+#include "quorvel/testing/SimulatedWorld.h"
+#include "quorvel/testing/ManualClock.h"
 
 namespace {
 

@@ -1,22 +1,23 @@
-#include "quorvel/Linux/DeviceProximity.h"
+#include "quorvel/device/DeviceProximity.h"
 
 #include <cstdio>
 #include <set>
 
 #include <gtest/gtest.h>
 
-#include "Device/BusThread.h"
+#include "device/BusThread.h"
 #include "Device/MockBus.h"
-#include "Device/Sightings.h"
-#include "Proximity/ProximityCore.h"
-#include "Proximity/StandardBackend.h"
-#include "quorvel/Categories/QVLBeaconSupport.h"
-#include "quorvel/Managers/QVLBeaconManager.h"
-#include "quorvel/Platform/Application.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/MainQueue.h"
-#include "quorvel/Platform/NotificationCenter.h"
-#include "quorvel/Platform/SimulatedWorld.h"
+#include "device/Sightings.h"
+#include "proximity/ProximityCore.h"
+#include "device/StandardBackend.h"
+#include "quorvel/managers/QVLBeaconSupport.h"
+#include "quorvel/managers/QVLBeaconManager.h"
+#include "quorvel/platform/Application.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/MainQueue.h"
+#include "quorvel/platform/NotificationCenter.h"
+#include "quorvel/testing/SimulatedWorld.h"
+#include "quorvel/testing/ManualClock.h"
 #include "support/ProximityLog.h"
 #include "support/TempDir.h"
 

@@ -9,15 +9,16 @@
 #include <fstream>
 #include <sstream>
 
-#include "quorvel/Helpers/QVLDateFormatter.h"
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Helpers/QVLURLTrimmer.h"
-#include "quorvel/Models/QVLMedia.h"
-#include "quorvel/Models/QVLPostPeriod.h"
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/SimulatedWorld.h"
-#include "quorvel/Platform/UserDefaults.h"
+#include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLURLTrimmer.h"
+#include "quorvel/records/QVLMedia.h"
+#include "quorvel/records/QVLPostPeriod.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/testing/SimulatedWorld.h"
+#include "quorvel/platform/UserDefaults.h"
+#include "quorvel/testing/ManualClock.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

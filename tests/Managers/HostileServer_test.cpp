@@ -18,7 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "Managers/ServiceFixture.h"
-#include "quorvel/Models/QVLShop.h"
+#include "quorvel/records/QVLShop.h"
 #include "support/FaultServer.h"
 
 namespace {

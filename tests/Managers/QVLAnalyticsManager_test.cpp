@@ -1,4 +1,4 @@
-#include "quorvel/Managers/QVLAnalyticsManager.h"
+#include "quorvel/managers/QVLAnalyticsManager.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -11,9 +11,9 @@
 #include <set>
 
 #include "Managers/ServiceFixture.h"
-#include "quorvel/Helpers/QVLDateFormatter.h"
-#include "quorvel/Models/QVLToken.h"
-#include "quorvel/Platform/Counters.h"
+#include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLToken.h"
+#include "quorvel/platform/Counters.h"
 #include "sandbox/Sandbox.h"
 #include "support/RecordingTransport.h"
 #include "support/SpawnTest.h"

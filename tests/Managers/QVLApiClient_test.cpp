@@ -1,4 +1,4 @@
-#include "quorvel/Managers/QVLApiClient.h"
+#include "quorvel/networking/QVLApiClient.h"
 
 #include <curl/curl.h>
 
@@ -14,16 +14,16 @@
 
 #include "Models/RecordTestSupport.h"
 #include "devserver/HttpsServer.h"
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Models/QVLGuest.h"
-#include "quorvel/Models/QVLPost.h"
-#include "quorvel/Models/QVLPostView.h"
-#include "quorvel/Models/QVLRedemption.h"
-#include "quorvel/Models/QVLShop.h"
-#include "quorvel/Models/QVLToken.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/PinValidator.h"
-#include "quorvel/Platform/UserDefaults.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLGuest.h"
+#include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLPostView.h"
+#include "quorvel/records/QVLRedemption.h"
+#include "quorvel/records/QVLShop.h"
+#include "quorvel/records/QVLToken.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/networking/PinValidator.h"
+#include "quorvel/platform/UserDefaults.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
 #include "support/RecordingTransport.h"

@@ -1,12 +1,12 @@
-#include "quorvel/Managers/QVLInboxManager.h"
+#include "quorvel/managers/QVLInboxManager.h"
 
 #include <atomic>
 #include <future>
 #include <thread>
 
 #include "Managers/ServiceFixture.h"
-#include "quorvel/Managers/QVLPushManager.h"
-#include "quorvel/Managers/QVLSubscriptionManager.h"
+#include "quorvel/managers/QVLPushManager.h"
+#include "quorvel/managers/QVLSubscriptionManager.h"
 
 namespace managers_test {
 namespace {

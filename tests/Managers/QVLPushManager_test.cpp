@@ -1,4 +1,4 @@
-#include "quorvel/Managers/QVLPushManager.h"
+#include "quorvel/managers/QVLPushManager.h"
 
 #include <atomic>
 #include <utility>

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "Models/RecordTestSupport.h"
-#include "quorvel/Managers/QVLApiClient.h"
-#include "quorvel/Models/QVLPost.h"
+#include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/records/QVLPost.h"
 
 namespace {
 

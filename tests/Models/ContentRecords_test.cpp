@@ -6,12 +6,12 @@
 #include <thread>
 
 #include "Models/RecordTestSupport.h"
-#include "quorvel/Helpers/QVLPostFieldHelper.h"
-#include "quorvel/Models/QVLBeacon.h"
-#include "quorvel/Models/QVLGeofence.h"
-#include "quorvel/Models/QVLPost.h"
-#include "quorvel/Models/QVLPostFields.h"
-#include "quorvel/Models/QVLPrize.h"
+#include "quorvel/records/QVLPostFieldHelper.h"
+#include "quorvel/records/QVLBeacon.h"
+#include "quorvel/records/QVLGeofence.h"
+#include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLPostFields.h"
+#include "quorvel/records/QVLPrize.h"
 
 namespace {
 

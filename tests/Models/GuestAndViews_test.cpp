@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include "Models/RecordTestSupport.h"
-#include "quorvel/Managers/QVLApiClient.h"
-#include "quorvel/Models/QVLBeaconView.h"
-#include "quorvel/Models/QVLGuest.h"
-#include "quorvel/Models/QVLPostView.h"
+#include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/records/QVLBeaconView.h"
+#include "quorvel/records/QVLGuest.h"
+#include "quorvel/records/QVLPostView.h"
 
 namespace {
 

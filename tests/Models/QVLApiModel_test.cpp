@@ -1,12 +1,12 @@
-#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/records/QVLApiModel.h"
 
 #include <gtest/gtest.h>
 
-#include "Models/QVLMappingPlan.h"
+#include "records/QVLMappingPlan.h"
 #include "Models/RecordTestSupport.h"
-#include "quorvel/Helpers/QVLDateFormatter.h"
-#include "quorvel/Models/QVLGuest.h"
-#include "quorvel/Models/QVLPost.h"
+#include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLGuest.h"
+#include "quorvel/records/QVLPost.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

@@ -5,19 +5,19 @@
 #include <gtest/gtest.h>
 
 #include "Models/RecordTestSupport.h"
-#include "quorvel/Models/QVLAction.h"
-#include "quorvel/Models/QVLAudience.h"
-#include "quorvel/Models/QVLBeacon.h"
-#include "quorvel/Models/QVLBeaconCategory.h"
-#include "quorvel/Models/QVLGeofence.h"
-#include "quorvel/Models/QVLGuest.h"
-#include "quorvel/Models/QVLOrganization.h"
-#include "quorvel/Models/QVLPost.h"
-#include "quorvel/Models/QVLPrize.h"
-#include "quorvel/Models/QVLRedemption.h"
-#include "quorvel/Models/QVLRegion.h"
-#include "quorvel/Models/QVLShop.h"
-#include "quorvel/Models/QVLShopCategory.h"
+#include "quorvel/records/QVLAction.h"
+#include "quorvel/records/QVLAudience.h"
+#include "quorvel/records/QVLBeacon.h"
+#include "quorvel/records/QVLBeaconCategory.h"
+#include "quorvel/records/QVLGeofence.h"
+#include "quorvel/records/QVLGuest.h"
+#include "quorvel/records/QVLOrganization.h"
+#include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLPrize.h"
+#include "quorvel/records/QVLRedemption.h"
+#include "quorvel/records/QVLRegion.h"
+#include "quorvel/records/QVLShop.h"
+#include "quorvel/records/QVLShopCategory.h"
 
 namespace {
 

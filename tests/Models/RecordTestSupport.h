@@ -10,11 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "quorvel/Helpers/QVLDateFormatter.h"
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Store/Store.h"
+#include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/store/Store.h"
+#include "quorvel/testing/ManualClock.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "Models/RecordTestSupport.h"
-#include "quorvel/Models/QVLGuest.h"
+#include "quorvel/records/QVLGuest.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/networking/HttpSession.h"
 
-#include "quorvel/Platform/Env.h"
+#include "quorvel/platform/Env.h"
 
 #include <curl/curl.h>
 

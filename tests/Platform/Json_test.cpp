@@ -1,4 +1,4 @@
-#include "quorvel/Platform/Json.h"
+#include "quorvel/platform/Json.h"
 
 #include <gtest/gtest.h>
 

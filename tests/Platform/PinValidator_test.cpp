@@ -1,7 +1,8 @@
-#include "quorvel/Platform/PinValidator.h"
+#include "quorvel/networking/PinValidator.h"
 
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Env.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/testing/ManualClock.h"
 
 #include <curl/curl.h>
 

@@ -1,4 +1,4 @@
-#include "quorvel/Platform/Queue.h"
+#include "quorvel/platform/Queue.h"
 
 #include <atomic>
 #include <chrono>
@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "quorvel/Platform/Clock.h"
+#include "quorvel/platform/Clock.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 

@@ -1,4 +1,4 @@
-#include "quorvel/Platform/UserDefaults.h"
+#include "quorvel/platform/UserDefaults.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,9 +14,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "quorvel/Platform/BundleInfo.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/Log.h"
+#include "quorvel/platform/BundleInfo.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/Log.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

@@ -1,4 +1,4 @@
-#include "Proximity/ProximityCore.h"
+#include "proximity/ProximityCore.h"
 
 #include <cmath>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "quorvel/Platform/Scene.h"
+#include "quorvel/proximity/Scene.h"
 
 #include <filesystem>
 #include <string>

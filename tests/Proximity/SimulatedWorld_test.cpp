@@ -1,4 +1,4 @@
-#include "quorvel/Platform/SimulatedWorld.h"
+#include "quorvel/testing/SimulatedWorld.h"
 
 #include <memory>
 #include <string>
@@ -6,8 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/MainQueue.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/MainQueue.h"
+#include "quorvel/testing/ManualClock.h"
 #include "support/ProximityLog.h"
 #include "support/TempDir.h"
 

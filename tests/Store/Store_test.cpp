@@ -1,4 +1,4 @@
-#include "quorvel/Store/Store.h"
+#include "quorvel/store/Store.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,8 +17,9 @@
 #include <set>
 #include <thread>
 
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Env.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/testing/ManualClock.h"
 #include "support/SpawnTest.h"
 #include "support/TempDir.h"
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "quorvel/Platform/Env.h"
+#include "quorvel/platform/Env.h"
 
 namespace qvl::test {
 

@@ -6,7 +6,7 @@
 #include <functional>
 #include <mutex>
 
-#include "quorvel/Platform/Executor.h"
+#include "quorvel/platform/Executor.h"
 
 namespace qvl::test {
 

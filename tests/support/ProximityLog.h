@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "quorvel/Platform/BluetoothCentral.h"
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/LocationService.h"
+#include "quorvel/proximity/BluetoothCentral.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/proximity/LocationService.h"
 
 namespace qvl::test {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/networking/HttpSession.h"
 
 namespace qvl::test {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/networking/HttpSession.h"
 
 namespace qvl::test {
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <regex>
 
-#include "quorvel/Helpers/QVLDateFormatter.h"
+#include "quorvel/records/QVLDateFormatter.h"
 
 namespace qvl::demo {
 

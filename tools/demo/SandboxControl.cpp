@@ -4,7 +4,7 @@
 #include <memory>
 #include <utility>
 
-#include "quorvel/Platform/HttpSession.h"
+#include "quorvel/networking/HttpSession.h"
 
 namespace qvl::demo {
 

@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "Platform/PrivateFiles.h"
+#include "platform/PrivateFiles.h"
 
 namespace qvl::devserver {
 namespace {

@@ -20,10 +20,10 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/PrivateFiles.h"
+#include "platform/PrivateFiles.h"
 #include "devserver/Certificates.h"
 #include "devserver/HttpsServer.h"
-#include "quorvel/Helpers/QVLDateFormatter.h"
+#include "quorvel/records/QVLDateFormatter.h"
 #include "sandbox/State.h"
 
 namespace qvl::sandbox {

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "quorvel/Helpers/QVLRealm.h"
-#include "quorvel/Models/QVLApiModel.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLApiModel.h"
 
 namespace qvl::sandbox {
 namespace {

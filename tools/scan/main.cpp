@@ -11,12 +11,12 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/PrivateFiles.h"
-#include "quorvel/Linux/DeviceProximity.h"
-#include "quorvel/Platform/Clock.h"
-#include "quorvel/Platform/Env.h"
-#include "quorvel/Platform/MainQueue.h"
-#include "quorvel/Platform/SimulatedWorld.h"
+#include "platform/PrivateFiles.h"
+#include "quorvel/device/DeviceProximity.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/MainQueue.h"
+#include "quorvel/testing/SimulatedWorld.h"
 
 namespace {
 

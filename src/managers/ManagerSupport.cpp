@@ -1,0 +1,76 @@
+#include "managers/ManagerSupport.h"
+
+#include <algorithm>
+
+#include "platform/CountersImpl.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/platform/Application.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/Log.h"
+#include "quorvel/platform/NotificationCenter.h"
+
+namespace qvl {
+
+std::shared_ptr<QVLGuest> firstGuest() {
+  auto realm = QVLRealm::realm();
+  if (!realm) return nullptr;
+  auto guests = realm->objects<QVLGuest>();
+  return guests.empty() ? nullptr : guests.at(0);
+}
+
+std::string describe(const QVLError& error) {
+  return "Error Domain=" + error.domain + " Code=" + std::to_string(error.code) +
+         " UserInfo=" + (error.userInfo ? error.userInfo->dump() : std::string("{}"));
+}
+
+void logOperationFailure(const char* operation, const std::string& what) noexcept {
+  try {
+    log(LogLevel::error, std::string(operation) + " failed: " + what);
+  } catch (...) {  // no memory for the line
+  }
+}
+
+void syncInBackgroundTask(const std::string& taskName, const std::string& expiredLine,
+                          const std::string& failurePrefix, const AnyList& relations,
+                          const std::shared_ptr<QVLGuest>& guest,
+                          const std::optional<std::string>& relationship,
+                          std::atomic<bool>& changesFlag) {
+  // The task belongs to this environment's application, wherever the answer comes.
+  std::shared_ptr<Application> application = Env::current()->application;
+  const auto task = application->beginBackgroundTask(
+      taskName, [expiredLine] { log(LogLevel::warning, expiredLine); });
+  try {
+    QVLApiClient::sharedClient().syncRelations(
+        relations, guest, relationship,
+        [application, task, failurePrefix, &changesFlag](std::optional<QVLError> error) {
+          if (error) {
+            log(LogLevel::error, failurePrefix + describe(*error));
+          } else {
+            changesFlag = false;
+          }
+          application->endBackgroundTask(task);
+        });
+  } catch (...) {  // nothing went out: the task must not wait for its expiry
+    application->endBackgroundTask(task);
+    throw;
+  }
+}
+
+bool CenterObservation::observeCurrentCenter() {
+  std::shared_ptr<NotificationCenter> center = Env::current()->notificationCenter;
+  if (!center) return false;
+  std::lock_guard lock(mutex_);
+  std::erase_if(centers_, [](const auto& known) { return known.expired(); });
+  for (const auto& known : centers_) {
+    if (known.lock() == center) return false;
+  }
+  centers_.push_back(center);
+  for (const auto& [name, handler] : handlers_) {
+    center->addObserver(name, nullptr, [handler = handler](const Notification&) { handler(); })
+        .release();
+  }
+  return true;
+}
+
+}  // namespace qvl
