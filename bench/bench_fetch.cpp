@@ -25,12 +25,12 @@
 #include <vector>
 
 #include "devserver/HttpsServer.h"
-#include "quorvel/records/QVLRealm.h"
-#include "quorvel/networking/QVLApiClient.h"
-#include "quorvel/records/QVLPost.h"
-#include "quorvel/platform/Env.h"
 #include "quorvel/networking/HttpSession.h"
+#include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/platform/Env.h"
 #include "quorvel/platform/UserDefaults.h"
+#include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLRealm.h"
 #include "support/BenchData.h"
 #include "support/PostsFloor.h"
 #include "support/TempDir.h"

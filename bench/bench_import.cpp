@@ -27,10 +27,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/networking/QVLApiClient.h"
-#include "quorvel/records/QVLPost.h"
 #include "quorvel/platform/Env.h"
+#include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLRealm.h"
 #include "support/BenchData.h"
 #include "support/PostsFloor.h"
 #include "support/TempDir.h"

@@ -14,18 +14,18 @@
 #include <string>
 #include <vector>
 
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/managers/QVLAnalyticsManager.h"
 #include "quorvel/managers/QVLBeaconManager.h"
-#include "quorvel/records/QVLBeacon.h"
-#include "quorvel/records/QVLGuest.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/MainQueue.h"
 #include "quorvel/platform/NotificationCenter.h"
-#include "quorvel/testing/SimulatedWorld.h"
+#include "quorvel/records/QVLBeacon.h"
+#include "quorvel/records/QVLGuest.h"
+#include "quorvel/records/QVLRealm.h"
 #include "quorvel/testing/ManualClock.h"
+#include "quorvel/testing/SimulatedWorld.h"
 #include "support/BenchData.h"
 #include "support/TempDir.h"
 

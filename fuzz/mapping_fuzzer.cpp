@@ -22,11 +22,11 @@
 #include <variant>
 #include <vector>
 
-#include "records/QVLMappingPlan.h"
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/networking/QVLApiClient.h"
-#include "quorvel/records/QVLApiModel.h"
 #include "quorvel/platform/Env.h"
+#include "quorvel/records/QVLApiModel.h"
+#include "quorvel/records/QVLRealm.h"
+#include "records/QVLMappingPlan.h"
 
 namespace {
 

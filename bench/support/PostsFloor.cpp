@@ -10,8 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/platform/Env.h"
+#include "quorvel/records/QVLRealm.h"
 #include "quorvel/store/Store.h"
 
 namespace qvl::bench {

@@ -19,16 +19,16 @@
 
 #include <unistd.h>
 
-#include "quorvel/records/QVLRealm.h"
-#include "quorvel/networking/QVLApiClient.h"
 #include "quorvel/managers/QVLBeaconManager.h"
-#include "quorvel/records/QVLBeacon.h"
-#include "quorvel/records/QVLToken.h"
+#include "quorvel/networking/QVLApiClient.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/MainQueue.h"
-#include "quorvel/testing/SimulatedWorld.h"
+#include "quorvel/records/QVLBeacon.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLToken.h"
 #include "quorvel/testing/ManualClock.h"
+#include "quorvel/testing/SimulatedWorld.h"
 
 namespace {
 

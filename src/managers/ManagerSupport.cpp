@@ -3,12 +3,12 @@
 #include <algorithm>
 
 #include "platform/CountersImpl.h"
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/networking/QVLApiClient.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
 #include "quorvel/platform/NotificationCenter.h"
+#include "quorvel/records/QVLRealm.h"
 
 namespace qvl {
 

@@ -12,9 +12,9 @@
 
 #include "networking/CountedDataTask.h"
 #include "platform/Guarded.h"
-#include "quorvel/records/QVLGuest.h"
 #include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/QVLError.h"
+#include "quorvel/records/QVLGuest.h"
 #include "quorvel/store/Results.h"
 
 namespace qvl {

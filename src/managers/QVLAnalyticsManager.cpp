@@ -10,13 +10,13 @@
 #include "managers/ManagerSupport.h"
 #include "platform/CountersImpl.h"
 #include "platform/Immortal.h"
-#include "store/StoreRows.h"
 #include "quorvel/managers/QVLBeaconSupport.h"
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/networking/QVLApiClient.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Log.h"
+#include "quorvel/records/QVLRealm.h"
+#include "store/StoreRows.h"
 
 namespace {
 

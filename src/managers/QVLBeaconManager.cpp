@@ -1,18 +1,18 @@
 #include "quorvel/managers/QVLBeaconManager.h"
 
-#include "platform/MainQueueOnly.h"
 #include "device/StandardBackend.h"
+#include "platform/MainQueueOnly.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <limits>
 
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/managers/QVLAnalyticsManager.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/NotificationCenter.h"
+#include "quorvel/records/QVLRealm.h"
 
 namespace {
 

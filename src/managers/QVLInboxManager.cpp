@@ -6,11 +6,11 @@
 
 #include "managers/ManagerSupport.h"
 #include "platform/JsonImpl.h"
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/MainQueue.h"
 #include "quorvel/platform/NotificationCenter.h"
+#include "quorvel/records/QVLRealm.h"
 
 namespace {
 

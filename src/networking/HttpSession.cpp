@@ -20,8 +20,8 @@
 #include <thread>
 #include <unordered_map>
 
-#include "platform/Immortal.h"
 #include "networking/StandardNetworking.h"
+#include "platform/Immortal.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
 

@@ -14,11 +14,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "networking/HostNames.h"
+#include "networking/StandardNetworking.h"
 #include "platform/Base64.h"
 #include "platform/CountersImpl.h"
-#include "networking/HostNames.h"
 #include "platform/JsonImpl.h"
-#include "networking/StandardNetworking.h"
 #include "quorvel/platform/BundleInfo.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"

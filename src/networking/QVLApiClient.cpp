@@ -5,19 +5,19 @@
 #include <algorithm>
 #include <cctype>
 
-#include "records/QVLMappingPlan.h"
-#include "platform/CountersImpl.h"
 #include "networking/HostNames.h"
-#include "platform/Immortal.h"
 #include "networking/StandardNetworking.h"
+#include "platform/CountersImpl.h"
+#include "platform/Immortal.h"
 #include "platform/JsonImpl.h"
-#include "quorvel/records/QVLRealm.h"
-#include "quorvel/records/QVLToken.h"
+#include "quorvel/networking/PinValidator.h"
 #include "quorvel/platform/BundleInfo.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
-#include "quorvel/networking/PinValidator.h"
 #include "quorvel/platform/Url.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLToken.h"
+#include "records/QVLMappingPlan.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 #include <unordered_set>
 
-#include "records/QVLRealmOpen.h"
 #include "networking/CountedDataTask.h"
-#include "records/QVLMappingPlan.h"
 #include "platform/CountersImpl.h"
 #include "platform/JsonImpl.h"
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/networking/QVLApiClient.h"
-#include "quorvel/records/QVLPost.h"
-#include "quorvel/records/QVLRedemption.h"
 #include "quorvel/platform/Queue.h"
+#include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLRedemption.h"
+#include "records/QVLMappingPlan.h"
+#include "records/QVLRealmOpen.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 
 #include <memory>
 
-#include "quorvel/platform/Env.h"
 #include "quorvel/networking/HttpSession.h"
 #include "quorvel/networking/PinValidator.h"
+#include "quorvel/platform/Env.h"
 
 namespace qvl::detail {
 

@@ -4,10 +4,6 @@
 
 namespace qvl {
 
-// Zero before any code runs (constant initialisation), so counting during static
-// initialisation is safe.
-std::atomic<std::uint64_t> detail::counterCells[detail::kCounterCount] = {};
-
 Counters countersSnapshot() {
   Counters snapshot;
 #define QVL_COUNTER_READ(name)                                                        \

@@ -16,9 +16,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "quorvel/proximity/LocationService.h"
 #include "quorvel/platform/Region.h"
 #include "quorvel/platform/Uuid.h"
+#include "quorvel/proximity/LocationService.h"
 #include "quorvel/store/Value.h"
 
 namespace qvl::proximity {

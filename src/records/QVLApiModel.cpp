@@ -7,12 +7,12 @@
 
 #include <simdjson.h>
 
-#include "records/QVLMappingPlan.h"
 #include "platform/CountersImpl.h"
 #include "platform/JsonImpl.h"
+#include "quorvel/platform/Log.h"
 #include "quorvel/records/QVLDateFormatter.h"
 #include "quorvel/records/QVLRealm.h"
-#include "quorvel/platform/Log.h"
+#include "records/QVLMappingPlan.h"
 
 using nlohmann::json;
 using qvl::PropertyKind;

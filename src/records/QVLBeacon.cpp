@@ -1,9 +1,9 @@
 #include "quorvel/records/QVLBeacon.h"
 
-#include "records/QVLPlaceRules.h"
 #include "quorvel/records/QVLBeaconCategory.h"
 #include "quorvel/records/QVLPosition.h"
 #include "quorvel/records/QVLShop.h"
+#include "records/QVLPlaceRules.h"
 
 using qvl::PropertyKind;
 

@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "records/QVLMappingPlan.h"
 #include "platform/JsonImpl.h"
 #include "quorvel/platform/Log.h"
+#include "records/QVLMappingPlan.h"
 
 std::optional<qvl::Json> QVLPostFieldHelper::parseStringToJSON(std::string_view text) {
   std::string error;

@@ -2,12 +2,12 @@
 
 #include <filesystem>
 
-#include "records/QVLRealmOpen.h"
 #include "platform/PrivateFiles.h"
-#include "store/StoreImpl.h"
-#include "quorvel/records/QVLMedia.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
+#include "quorvel/records/QVLMedia.h"
+#include "records/QVLRealmOpen.h"
+#include "store/StoreImpl.h"
 
 void QVLRealm::setStoreDirectory(std::string directory) {
   qvl::Env::update([&directory](qvl::Env& env) { env.storeDirectory = std::move(directory); });

@@ -1,4 +1,3 @@
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/records/QVLAction.h"
 #include "quorvel/records/QVLAudience.h"
 #include "quorvel/records/QVLBeacon.h"
@@ -13,6 +12,7 @@
 #include "quorvel/records/QVLPostPeriod.h"
 #include "quorvel/records/QVLPostView.h"
 #include "quorvel/records/QVLPrize.h"
+#include "quorvel/records/QVLRealm.h"
 #include "quorvel/records/QVLRedemption.h"
 #include "quorvel/records/QVLRegion.h"
 #include "quorvel/records/QVLShop.h"

@@ -1,7 +1,7 @@
 #include "quorvel/records/QVLShop.h"
 
-#include "quorvel/records/QVLURLTrimmer.h"
 #include "quorvel/records/QVLShopCategory.h"
+#include "quorvel/records/QVLURLTrimmer.h"
 
 using qvl::PropertyKind;
 

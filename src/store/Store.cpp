@@ -14,11 +14,11 @@
 
 #include "platform/CountersImpl.h"
 #include "platform/PrivateFiles.h"
-#include "store/ResultsImpl.h"
-#include "store/StoreImpl.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
+#include "store/ResultsImpl.h"
+#include "store/StoreImpl.h"
 
 namespace qvl {
 

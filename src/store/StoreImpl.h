@@ -13,8 +13,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "store/ObjectImpl.h"
 #include "quorvel/store/Store.h"
+#include "store/ObjectImpl.h"
 
 namespace qvl {
 

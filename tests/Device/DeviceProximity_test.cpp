@@ -5,19 +5,19 @@
 
 #include <gtest/gtest.h>
 
-#include "device/BusThread.h"
 #include "Device/MockBus.h"
+#include "device/BusThread.h"
 #include "device/Sightings.h"
-#include "proximity/ProximityCore.h"
 #include "device/StandardBackend.h"
-#include "quorvel/managers/QVLBeaconSupport.h"
+#include "proximity/ProximityCore.h"
 #include "quorvel/managers/QVLBeaconManager.h"
+#include "quorvel/managers/QVLBeaconSupport.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/MainQueue.h"
 #include "quorvel/platform/NotificationCenter.h"
-#include "quorvel/testing/SimulatedWorld.h"
 #include "quorvel/testing/ManualClock.h"
+#include "quorvel/testing/SimulatedWorld.h"
 #include "support/ProximityLog.h"
 #include "support/TempDir.h"
 

@@ -9,16 +9,16 @@
 #include <fstream>
 #include <sstream>
 
-#include "quorvel/records/QVLDateFormatter.h"
-#include "quorvel/records/QVLRealm.h"
-#include "quorvel/records/QVLURLTrimmer.h"
-#include "quorvel/records/QVLMedia.h"
-#include "quorvel/records/QVLPostPeriod.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
-#include "quorvel/testing/SimulatedWorld.h"
 #include "quorvel/platform/UserDefaults.h"
+#include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLMedia.h"
+#include "quorvel/records/QVLPostPeriod.h"
+#include "quorvel/records/QVLRealm.h"
+#include "quorvel/records/QVLURLTrimmer.h"
 #include "quorvel/testing/ManualClock.h"
+#include "quorvel/testing/SimulatedWorld.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

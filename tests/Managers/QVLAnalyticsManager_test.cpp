@@ -11,9 +11,9 @@
 #include <set>
 
 #include "Managers/ServiceFixture.h"
+#include "quorvel/platform/Counters.h"
 #include "quorvel/records/QVLDateFormatter.h"
 #include "quorvel/records/QVLToken.h"
-#include "quorvel/platform/Counters.h"
 #include "sandbox/Sandbox.h"
 #include "support/RecordingTransport.h"
 #include "support/SpawnTest.h"

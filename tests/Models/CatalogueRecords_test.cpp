@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "Models/RecordTestSupport.h"
+#include "quorvel/platform/Uuid.h"
 #include "quorvel/records/QVLBeacon.h"
 #include "quorvel/records/QVLGeofence.h"
 #include "quorvel/records/QVLMedia.h"
 #include "quorvel/records/QVLOrganization.h"
 #include "quorvel/records/QVLRegion.h"
 #include "quorvel/records/QVLShop.h"
-#include "quorvel/platform/Uuid.h"
 
 namespace {
 

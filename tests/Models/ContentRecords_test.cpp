@@ -6,10 +6,10 @@
 #include <thread>
 
 #include "Models/RecordTestSupport.h"
-#include "quorvel/records/QVLPostFieldHelper.h"
 #include "quorvel/records/QVLBeacon.h"
 #include "quorvel/records/QVLGeofence.h"
 #include "quorvel/records/QVLPost.h"
+#include "quorvel/records/QVLPostFieldHelper.h"
 #include "quorvel/records/QVLPostFields.h"
 #include "quorvel/records/QVLPrize.h"
 

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "records/QVLMappingPlan.h"
 #include "Models/RecordTestSupport.h"
 #include "quorvel/records/QVLDateFormatter.h"
 #include "quorvel/records/QVLGuest.h"
 #include "quorvel/records/QVLPost.h"
+#include "records/QVLMappingPlan.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 

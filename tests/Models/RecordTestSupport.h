@@ -10,10 +10,10 @@
 #include <string_view>
 #include <vector>
 
-#include "quorvel/records/QVLDateFormatter.h"
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
+#include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLRealm.h"
 #include "quorvel/store/Store.h"
 #include "quorvel/testing/ManualClock.h"
 #include "support/LogCapture.h"

@@ -9,15 +9,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "quorvel/records/QVLRealm.h"
+#include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
-#include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/MainQueue.h"
 #include "quorvel/platform/NotificationCenter.h"
 #include "quorvel/platform/Queue.h"
 #include "quorvel/platform/UserDefaults.h"
+#include "quorvel/records/QVLRealm.h"
 #include "quorvel/testing/ManualClock.h"
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"

@@ -21,17 +21,17 @@
 #include <httplib.h>
 
 #include "devserver/Certificates.h"
-#include "quorvel/records/QVLRealm.h"
+#include "quorvel/networking/HttpSession.h"
+#include "quorvel/networking/PinValidator.h"
 #include "quorvel/networking/QVLApiClient.h"
+#include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
+#include "quorvel/platform/UserDefaults.h"
 #include "quorvel/records/QVLBeacon.h"
 #include "quorvel/records/QVLGuest.h"
 #include "quorvel/records/QVLPostView.h"
+#include "quorvel/records/QVLRealm.h"
 #include "quorvel/records/QVLToken.h"
-#include "quorvel/platform/Clock.h"
-#include "quorvel/platform/Env.h"
-#include "quorvel/networking/HttpSession.h"
-#include "quorvel/networking/PinValidator.h"
-#include "quorvel/platform/UserDefaults.h"
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 

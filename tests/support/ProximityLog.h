@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/platform/Clock.h"
+#include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/proximity/LocationService.h"
 
 namespace qvl::test {

@@ -20,9 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/PrivateFiles.h"
 #include "devserver/Certificates.h"
 #include "devserver/HttpsServer.h"
+#include "platform/PrivateFiles.h"
 #include "quorvel/records/QVLDateFormatter.h"
 #include "sandbox/State.h"
 

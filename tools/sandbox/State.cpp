@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "quorvel/records/QVLRealm.h"
 #include "quorvel/records/QVLApiModel.h"
+#include "quorvel/records/QVLRealm.h"
 
 namespace qvl::sandbox {
 namespace {

@@ -11,14 +11,14 @@
 #include <unordered_map>
 #include <vector>
 
-#include "quorvel/managers/QVLWeakPointerArray.h"
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLBeacon.h"
-#include "quorvel/records/QVLGeofence.h"
-#include "quorvel/proximity/BluetoothCentral.h"
-#include "quorvel/proximity/LocationService.h"
+#include "quorvel/managers/QVLWeakPointerArray.h"
 #include "quorvel/platform/Region.h"
 #include "quorvel/platform/Uuid.h"
+#include "quorvel/proximity/BluetoothCentral.h"
+#include "quorvel/proximity/LocationService.h"
+#include "quorvel/records/QVLBeacon.h"
+#include "quorvel/records/QVLGeofence.h"
 
 class QVLAnalyticsManager;
 

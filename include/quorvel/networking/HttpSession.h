@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "quorvel/Export.h"
-#include "quorvel/platform/Queue.h"
 #include "quorvel/platform/QVLError.h"
+#include "quorvel/platform/Queue.h"
 
 namespace qvl {
 

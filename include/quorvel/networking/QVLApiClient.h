@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLApiModel.h"
 #include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/Json.h"
 #include "quorvel/platform/QVLError.h"
+#include "quorvel/records/QVLApiModel.h"
 #include "quorvel/store/Store.h"
 
 /// Which service deployment the client talks to; the value picks the host of baseURL().

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "quorvel/Export.h"
-#include "quorvel/proximity/BluetoothCentral.h"
-#include "quorvel/proximity/LocationService.h"
 #include "quorvel/platform/Region.h"
 #include "quorvel/platform/Uuid.h"
+#include "quorvel/proximity/BluetoothCentral.h"
+#include "quorvel/proximity/LocationService.h"
 
 namespace qvl {
 

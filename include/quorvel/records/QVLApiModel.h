@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLRelationshipMapping.h"
 #include "quorvel/platform/Json.h"
 #include "quorvel/platform/QVLError.h"
+#include "quorvel/records/QVLRelationshipMapping.h"
 #include "quorvel/store/Store.h"
 
 /// Raised when a record class lacks a declaration the caller needs (apiResourcePlural,

@@ -7,10 +7,10 @@
 #include <string>
 
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLApiModel.h"
-#include "quorvel/records/QVLPost.h"
 #include "quorvel/platform/Region.h"
 #include "quorvel/platform/Uuid.h"
+#include "quorvel/records/QVLApiModel.h"
+#include "quorvel/records/QVLPost.h"
 
 class QVLShop;
 class QVLBeaconCategory;

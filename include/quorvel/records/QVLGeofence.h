@@ -7,9 +7,9 @@
 #include <string>
 
 #include "quorvel/Export.h"
+#include "quorvel/platform/Region.h"
 #include "quorvel/records/QVLApiModel.h"
 #include "quorvel/records/QVLPost.h"
-#include "quorvel/platform/Region.h"
 
 /// Primary key `geofenceId`; resources "geofences" / "geofence". Relation: "posts" (list).
 /// Threads: those of every record (qvl::Object).

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLApiModel.h"
 #include "quorvel/platform/Url.h"
+#include "quorvel/records/QVLApiModel.h"
 
 /// The renditions a media record holds, by the service's size numbers.
 enum QVLMediaSize : int {

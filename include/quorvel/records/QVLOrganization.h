@@ -8,15 +8,15 @@
 #include <string_view>
 
 #include "quorvel/Export.h"
+#include "quorvel/platform/Color.h"
+#include "quorvel/platform/Region.h"
+#include "quorvel/platform/Url.h"
 #include "quorvel/records/QVLApiModel.h"
 #include "quorvel/records/QVLAudience.h"
 #include "quorvel/records/QVLMedia.h"
 #include "quorvel/records/QVLPosition.h"
 #include "quorvel/records/QVLRegion.h"
 #include "quorvel/records/QVLShopCategory.h"
-#include "quorvel/platform/Color.h"
-#include "quorvel/platform/Region.h"
-#include "quorvel/platform/Url.h"
 
 /// Primary key `organizationId`; resources "organizations" / "organization". Relations:
 /// "shopcategories", "regions", "audiences" (lists), "image" and "logo" (media, written

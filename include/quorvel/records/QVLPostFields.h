@@ -14,9 +14,9 @@
 #include <string>
 
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLPostField.h"
 #include "quorvel/platform/Json.h"
 #include "quorvel/platform/Url.h"
+#include "quorvel/records/QVLPostField.h"
 
 /// Type 1: plain text.
 class QVL_EXPORT QVLPostFieldText {

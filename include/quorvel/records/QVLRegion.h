@@ -8,9 +8,9 @@
 #include <string>
 
 #include "quorvel/Export.h"
-#include "quorvel/records/QVLApiModel.h"
 #include "quorvel/platform/Region.h"
 #include "quorvel/platform/Uuid.h"
+#include "quorvel/records/QVLApiModel.h"
 
 /// Primary key `regionId`; resources "regions" / "region"; no relations.
 /// Threads: those of every record (qvl::Object).

@@ -8,10 +8,10 @@
 #include <string>
 
 #include "quorvel/Export.h"
+#include "quorvel/platform/Url.h"
 #include "quorvel/records/QVLApiModel.h"
 #include "quorvel/records/QVLBeacon.h"
 #include "quorvel/records/QVLMedia.h"
-#include "quorvel/platform/Url.h"
 
 class QVLShopCategory;
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "quorvel/Export.h"
-#include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/platform/Clock.h"
+#include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/proximity/LocationService.h"
 #include "quorvel/proximity/Scene.h"
 
