@@ -76,12 +76,4 @@ Clock::TimerId SystemClock::runAfter(std::chrono::milliseconds delay, std::funct
 
 void SystemClock::cancel(TimerId id) { detail::immortal<TimerThread>().cancel(id); }
 
-struct ManualClock::Impl {
-  explicit Impl(Date start) : now(start) {}
-  std::mutex mutex;
-  Date now;
-  TimerId nextId = 1;
-  std::multimap<Date, std::pair<TimerId, std::function<void()>>> timers;
-};
-
 }  // namespace qvl

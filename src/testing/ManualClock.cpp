@@ -1,8 +1,18 @@
 #include "quorvel/testing/ManualClock.h"
 
 #include <algorithm>
+#include <map>
+#include <mutex>
 
 namespace qvl {
+
+struct ManualClock::Impl {
+  explicit Impl(Date start) : now(start) {}
+  std::mutex mutex;
+  Date now;
+  TimerId nextId = 1;
+  std::multimap<Date, std::pair<TimerId, std::function<void()>>> timers;
+};
 
 ManualClock::ManualClock(Date start) : impl_(std::make_unique<Impl>(start)) {}
 ManualClock::~ManualClock() = default;
