@@ -43,7 +43,7 @@ echo "exported symbols: $(echo "$exported" | wc -l), all of the public API"
 # The example, once through find_package and once through pkg-config.
 cmake -S examples/closest-beacon -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$work/cmake" >/dev/null
-pc_flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" PKG_CONFIG_SYSROOT_DIR="$root" pkg-config --cflags --libs quorvel)"
+pc_flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" PKG_CONFIG_SYSROOT_DIR="$root" pkg-config --cflags --libs quorvel-testing quorvel)"
 # shellcheck disable=SC2086
 g++ -std=c++20 -o "$work/closest-beacon-pc" examples/closest-beacon/main.cpp $pc_flags
 
