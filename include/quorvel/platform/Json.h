@@ -34,12 +34,16 @@ class QVL_EXPORT Json {
 
   /// Null.
   Json() noexcept;
-  Json(std::nullptr_t) noexcept;  // NOLINT: implicit, as JSON literals read
+  /// Scalars, implicit as JSON literals read: null, a boolean, a number, UTF-8 text
+  /// (a null const char* is null).
+  ///@{
+  Json(std::nullptr_t) noexcept;  // NOLINT
   Json(bool value);               // NOLINT
   Json(double value);             // NOLINT
-  Json(const char* text);         // NOLINT: UTF-8 text; nullptr is null
+  Json(const char* text);         // NOLINT
   Json(std::string text);         // NOLINT
   Json(std::string_view text);    // NOLINT
+  ///@}
   /// Any integer but bool; unsigned values beyond INT64_MAX are kept exactly.
   template <class T>
   requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) Json(T value)  // NOLINT
@@ -56,10 +60,13 @@ class QVL_EXPORT Json {
   /// An empty array; an array of the elements, in order.
   static Json array(std::initializer_list<Json> elements = {});
 
+  /// Deep copies; a moved-from value is null.
+  ///@{
   Json(const Json& other);
   Json(Json&& other) noexcept;
   Json& operator=(const Json& other);
   Json& operator=(Json&& other) noexcept;
+  ///@}
   ~Json();
 
   /// The value of standard JSON text (RFC 8259; no comments, no trailing commas), or nullopt
@@ -70,10 +77,13 @@ class QVL_EXPORT Json {
   /// invalid bytes.
   std::string dump() const;
 
+  /// The value's kind.
+  ///@{
   Kind kind() const noexcept;
   bool isNull() const noexcept { return kind() == Kind::null; }
   bool isObject() const noexcept { return kind() == Kind::object; }
   bool isArray() const noexcept { return kind() == Kind::array; }
+  ///@}
 
   /// @name Typed reads: nullopt when the value is of another kind.
   ///@{

@@ -26,10 +26,13 @@ class QVL_EXPORT QVLRelationshipMapping {
   /// A to-many relation with empty keys and no class.
   QVLRelationshipMapping();
   ~QVLRelationshipMapping();
+  /// Copies are independent; a moved-from mapping reads as the default one.
+  ///@{
   QVLRelationshipMapping(const QVLRelationshipMapping& other);
   QVLRelationshipMapping& operator=(const QVLRelationshipMapping& other);
   QVLRelationshipMapping(QVLRelationshipMapping&& other) noexcept;
   QVLRelationshipMapping& operator=(QVLRelationshipMapping&& other) noexcept;
+  ///@}
 
   /// @name Constructors
   ///@{

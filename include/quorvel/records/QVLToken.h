@@ -20,12 +20,13 @@ class QVL_EXPORT QVLToken {
   /// The user-defaults key the archive is saved under.
   static constexpr const char* kDefaultsKey = "QVLAuthJWTToken";
 
-  /// A new token holding content (the text after "Bearer ").
+  /// A token with no content.
   QVLToken();
   ~QVLToken();
   QVLToken(const QVLToken&) = delete;
   QVLToken& operator=(const QVLToken&) = delete;
 
+  /// A new token holding content (the text after "Bearer ").
   static std::shared_ptr<QVLToken> initWithContent(std::optional<std::string> content);
 
   /// The token text (without "Bearer "), or nullopt for none. Changing it does not save

@@ -22,10 +22,13 @@ class QVL_EXPORT Predicate {
   /// Matches every record.
   Predicate();
   ~Predicate();
+  /// Copies share the clauses, which never change.
+  ///@{
   Predicate(const Predicate& other);
   Predicate& operator=(const Predicate& other);
   Predicate(Predicate&& other) noexcept;
   Predicate& operator=(Predicate&& other) noexcept;
+  ///@}
   /// key IN values. An empty value list matches nothing.
   static Predicate in(std::string key, std::vector<Value> values);
   /// key == value; a null value matches records whose key is null.
@@ -59,10 +62,13 @@ class QVL_EXPORT AnyResults {
   /// Empty results of no class.
   AnyResults();
   ~AnyResults();
+  /// Copies are independent results of the same query.
+  ///@{
   AnyResults(const AnyResults& other);
   AnyResults& operator=(const AnyResults& other);
   AnyResults(AnyResults&& other) noexcept;
   AnyResults& operator=(AnyResults&& other) noexcept;
+  ///@}
 
   /// The class of the records; nullptr for default-constructed results.
   const ObjectClass* objectClass() const;
