@@ -31,6 +31,7 @@
 #include "quorvel/platform/UserDefaults.h"
 #include "quorvel/records/QVLPost.h"
 #include "quorvel/records/QVLRealm.h"
+#include "support/ScopedContext.h"
 #include "support/BenchData.h"
 #include "support/PostsFloor.h"
 #include "support/TempDir.h"
@@ -171,7 +172,7 @@ int main(int argc, char** argv) {
   auto clientVariant = [&] {
     qvl::test::TempDir home;
     qvl::bench::layOutLibraryStore(home.path());
-    qvl::Env::update([&](qvl::Env& env) {
+    qvl::test::ScopedContext context([&](qvl::Env& env) {
       env.trustAnchorsFile = TestCertificates::ca().certificatePath;
       env.userDefaultsPath = home.file("host.defaults");
       env.bundleInfo = {{"CFBundleShortVersionString", "1.0"},

@@ -31,6 +31,7 @@
 #include "quorvel/platform/Env.h"
 #include "quorvel/records/QVLPost.h"
 #include "quorvel/records/QVLRealm.h"
+#include "support/ScopedContext.h"
 #include "support/BenchData.h"
 #include "support/PostsFloor.h"
 #include "support/TempDir.h"
@@ -83,7 +84,7 @@ std::string postsText(int count) {
 template <typename Work>
 void withLibraryStore(int count, Work work) {
   qvl::test::TempDir dir;
-  qvl::ScopedEnv store([&](qvl::Env& env) { env.storeDirectory = dir.path(); });
+  qvl::test::ScopedContext store([&](qvl::Env& env) { env.storeDirectory = dir.path(); });
   auto realm = QVLRealm::realm();
   if (!realm) fail("the store could not be opened");
   work();

@@ -26,6 +26,7 @@
 #include "quorvel/records/QVLRealm.h"
 #include "quorvel/testing/ManualClock.h"
 #include "quorvel/testing/SimulatedWorld.h"
+#include "support/ScopedContext.h"
 #include "support/BenchData.h"
 #include "support/TempDir.h"
 
@@ -87,19 +88,17 @@ int main(int argc, char** argv) {
 
   qvl::test::TempDir home;
   // A manual clock: the simulated world never ticks, so the reports timed are the only ones.
-  qvl::Env::update([&](qvl::Env& env) {
-    env.clock = std::make_shared<qvl::ManualClock>();
-    env.mainQueue = std::make_shared<qvl::MainQueue>();
-    env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
-    env.application = std::make_shared<qvl::StandardApplication>();
-    env.storeDirectory = home.file("store");
-    env.userDefaultsPath = home.file("host.defaults");
-  });
-  auto world = qvl::SimulatedWorld::create();
-  qvl::Env::update([&](qvl::Env& env) {
-    env.locationService = world;
-    env.bluetoothCentral = world;
-  });
+  qvl::Env env;
+  env.clock = std::make_shared<qvl::ManualClock>();
+  env.mainQueue = std::make_shared<qvl::MainQueue>();
+  env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
+  env.application = std::make_shared<qvl::StandardApplication>();
+  env.storeDirectory = home.file("store");
+  env.userDefaultsPath = home.file("host.defaults");
+  auto world = qvl::SimulatedWorld::create(env);
+  env.locationService = world;
+  env.bluetoothCentral = world;
+  qvl::test::ScopedContext context(std::move(env));
 
   auto realm = QVLRealm::realm();
   if (!realm) fail("the store could not be opened");

@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "support/PostsFloor.h"
 
 #include <simdjson.h>
@@ -48,7 +49,7 @@ std::optional<std::int64_t> storedDate(std::string_view text) {
 }
 
 std::string layOutLibraryStore(const std::string& directory) {
-  qvl::ScopedEnv store([&](qvl::Env& env) { env.storeDirectory = directory; });
+  qvl::test::ScopedContext store([&](qvl::Env& env) { env.storeDirectory = directory; });
   if (!QVLRealm::realm()) {
     std::fprintf(stderr, "the library's store could not be opened in %s\n", directory.c_str());
     std::exit(1);

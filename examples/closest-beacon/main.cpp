@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
   // The environment: the service, its pin and CA, a fresh store, and a simulated radio on a
   // clock this program moves itself.
   auto clock = std::make_shared<qvl::ManualClock>();
-  qvl::Env env = *qvl::Env::current();
+  qvl::Env env;
   env.clock = clock;
   env.storeDirectory = storeDir;
   env.userDefaultsPath = storeDir / "defaults.json";
@@ -73,12 +73,10 @@ int main(int argc, char** argv) {
   env.apiDomain = text("api_domain");
   env.publicKeyHashes = {text("pin")};
   env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", text("api_key")}}}};
-  qvl::Env::install(std::move(env));
-  auto world = qvl::SimulatedWorld::create();
-  qvl::Env::update([&](qvl::Env& e) {
-    e.locationService = world;
-    e.bluetoothCentral = world;
-  });
+  auto world = qvl::SimulatedWorld::create(env);
+  env.locationService = world;
+  env.bluetoothCentral = world;
+  qvl::Env::configure(std::move(env));
   QVLToken::initWithContent(text("token"))->saveToken();
   QVLApiClient::sharedClient().setEnvironment(QVLApiEnvironmentDev);
   auto mainQueue = qvl::Env::current()->mainQueue;

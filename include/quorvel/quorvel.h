@@ -68,6 +68,7 @@
 #include "quorvel/proximity/LocationService.h"
 #include "quorvel/proximity/Scene.h"
 
+#include "quorvel/managers/Context.h"
 #include "quorvel/managers/QVLAnalyticsManager.h"
 #include "quorvel/managers/QVLBeaconManager.h"
 #include "quorvel/managers/QVLBeaconSupport.h"

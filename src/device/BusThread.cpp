@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <optional>
 #include <exception>
 #include <system_error>
 #include <unordered_set>
@@ -91,6 +92,9 @@ void BusThread::wake() {
 void BusThread::run(const std::string& address, const Task& setup,
                     const std::function<void()>& teardown,
                     const std::function<void(const std::string&)>& failed) {
+  detail::refuseTeardownOnThisThread();
+  // Bound while handlers run, not while waiting: the context may go meanwhile.
+  std::optional<detail::ContextBinding> binding(std::in_place, context_.lock());
   std::unique_ptr<sdbus::IConnection> connection;
   try {
     connection = address.empty() ? sdbus::createSystemBusConnection()
@@ -103,6 +107,7 @@ void BusThread::run(const std::string& address, const Task& setup,
     failed(busError ? busError->getName() + ": " + busError->getMessage() : error.what());
   }
   for (;;) {
+    if (!binding) binding.emplace(context_.lock());
     std::deque<Task> tasks;
     {
       std::lock_guard lock(mutex_);
@@ -110,6 +115,7 @@ void BusThread::run(const std::string& address, const Task& setup,
       tasks.swap(tasks_);
     }
     if (!connection) {
+      binding.reset();
       pollfd wakeOnly{wakeFd_, POLLIN, 0};
       poll(&wakeOnly, 1, -1);
     } else {
@@ -129,12 +135,14 @@ void BusThread::run(const std::string& address, const Task& setup,
       if (!tasks.empty()) continue;  // a task may have queued messages
       sdbus::IConnection::PollData data = connection->getEventLoopPollData();
       pollfd fds[2] = {{data.fd, data.events, 0}, {wakeFd_, POLLIN, 0}};
+      binding.reset();
       poll(fds, 2, data.getPollTimeout());
     }
     std::uint64_t count;
     [[maybe_unused]] ssize_t read_ = read(wakeFd_, &count, sizeof count);
   }
   if (connection) teardown();
+  binding.reset();
 }
 
 }  // namespace qvl::device

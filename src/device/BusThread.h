@@ -15,6 +15,8 @@
 
 #include <sdbus-c++/IConnection.h>
 
+#include "platform/ContextCore.h"
+
 namespace qvl::device {
 
 /// Runs `callback` (a task, a signal or reply handler) and catches whatever it throws: the
@@ -51,6 +53,9 @@ class BusThread {
            const std::function<void(const std::string&)>& failed);
   void wake();
 
+  // The context the thread was made in: its handlers run in it while it lasts. Weak, as that
+  // context may own the thread's owner.
+  const std::weak_ptr<detail::ContextCore> context_ = detail::boundContext();
   int wakeFd_ = -1;
   std::mutex mutex_;
   std::deque<Task> tasks_;

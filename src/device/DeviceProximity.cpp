@@ -124,7 +124,7 @@ struct DeviceProximity::Private {
       engine.tick(now, signals, position);
       outbox = engine.takeOutbox();
     }
-    proximity::Engine::deliver(std::move(outbox));
+    engine.deliver(std::move(outbox));
   }
 
   // ---- the bus thread's own: only touched there ----

@@ -1,3 +1,4 @@
+#include "platform/ContextCore.h"
 #include "device/StandardBackend.h"
 
 #include <mutex>
@@ -143,9 +144,10 @@ StandardBackend makeStandardBackend(std::string busAddress) {
 }
 
 const StandardBackend& standardBackend() {
-  // Never destroyed: the backend's threads may still report while statics go at exit.
-  static const StandardBackend* backend = new StandardBackend(makeStandardBackend());
-  return *backend;
+  // One per context: its events go to that context's main queue and managers.
+  static const char key = 0;
+  return detail::currentContext()->service<StandardBackend>(
+      &key, [] { return std::make_shared<StandardBackend>(makeStandardBackend()); });
 }
 
 std::shared_ptr<LocationService> locationServiceOf(const Env& env) {

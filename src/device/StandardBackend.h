@@ -18,7 +18,7 @@ struct StandardBackend {
   std::shared_ptr<LocationService> locationService;
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
 };
-/// The process-wide one, on the system bus.
+/// The one of the context in force, on the system bus, made on first use.
 const StandardBackend& standardBackend();
 /// A fresh one on the D-Bus at `busAddress` (empty: the system bus), for tests.
 StandardBackend makeStandardBackend(std::string busAddress = {});

@@ -57,20 +57,12 @@ void syncInBackgroundTask(const std::string& taskName, const std::string& expire
   }
 }
 
-bool CenterObservation::observeCurrentCenter() {
-  std::shared_ptr<NotificationCenter> center = Env::current()->notificationCenter;
-  if (!center) return false;
-  std::lock_guard lock(mutex_);
-  std::erase_if(centers_, [](const auto& known) { return known.expired(); });
-  for (const auto& known : centers_) {
-    if (known.lock() == center) return false;
+CenterObservation::CenterObservation(const Handlers& handlers) {
+  NotificationCenter& center = *Env::current()->notificationCenter;
+  for (const auto& [name, handler] : handlers) {
+    tokens_.push_back(
+        center.addObserver(name, nullptr, [handler = handler](const Notification&) { handler(); }));
   }
-  centers_.push_back(center);
-  for (const auto& [name, handler] : handlers_) {
-    center->addObserver(name, nullptr, [handler = handler](const Notification&) { handler(); })
-        .release();
-  }
-  return true;
 }
 
 }  // namespace qvl

@@ -10,9 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "platform/ContextCore.h"
 #include "networking/CountedDataTask.h"
 #include "platform/Guarded.h"
 #include "quorvel/networking/HttpSession.h"
+#include "quorvel/platform/NotificationCenter.h"
 #include "quorvel/platform/QVLError.h"
 #include "quorvel/records/QVLGuest.h"
 #include "quorvel/store/Results.h"
@@ -56,25 +58,17 @@ void syncInBackgroundTask(const std::string& taskName, const std::string& expire
                           const std::optional<std::string>& relationship,
                           std::atomic<bool>& changesFlag);
 
-/// The managers observe the notification centre of the environment in force. A host
-/// installs its environment once, so that is one centre; when a later use finds another
-/// centre in force (the host re-installed its environment, a test scope), the observers
-/// are registered there too. Registrations are never removed: each lasts as long as its
-/// centre. Thread-safe.
+/// A manager's observers of its context's notification centre: registered when made, removed
+/// when it goes, so a handler never outlives the manager it calls.
 class CenterObservation {
  public:
   using Handlers = std::vector<std::pair<std::string, std::function<void()>>>;
 
-  explicit CenterObservation(Handlers handlers) : handlers_(std::move(handlers)) {}
-
-  /// Registers the handlers with the current centre unless already done; true when this
-  /// call registered them.
-  bool observeCurrentCenter();
+  /// Registers `handlers` with the notification centre of the context in force.
+  explicit CenterObservation(const Handlers& handlers);
 
  private:
-  const Handlers handlers_;
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<NotificationCenter>> centers_;
+  std::vector<ObserverToken> tokens_;
 };
 
 }  // namespace qvl

@@ -259,10 +259,12 @@ QVLAnalyticsManager::QVLAnalyticsManager() : impl_(std::make_unique<Impl>()) {
 QVLAnalyticsManager::~QVLAnalyticsManager() = default;
 
 QVLAnalyticsManager& QVLAnalyticsManager::sharedManager() {
-  // Never destroyed: client completions may reach it until the process ends.
-  static QVLAnalyticsManager* instance = new QVLAnalyticsManager();
-  if (instance->impl_->observation->observeCurrentCenter()) instance->sendAllFinishedViews();
-  return *instance;
+  static const char key = 0;
+  return qvl::detail::currentContext()->service<QVLAnalyticsManager>(&key, [] {
+    std::shared_ptr<QVLAnalyticsManager> manager(new QVLAnalyticsManager());
+    manager->sendAllFinishedViews();  // what an earlier run left in the store
+    return manager;
+  });
 }
 
 std::shared_ptr<QVLGuest> QVLAnalyticsManager::currentGuest() const { return qvl::firstGuest(); }

@@ -1,6 +1,7 @@
 #include "quorvel/managers/QVLBeaconManager.h"
 
 #include "device/StandardBackend.h"
+#include "platform/ContextCore.h"
 #include "platform/MainQueueOnly.h"
 
 #include <algorithm>
@@ -113,9 +114,9 @@ struct IdentityKeyHash {
 }  // namespace
 
 struct QVLBeaconManager::Impl {
-  std::mutex bindMutex;
-  std::weak_ptr<qvl::LocationService> boundLocationService;
-  std::weak_ptr<qvl::BluetoothCentral> boundBluetoothCentral;
+  // The context that made the manager: the services' callbacks run in it, whichever context
+  // the service reports from. Weak: the context owns the manager.
+  std::weak_ptr<qvl::detail::ContextCore> context = qvl::detail::currentContext();
 
   std::shared_ptr<QVLBeacon> closestBeacon;
   std::vector<std::shared_ptr<QVLBeaconInternal>> searchingBeacons;
@@ -128,6 +129,22 @@ struct QVLBeaconManager::Impl {
   RegionList<qvl::CircularRegion> geofences;
   QVLWeakPointerArray<QVLBeaconManagerDelegate> delegates;
 };
+
+namespace {
+
+// Puts the manager's own context in force for one callback.
+class InOwnContext {
+ public:
+  template <class Impl>
+  explicit InOwnContext(const Impl& impl) {
+    if (auto context = impl.context.lock()) binding_.emplace(std::move(context));
+  }
+
+ private:
+  std::optional<qvl::detail::ContextBinding> binding_;
+};
+
+}  // namespace
 
 QVLBeaconManager::QVLBeaconManager() : impl_(std::make_unique<Impl>()) {}
 QVLBeaconManager::~QVLBeaconManager() = default;
@@ -147,35 +164,26 @@ const std::vector<qvl::CircularRegion>& QVLBeaconManager::searchingGeofences() c
 }
 
 QVLBeaconManager& QVLBeaconManager::sharedManager() {
-  // Never destroyed: services hold it weakly and may report until the process ends.
-  static std::shared_ptr<QVLBeaconManager>* instance =
-      new std::shared_ptr<QVLBeaconManager>(new QVLBeaconManager());
-  (*instance)->bindToServices();
-  return **instance;
+  static const char key = 0;
+  return qvl::detail::currentContext()->service<QVLBeaconManager>(&key, [] {
+    std::shared_ptr<QVLBeaconManager> manager(new QVLBeaconManager());
+    manager->bindToServices();
+    return manager;
+  });
 }
 
 void QVLBeaconManager::bindToServices() {
   const auto env = qvl::Env::current();
-  std::lock_guard lock(impl_->bindMutex);
-  const auto central = qvl::proximity::bluetoothCentralOf(*env);
-  if (central && central != impl_->boundBluetoothCentral.lock()) {
-    impl_->boundBluetoothCentral = central;
+  if (const auto central = qvl::proximity::bluetoothCentralOf(*env)) {
     // The manager only reads the radio's state; turning it on is the host's to ask for.
     central->setOptions({.showPowerAlert = false});
     central->setDelegate(weak_from_this());
   }
-  const auto service = qvl::proximity::locationServiceOf(*env);
-  if (!service || service == impl_->boundLocationService.lock()) return;
-  impl_->boundLocationService = service;
-  impl_->closestBeacon.reset();
-  impl_->searchingBeacons.clear();
-  impl_->beaconsById.clear();
-  impl_->beaconsByIdentity.clear();
-  impl_->beaconRegions.clear();
-  impl_->geofences.clear();
-  impl_->rangedUUID.reset();
-  service->setDelegate(weak_from_this());
-  for (const auto& region : service->monitoredRegions()) service->stopMonitoring(region);
+  if (const auto service = qvl::proximity::locationServiceOf(*env)) {
+    service->setDelegate(weak_from_this());
+    // Regions a previous run left monitored are not this manager's.
+    for (const auto& region : service->monitoredRegions()) service->stopMonitoring(region);
+  }
 }
 
 std::shared_ptr<qvl::LocationService> QVLBeaconManager::locationService() const {
@@ -416,6 +424,7 @@ void QVLBeaconManager::setClosestBeacon(const std::shared_ptr<QVLBeacon>& beacon
 
 void QVLBeaconManager::didRangeBeacons(const std::vector<qvl::RangedBeacon>& beacons,
                                        const qvl::BeaconRegion&) {
+  const InOwnContext inOwnContext(*impl_);
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::didRangeBeacons")) return;
   fanOut([&](QVLBeaconManagerDelegate& d) { d.beaconManagerDidRangeCLBeacons(beacons); });
   if (beacons.empty() || impl_->searchingBeacons.empty()) {
@@ -470,16 +479,19 @@ void QVLBeaconManager::regionEvent(const qvl::Region& region, bool entered) {
 }
 
 void QVLBeaconManager::didEnterRegion(const qvl::Region& region) {
+  const InOwnContext inOwnContext(*impl_);
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::didEnterRegion")) return;
   regionEvent(region, true);
 }
 
 void QVLBeaconManager::didExitRegion(const qvl::Region& region) {
+  const InOwnContext inOwnContext(*impl_);
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::didExitRegion")) return;
   regionEvent(region, false);
 }
 
 void QVLBeaconManager::didChangeAuthorization(qvl::AuthorizationStatus status) {
+  const InOwnContext inOwnContext(*impl_);
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::didChangeAuthorization")) return;
   fanOut([&](QVLBeaconManagerDelegate& d) { d.beaconManagerDidChangeAuthorizationStatus(status); });
   qvl::NotificationCenter::defaultCenter().post(kDidChangeLocationAuthorizationStatusNotification,
@@ -487,6 +499,7 @@ void QVLBeaconManager::didChangeAuthorization(qvl::AuthorizationStatus status) {
 }
 
 void QVLBeaconManager::bluetoothCentralDidUpdateState(qvl::BluetoothState) {
+  const InOwnContext inOwnContext(*impl_);
   if (!qvl::detail::requireMainQueue("QVLBeaconManager::bluetoothCentralDidUpdateState")) return;
   // The state is read again for each delegate: it is the central's, at the moment of use.
   fanOut([&](QVLBeaconManagerDelegate& d) {

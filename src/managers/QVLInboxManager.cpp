@@ -73,9 +73,9 @@ bool QVLInboxManager::changesMadeSinceLastSync() const {
 }
 
 QVLInboxManager& QVLInboxManager::sharedManager() {
-  static QVLInboxManager* instance = new QVLInboxManager();
-  instance->impl_->observation->observeCurrentCenter();
-  return *instance;
+  static const char key = 0;
+  return qvl::detail::currentContext()->service<QVLInboxManager>(
+      &key, [] { return std::shared_ptr<QVLInboxManager>(new QVLInboxManager()); });
 }
 
 std::shared_ptr<QVLGuest> QVLInboxManager::currentGuest() const {

@@ -20,9 +20,9 @@ bool QVLSubscriptionManager::changesMadeSinceLastSync() const {
 }
 
 QVLSubscriptionManager& QVLSubscriptionManager::sharedManager() {
-  static QVLSubscriptionManager* instance = new QVLSubscriptionManager();
-  instance->impl_->observation->observeCurrentCenter();
-  return *instance;
+  static const char key = 0;
+  return qvl::detail::currentContext()->service<QVLSubscriptionManager>(
+      &key, [] { return std::shared_ptr<QVLSubscriptionManager>(new QVLSubscriptionManager()); });
 }
 
 std::shared_ptr<QVLGuest> QVLSubscriptionManager::currentGuest() const {

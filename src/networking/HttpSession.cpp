@@ -21,6 +21,7 @@
 #include <unordered_map>
 
 #include "networking/StandardNetworking.h"
+#include "platform/ContextCore.h"
 #include "platform/Immortal.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
@@ -210,6 +211,7 @@ class HttpTransfer {
   void deliver(std::string body, std::optional<HttpResponse> response,
                std::optional<QVLError> error) {
     DataTaskCompletion completion = std::move(completion_);
+    detail::ContextBinding binding(context_);  // the completion is queued under it
     if (completion) completion(std::move(body), std::move(response), std::move(error));
   }
 
@@ -362,6 +364,7 @@ class HttpTransfer {
 
     const std::shared_ptr<HttpSessionDelegate>& delegate = self->session_->delegate();
     if (!delegate) return 1;
+    detail::ContextBinding binding(self->context_);  // the delegate decides in its context
 
     ServerTrustChallenge challenge;
     challenge.host = self->host_;
@@ -393,6 +396,8 @@ class HttpTransfer {
 
   std::shared_ptr<HttpSession> session_;
   DataTaskCompletion completion_;
+  // The context the request was made in: its callbacks run in it on the network thread.
+  std::shared_ptr<detail::ContextCore> context_ = detail::boundContext();
   HttpRequest request_;
   std::string trustAnchorsPath_;
   std::string keyLogPath_;
@@ -447,6 +452,7 @@ class NetworkLoop {
   };
 
   void run() {
+    detail::refuseTeardownOnThisThread();
     for (;;) {
       std::vector<std::unique_ptr<HttpTransfer>> incoming;
       {
@@ -563,9 +569,11 @@ std::shared_ptr<HttpTransport> makeCurlTransport() { return std::make_shared<Cur
 
 std::shared_ptr<HttpTransport> detail::transportOf(const Env& env) {
   if (env.transport) return env.transport;
-  // Never destroyed, like the network loop it hands transfers to.
-  static const auto* const standard = new std::shared_ptr<HttpTransport>(makeCurlTransport());
-  return *standard;
+  // One for the process, never destroyed, like the network loop it hands transfers to.
+  struct Standard {
+    std::shared_ptr<HttpTransport> transport = makeCurlTransport();
+  };
+  return detail::immortal<Standard>().transport;
 }
 
 HttpSessionConfiguration detail::sessionConfigurationOf(const Env& env) {

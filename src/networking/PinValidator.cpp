@@ -16,6 +16,7 @@
 
 #include "networking/HostNames.h"
 #include "networking/StandardNetworking.h"
+#include "platform/ContextCore.h"
 #include "platform/Base64.h"
 #include "platform/CountersImpl.h"
 #include "platform/JsonImpl.h"
@@ -86,9 +87,9 @@ PinValidator::~PinValidator() = default;
 
 PinValidator& detail::pinValidatorOf(const Env& env) {
   if (env.pinValidator) return *env.pinValidator;
-  // Never destroyed: transfers on the network thread may still ask it while statics go.
-  static PinValidator* const standard = new PinValidator();
-  return *standard;
+  // One per context: each configures pinning for its own service.
+  static const char key = 0;
+  return currentContext()->service<PinValidator>(&key, [] { return std::make_shared<PinValidator>(); });
 }
 
 PinValidator& PinValidator::shared() { return detail::pinValidatorOf(*Env::current()); }

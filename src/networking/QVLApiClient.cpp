@@ -8,7 +8,7 @@
 #include "networking/HostNames.h"
 #include "networking/StandardNetworking.h"
 #include "platform/CountersImpl.h"
-#include "platform/Immortal.h"
+#include "platform/ContextCore.h"
 #include "platform/JsonImpl.h"
 #include "quorvel/networking/PinValidator.h"
 #include "quorvel/platform/BundleInfo.h"
@@ -102,20 +102,14 @@ ApiTrust apiTrust(const qvl::Env& env) {
 }  // namespace
 
 QVLApiClient& QVLApiClient::sharedClient() {
-  // Never destroyed: sessions still running at exit may call their delegate.
-  struct Holder {
-    std::shared_ptr<QVLApiClient> client{new QVLApiClient()};
-  };
-  return *qvl::detail::immortal<Holder>().client;
+  static const char key = 0;
+  return qvl::detail::currentContext()->service<QVLApiClient>(
+      &key, [] { return std::shared_ptr<QVLApiClient>(new QVLApiClient()); });
 }
 
 void QVLApiClient::setEnvironment(QVLApiEnvironment environment) {
   if (environment_.exchange(environment, std::memory_order_relaxed) == environment) return;
   setupPinning();
-}
-
-void QVLApiClient::setApiDomain(std::string domain) {
-  qvl::Env::update([&domain](qvl::Env& env) { env.apiDomain = std::move(domain); });
 }
 
 std::string QVLApiClient::apiDomain() {
@@ -127,10 +121,6 @@ std::vector<std::string> QVLApiClient::publicKeyHashes() {
   const std::shared_ptr<const qvl::Env> env = qvl::Env::current();
   if (env->publicKeyHashes.empty() && !hasNoPins(*env)) return builtInPins();
   return env->publicKeyHashes;
-}
-
-void QVLApiClient::setPublicKeyHashes(std::vector<std::string> pins) {
-  qvl::Env::update([&pins](qvl::Env& env) { env.publicKeyHashes = std::move(pins); });
 }
 
 std::string QVLApiClient::baseURL() const {

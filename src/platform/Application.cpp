@@ -1,5 +1,6 @@
 #include "quorvel/platform/Application.h"
 
+#include "platform/ContextCore.h"
 #include "platform/MainQueueOnly.h"
 
 #include "quorvel/platform/Clock.h"
@@ -54,7 +55,7 @@ Application::BackgroundTaskId StandardApplication::beginBackgroundTask(
   // The timer only hands the expiry to the main queue, where the handler must run.
   const Clock::TimerId timer =
       env->clock->runAfter(allowance, [self = weak_from_this(), id, mainQueue = env->mainQueue,
-                                       handler = std::move(expirationHandler)]() mutable {
+                                       handler = detail::carriedWeakly(std::move(expirationHandler))]() mutable {
         mainQueue->async([self, id, handler = std::move(handler)] {
           if (auto application = self.lock()) application->expire(id, handler);
         });

@@ -7,15 +7,10 @@
 
 namespace qvl {
 
-void BundleInfo::setInfoDictionary(Json dictionary) {
-  if (!dictionary.isObject()) dictionary = Json::object();
-  Env::update([&dictionary](Env& env) { env.bundleInfo = std::move(dictionary); });
-}
-
-bool BundleInfo::loadFromFile(const std::string& path, std::string* error) {
-  auto fail = [error](std::string reason) {
+std::optional<Json> BundleInfo::fromFile(const std::string& path, std::string* error) {
+  auto fail = [error](std::string reason) -> std::optional<Json> {
     if (error) *error = std::move(reason);
-    return false;
+    return std::nullopt;
   };
   std::ifstream file(path, std::ios::binary);
   if (!file) return fail("cannot open " + path);
@@ -25,8 +20,7 @@ bool BundleInfo::loadFromFile(const std::string& path, std::string* error) {
   std::optional<Json> parsed = Json::parse(text.str());
   if (!parsed) return fail(path + " is not valid JSON");
   if (!parsed->isObject()) return fail(path + " does not hold a JSON object");
-  setInfoDictionary(std::move(*parsed));
-  return true;
+  return parsed;
 }
 
 Json BundleInfo::infoDictionary() { return Env::current()->bundleInfo; }

@@ -4,6 +4,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/ContextCore.h"
 #include "platform/Guarded.h"
 #include "platform/Immortal.h"
 #include "quorvel/platform/Env.h"
@@ -16,7 +17,10 @@ class TimerThread {
  public:
   Clock::TimerId add(std::chrono::steady_clock::time_point due, std::function<void()> task) {
     std::lock_guard lock(mutex_);
-    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+    if (!thread_.joinable()) thread_ = std::thread([this] {
+        detail::refuseTeardownOnThisThread();  // a timer's context may wait for this thread
+        run();
+      });
     const Clock::TimerId id = nextId_++;
     timers_.emplace(due, std::make_pair(id, std::move(task)));
     wake_.notify_one();

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "platform/ContextCore.h"
 #include "platform/Guarded.h"
 #include "quorvel/platform/Log.h"
 
@@ -34,7 +35,7 @@ MainQueue::~MainQueue() = default;
 void MainQueue::async(std::function<void()> task) {
   {
     std::lock_guard lock(impl_->mutex);
-    impl_->tasks.push_back(std::move(task));
+    impl_->tasks.push_back(detail::carried(std::move(task)));
   }
   impl_->wake.notify_one();
   // The host's loop calls the drain later on the main thread; one drain per task keeps the

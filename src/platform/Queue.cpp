@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/ContextCore.h"
 #include "platform/Guarded.h"
 #include "platform/Immortal.h"
 #include "quorvel/platform/Env.h"
@@ -150,7 +151,7 @@ SerialQueue::~SerialQueue() = default;
 void SerialQueue::async(std::function<void()> task) {
   {
     std::lock_guard lock(state_->mutex);
-    state_->tasks.push_back(std::move(task));
+    state_->tasks.push_back(detail::carried(std::move(task)));
     if (state_->scheduled) return;
     state_->scheduled = true;
   }

@@ -1,7 +1,6 @@
 #include "quorvel/platform/UserDefaults.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,7 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/Base64.h"
-#include "platform/Immortal.h"
+#include "platform/ContextCore.h"
 #include "platform/JsonImpl.h"
 #include "platform/PrivateFiles.h"
 #include "quorvel/platform/BundleInfo.h"
@@ -24,18 +23,6 @@ namespace qvl {
 namespace {
 
 std::string errnoText(int error) { return std::strerror(error); }
-
-std::string homeDirectory() {
-  if (const char* home = std::getenv("HOME"); home && *home) return home;
-  std::vector<char> buffer(16384);
-  passwd entry{};
-  passwd* result = nullptr;
-  if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &result) == 0 && result &&
-      result->pw_dir) {
-    return result->pw_dir;
-  }
-  return ".";
-}
 
 // Replaces the file at `path` with `text` so that readers never see a partial file.
 bool replaceFile(const std::string& path, const std::string& text, std::string* error) {
@@ -69,26 +56,22 @@ struct UserDefaults::Impl {
 };
 
 UserDefaults::UserDefaults(std::string path) : impl_(std::make_unique<Impl>(std::move(path))) {}
-UserDefaults::~UserDefaults() = default;
+UserDefaults::~UserDefaults() {
+  std::lock_guard lock(impl_->mutex);
+  if (impl_->dirty) writeLocked();  // a last try for changes a failed write left pending
+}
 
 UserDefaults& UserDefaults::standard() {
-  // Never destroyed: completions on worker threads may still use it while the process exits.
-  struct Standard {
-    UserDefaults defaults{std::string()};
-  };
-  UserDefaults& instance = detail::immortal<Standard>().defaults;
-  std::string path = Env::current()->userDefaultsPath;
-  instance.resetPath(path.empty() ? defaultStandardPath() : std::move(path));
-  return instance;
+  // One per context, over that context's file.
+  static const char key = 0;
+  return detail::currentContext()->service<UserDefaults>(&key, [] {
+    std::string path = Env::current()->userDefaultsPath;
+    return std::make_shared<UserDefaults>(path.empty() ? defaultStandardPath() : std::move(path));
+  });
 }
 
 std::string UserDefaults::defaultStandardPath() {
-  std::string base;
-  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && xdg[0] == '/') {
-    base = xdg;
-  } else {
-    base = homeDirectory() + "/.config";
-  }
+  const std::string base = Env::standardConfigDirectory();
   std::string id = "default";
   const nlohmann::json info = detail::nlohmannOf(BundleInfo::infoDictionary());
   if (auto it = info.find("CFBundleIdentifier"); it != info.end() && it->is_string()) {
@@ -138,16 +121,6 @@ bool UserDefaults::synchronize() {
   std::lock_guard lock(impl_->mutex);
   loadLocked();
   return !impl_->dirty || writeLocked();
-}
-
-void UserDefaults::resetPath(std::string path) {
-  std::lock_guard lock(impl_->mutex);
-  if (path == impl_->path) return;
-  if (impl_->dirty) writeLocked();  // last try for changes made under the old path
-  impl_->path = std::move(path);
-  impl_->loaded = false;
-  impl_->dirty = false;
-  impl_->values.clear();
 }
 
 void UserDefaults::loadLocked() {

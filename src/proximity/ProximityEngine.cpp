@@ -1,5 +1,6 @@
 #include "proximity/ProximityEngine.h"
 
+#include <optional>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -50,8 +51,10 @@ Region regionFromJson(const json& value) {
 
 }  // namespace
 
-Engine::Engine(const SimulationSettings& settings, std::string regionsPath)
-    : regionsPath_(std::move(regionsPath)) {
+Engine::Engine(const SimulationSettings& settings, std::string regionsPath,
+               std::shared_ptr<MainQueue> mainQueue)
+    : regionsPath_(std::move(regionsPath)),
+      mainQueue_(mainQueue ? std::move(mainQueue) : Env::current()->mainQueue) {
   configure(settings);
   loadRegions();
 }
@@ -171,10 +174,11 @@ void Engine::tick(Date now, const std::vector<Heard>& heard, const std::optional
   tracker_.prune(now);
 }
 
-void Engine::deliver(std::vector<std::function<void()>> outbox) {
+void Engine::deliver(std::vector<std::function<void()>> outbox) const {
   if (outbox.empty()) return;
-  std::shared_ptr<MainQueue> queue = Env::current()->mainQueue;
-  for (auto& delivery : outbox) queue->async(std::move(delivery));
+  std::optional<detail::ContextBinding> binding;
+  if (auto context = context_.lock()) binding.emplace(std::move(context));
+  for (auto& delivery : outbox) mainQueue_->async(std::move(delivery));
 }
 
 void Engine::loadRegions() {

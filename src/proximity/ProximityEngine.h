@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/ContextCore.h"
+#include "quorvel/platform/MainQueue.h"
 #include "proximity/ProximityCore.h"
 #include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/proximity/LocationService.h"
@@ -36,8 +38,10 @@ struct Heard {
 
 class Engine {
  public:
-  /// `regionsPath`: the file that keeps the monitored regions (read now).
-  Engine(const SimulationSettings& settings, std::string regionsPath);
+  /// `regionsPath`: the file that keeps the monitored regions (read now). `mainQueue`: where
+  /// deliveries go; null: the main queue of the context in force.
+  Engine(const SimulationSettings& settings, std::string regionsPath,
+         std::shared_ptr<MainQueue> mainQueue = nullptr);
 
   void configure(const SimulationSettings& settings);
   const SimulationSettings& settings() const { return settings_; }
@@ -68,8 +72,10 @@ class Engine {
   /// Queues a delivery of the backend's own, in order with the events.
   void queue(std::function<void()> delivery) { outbox_.push_back(std::move(delivery)); }
   std::vector<std::function<void()>> takeOutbox() { return std::exchange(outbox_, {}); }
-  /// Posts deliveries to the main queue of the environment in force, in order.
-  static void deliver(std::vector<std::function<void()>> outbox);
+  /// Posts deliveries, in order, to the engine's main queue, to run in the context the engine
+  /// was made in (or, made outside any, in the one in force here). Needs no lock: it reads
+  /// only what construction set.
+  void deliver(std::vector<std::function<void()>> outbox) const;
 
  private:
   void sendLocation(std::function<void(LocationServiceDelegate&)> call);
@@ -78,6 +84,7 @@ class Engine {
   void unmonitor(const std::string& identifier);
   void loadRegions();
   void saveRegions() const;
+
 
   SimulationSettings settings_;
   std::string regionsPath_;
@@ -91,6 +98,11 @@ class Engine {
   std::weak_ptr<LocationServiceDelegate> locationDelegate_;
   std::weak_ptr<BluetoothCentralDelegate> bluetoothDelegate_;
   std::vector<std::function<void()>> outbox_;
+
+  // Made under the context in force at construction; weak, as that context may own the
+  // engine's backend.
+  const std::weak_ptr<detail::ContextCore> context_ = detail::boundContext();
+  const std::shared_ptr<MainQueue> mainQueue_;
 };
 
 }  // namespace qvl::proximity

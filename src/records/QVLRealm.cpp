@@ -9,10 +9,6 @@
 #include "records/QVLRealmOpen.h"
 #include "store/StoreImpl.h"
 
-void QVLRealm::setStoreDirectory(std::string directory) {
-  qvl::Env::update([&directory](qvl::Env& env) { env.storeDirectory = std::move(directory); });
-}
-
 std::string QVLRealm::storeDirectory() { return qvl::Env::current()->resolvedStoreDirectory(); }
 
 qvl::StoreConfiguration QVLRealm::configuration() {

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/ContextCore.h"
 #include "proximity/ProximityEngine.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
@@ -45,8 +46,9 @@ struct Walk {
 }  // namespace
 
 struct SimulatedWorld::Private {
-  Private(const SimulationSettings& settings, std::string regionsPath)
-      : engine(settings, std::move(regionsPath)) {}
+  Private(const SimulationSettings& settings, std::string regionsPath,
+          std::shared_ptr<MainQueue> mainQueue)
+      : engine(settings, std::move(regionsPath), std::move(mainQueue)) {}
 
   std::shared_ptr<Clock> clock;  // read without the lock: set once, before any tick
   std::weak_ptr<SimulatedWorld> self;
@@ -171,17 +173,26 @@ struct SimulatedWorld::Private {
 
 std::shared_ptr<SimulatedWorld> SimulatedWorld::create(SimulationSettings settings,
                                                        std::string storeDirectory) {
-  std::shared_ptr<SimulatedWorld> world(new SimulatedWorld(settings, std::move(storeDirectory)));
+  Env env = *Env::current();
+  if (!storeDirectory.empty()) env.storeDirectory = std::move(storeDirectory);
+  return create(env, settings);
+}
+
+std::shared_ptr<SimulatedWorld> SimulatedWorld::create(const Env& env,
+                                                       SimulationSettings settings) {
+  std::shared_ptr<SimulatedWorld> world(new SimulatedWorld(settings, env));
   world->d_->self = world;
   world->scheduleTick();
   return world;
 }
 
-SimulatedWorld::SimulatedWorld(SimulationSettings settings, std::string storeDirectory) {
-  if (storeDirectory.empty()) storeDirectory = Env::current()->resolvedStoreDirectory();
-  d_ = std::make_unique<Private>(settings,
-                                 (std::filesystem::path(storeDirectory) / kRegionsFile).string());
-  d_->clock = Env::current()->clock;
+SimulatedWorld::SimulatedWorld(SimulationSettings settings, const Env& env) {
+  const std::shared_ptr<const Env> completed = detail::completedEnv(env);
+  d_ = std::make_unique<Private>(
+      settings,
+      (std::filesystem::path(completed->resolvedStoreDirectory()) / kRegionsFile).string(),
+      completed->mainQueue);
+  d_->clock = completed->clock;
 }
 
 // The clock is never called with the world's lock held: a clock may hold its own lock while
@@ -213,7 +224,7 @@ auto SimulatedWorld::locked(Change&& change) const {
       change(*d_);
       outbox = d_->engine.takeOutbox();
     }
-    proximity::Engine::deliver(std::move(outbox));
+    d_->engine.deliver(std::move(outbox));
   } else {
     std::lock_guard lock(d_->mutex);
     return change(*d_);

@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/device/DeviceProximity.h"
 
 #include <cstdio>
@@ -120,7 +121,7 @@ class DeviceProximityTest : public ::testing::Test {
   test::TempDir directory_;
   std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
   std::shared_ptr<MainQueue> queue_ = std::make_shared<MainQueue>();
-  ScopedEnv env_{[this](Env& env) {
+  qvl::test::ScopedContext env_{[this](Env& env) {
     env.clock = clock_;
     env.mainQueue = queue_;
     env.storeDirectory = directory_.path();
@@ -166,7 +167,7 @@ TEST_F(DeviceProximityTest, EntersOnTheFirstAdvertisementAndExitsAfterTheExitPer
 
 TEST_F(DeviceProximityTest, PoweringOffReachesTheManagerAndDiscoveryResumesOnPowerOn) {
   startBackend();
-  ScopedEnv services([&](Env& env) {
+  qvl::test::ScopedContext services([&](Env& env) {
     env.notificationCenter = std::make_shared<NotificationCenter>();
     env.application = std::make_shared<StandardApplication>();
     env.locationService = backend_;
@@ -268,7 +269,7 @@ TEST_F(DeviceProximityTest, ARecordedSessionReplaysToTheSameLog) {
   test::TempDir replayDirectory;
   auto clock = std::make_shared<ManualClock>();
   auto queue = std::make_shared<MainQueue>();
-  ScopedEnv replay([&](Env& env) {
+  qvl::test::ScopedContext replay([&](Env& env) {
     env.clock = clock;
     env.mainQueue = queue;
   });
@@ -298,7 +299,7 @@ TEST_F(DeviceProximityTest, ARecordedSessionReplaysToTheSameLog) {
 class StandardBackendTest : public DeviceProximityTest {
  protected:
   std::shared_ptr<BluetoothCentral> choose(Env::ProximityBackend choice) {
-    ScopedEnv scope([&](Env& env) {
+    qvl::test::ScopedContext scope([&](Env& env) {
       env.proximityBackend = choice;
       env.logSink = [lines = lines_](LogLevel level, std::string_view) {
         std::lock_guard lock(lines->mutex);

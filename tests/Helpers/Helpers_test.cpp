@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/ScopedContext.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/UserDefaults.h"
@@ -115,7 +116,7 @@ class RealmTest : public ::testing::Test {
   std::string store(const std::string& name = "") const { return dir.path() + "/store" + name; }
 
   qvl::test::TempDir dir;
-  qvl::ScopedEnv env{[this](qvl::Env& env) { env.storeDirectory = store(); }};
+  qvl::test::ScopedContext env{[this](qvl::Env& env) { env.storeDirectory = store(); }};
 };
 
 TEST_F(RealmTest, OpensTheLibraryFileAtVersion19) {
@@ -144,7 +145,7 @@ TEST_F(RealmTest, FourDigitYearsRoundTripThroughTextAndStore) {
       {"9999-12-31T23:59:59+0000", utc(9999, 12, 31, 23, 59, 59)},
   };
   const qvl::Date now = utc(2024, 3, 5, 12, 0, 0);
-  qvl::ScopedEnv clock([&](qvl::Env& env) { env.clock = std::make_shared<qvl::ManualClock>(now); });
+  qvl::test::ScopedContext clock([&](qvl::Env& env) { env.clock = std::make_shared<qvl::ManualClock>(now); });
   std::int64_t id = 0;
   for (const auto& c : cases) {
     EXPECT_EQ(QVLDateFormatter::dateFromString(c.text), c.date) << c.text;
@@ -186,7 +187,7 @@ TEST_F(RealmTest, OnlyFilesBeforeVersion18MoveUrlStringToUrlOriginal) {
 TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
   qvl::test::LogCapture log;
   std::ofstream(dir.path() + "/blocker") << "a file where the directory should be";
-  qvl::ScopedEnv blocked([&](qvl::Env& env) { env.storeDirectory = dir.path() + "/blocker"; });
+  qvl::test::ScopedContext blocked([&](qvl::Env& env) { env.storeDirectory = dir.path() + "/blocker"; });
   EXPECT_EQ(QVLRealm::realm(), nullptr);
   const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);

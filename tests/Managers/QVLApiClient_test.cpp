@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/networking/QVLApiClient.h"
 
 #include <curl/curl.h>
@@ -168,7 +169,7 @@ class QVLApiClientTest : public ::testing::Test {
       std::make_shared<qvl::test::RecordingTransport>();
   std::shared_ptr<qvl::test::ManualExecutor> executor_ =
       std::make_shared<qvl::test::ManualExecutor>();
-  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+  qvl::test::ScopedContext env_{[this](qvl::Env& env) {
     env.transport = transport_;
     env.executor = executor_;
     env.userDefaultsPath = directory_.file("host.defaults");
@@ -212,7 +213,7 @@ TEST_F(QVLApiClientTest, HeadersFollowTheBundleInformationAndTheTokenOfEachReque
   for (size_t i = 0; i < rows.size(); ++i) {
     SCOPED_TRACE(i);
     const auto& row = rows[i];
-    qvl::ScopedEnv scope([&](qvl::Env& env) {
+    qvl::test::ScopedContext scope([&](qvl::Env& env) {
       env.httpSessionConfiguration = configuration;
       env.bundleInfo = row.info;
       env.userDefaultsPath = directory_.file("row" + std::to_string(i) + ".defaults");
@@ -236,7 +237,7 @@ TEST_F(QVLApiClientTest, HeadersFollowTheBundleInformationAndTheTokenOfEachReque
 }
 
 TEST_F(QVLApiClientTest, EnvironmentSelectsTheServiceHostAndPinsItsDomain) {
-  qvl::ScopedEnv scope([](qvl::Env& env) {
+  qvl::test::ScopedContext scope([](qvl::Env& env) {
     env.apiDomain = "example.test:8443";
     env.publicKeyHashes = {"pin-a", "pin-b"};
   });
@@ -574,7 +575,7 @@ class QVLApiClientWireTest : public ::testing::Test {
 
   qvl::test::TempDir directory_;
   qvl::devserver::HttpsServer server_{TestCertificates::leaf()};
-  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+  qvl::test::ScopedContext env_{[this](qvl::Env& env) {
     env.trustAnchorsFile = TestCertificates::ca().certificatePath;
     env.userDefaultsPath = directory_.file("host.defaults");
     env.bundleInfo = kBundleInfo;
@@ -589,7 +590,7 @@ TEST_F(QVLApiClientWireTest, AServerWithAnotherKeyGetsNoRequestAndTheRefusalIsRe
   // it; then the domain moves to a server of the same authority whose key is not pinned.
   qvl::devserver::HttpsServer impostor(TestCertificates::otherLeaf());
   client().setEnvironment(QVLApiEnvironmentApi);
-  qvl::ScopedEnv moved([&](qvl::Env& env) { env.apiDomain = domainOf(impostor.port()); });
+  qvl::test::ScopedContext moved([&](qvl::Env& env) { env.apiDomain = domainOf(impostor.port()); });
   auto refused = qvl::test::runDataTask(
       client().urlSession(), client().apiPostRequest("redemptions", {{"prize_id", 1}}), kWait);
   ASSERT_TRUE(refused.completed);
@@ -633,12 +634,12 @@ TEST_F(PinningSecurity, AnUnpinnedServerGetsNoRequestUnlessTheHostOptedOut) {
        }) {
     SCOPED_TRACE(row.name);
     qvl::devserver::HttpsServer impostor(TestCertificates::otherLeaf());
-    qvl::ScopedEnv fresh([](qvl::Env& env) {
+    qvl::test::ScopedContext fresh([](qvl::Env& env) {
       env.pinValidator = std::make_shared<qvl::PinValidator>();
       env.apiDomain.clear();
     });
     if (row.pinnedDefaultDomainFirst) client().setupPinning();
-    qvl::ScopedEnv custom([&](qvl::Env& env) {
+    qvl::test::ScopedContext custom([&](qvl::Env& env) {
       env.apiDomain = domainOf(impostor.port());
       if (!row.ownPins) env.publicKeyHashes.clear();
       env.allowUnpinnedApiDomain = row.optOut;

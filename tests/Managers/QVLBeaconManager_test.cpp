@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/managers/QVLBeaconManager.h"
 
 #include <cstdio>
@@ -238,7 +239,7 @@ class QVLBeaconManagerTest : public ::testing::Test {
   std::shared_ptr<FakeServices> services_ = std::make_shared<FakeServices>();
   std::shared_ptr<qvl::test::RecordingTransport> transport_ =
       std::make_shared<qvl::test::RecordingTransport>();
-  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+  qvl::test::ScopedContext env_{[this](qvl::Env& env) {
     env.mainQueue = std::make_shared<qvl::MainQueue>();
     env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
     env.application = std::make_shared<qvl::StandardApplication>();
@@ -255,7 +256,9 @@ class QVLBeaconManagerTest : public ::testing::Test {
 class QVLBeaconManagerSecurity : public QVLBeaconManagerTest {};
 
 TEST_F(QVLBeaconManagerSecurity, ACallFromAnotherThreadAssertsInDebugAndIsLoggedOnceInRelease) {
-  auto offTheMainQueue = [] { std::thread([] { manager().stopSearchingForBeacons(); }).join(); };
+  auto offTheMainQueue = [] {
+    std::thread(qvl::test::inThisContext([] { manager().stopSearchingForBeacons(); })).join();
+  };
 #ifdef NDEBUG
   watch({1});
   qvl::test::LogCapture log;
@@ -457,7 +460,7 @@ TEST_F(QVLBeaconManagerTest, ANewLocationServiceStartsFromAnEmptyWatchList) {
   auto next = std::make_shared<FakeServices>();
   next->monitored = {BeaconRegion::withUuid(kOtherUuid, "left by an earlier run"),
                      qvl::CircularRegion{{1, 2}, 30, "7"}};
-  qvl::ScopedEnv rerun([&](qvl::Env& env) {
+  qvl::test::ScopedContext rerun([&](qvl::Env& env) {
     env.locationService = next;
     env.bluetoothCentral = next;
   });
@@ -471,7 +474,7 @@ TEST_F(QVLBeaconManagerTest, ANewLocationServiceStartsFromAnEmptyWatchList) {
 TEST_F(QVLBeaconManagerTest, NotificationSettingsGoToAHostThatOffersThem) {
   QVLBeaconManager::sharedManager().requestPermissionsForNotifications();  // standard: nothing
   auto host = std::make_shared<managers_test::HostApplication>();
-  qvl::ScopedEnv scope([&](qvl::Env& env) { env.application = host; });
+  qvl::test::ScopedContext scope([&](qvl::Env& env) { env.application = host; });
   QVLBeaconManager::sharedManager().requestPermissionsForNotifications();
   EXPECT_EQ(host->registered(),
             (std::vector<std::pair<unsigned, std::vector<std::string>>>{{7u, {}}}));
@@ -515,9 +518,9 @@ TEST_F(QVLBeaconManagerTest, ReleasedDelegatesAreSkippedAndTheirSlotsDropped) {
 TEST_F(QVLBeaconManagerTest, TheTwoShopsWalkGivesTheGoldenLog) {
   const std::filesystem::path here = std::filesystem::path(__FILE__).parent_path();
   auto clock = std::make_shared<qvl::ManualClock>();
-  qvl::ScopedEnv timed([&](qvl::Env& env) { env.clock = clock; });
+  qvl::test::ScopedContext timed([&](qvl::Env& env) { env.clock = clock; });
   auto world = qvl::SimulatedWorld::create();
-  qvl::ScopedEnv simulated([&](qvl::Env& env) {
+  qvl::test::ScopedContext simulated([&](qvl::Env& env) {
     env.locationService = world;
     env.bluetoothCentral = world;
   });

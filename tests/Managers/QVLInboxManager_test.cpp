@@ -151,10 +151,10 @@ TEST_F(QVLInboxManagerTest, EachFailureReachesTheHostInItsDomainAndNeverAsAnExce
                                                done);
   };
   std::shared_ptr<QVLShop> otherThreads;  // a record of another thread's store handle
-  std::thread([&] {
+  std::thread(qvl::test::inThisContext([&] {
     otherThreads = storeShop(4);
     qvl::Store::closeThreadHandles();
-  }).join();
+  })).join();
   struct Case {
     const char* name;
     std::function<void()> arrange;

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "support/ScopedContext.h"
 #include "Models/RecordTestSupport.h"
 #include "devserver/HttpsServer.h"
 #include "quorvel/networking/PinValidator.h"
@@ -140,7 +141,7 @@ class ServiceTest : public ::testing::Test {
 
   /// Changes the environment for the rest of the test.
   void change(const std::function<void(qvl::Env&)>& edit) {
-    changes_.push_back(std::make_unique<qvl::ScopedEnv>(edit));
+    changes_.push_back(std::make_unique<qvl::test::ScopedContext>(edit));
   }
   /// Points the client at another port of this machine.
   void serviceAt(int port) {
@@ -175,7 +176,7 @@ class ServiceTest : public ::testing::Test {
   std::shared_ptr<qvl::StandardApplication> application_ =
       std::make_shared<qvl::StandardApplication>();
   std::shared_ptr<CountingExecutor> executor_ = std::make_shared<CountingExecutor>();
-  qvl::ScopedEnv env_{[this](qvl::Env& env) {
+  qvl::test::ScopedContext env_{[this](qvl::Env& env) {
     env.clock = clock_;
     env.executor = executor_;
     env.mainQueue = mainQueue_;
@@ -190,7 +191,7 @@ class ServiceTest : public ::testing::Test {
     env.trustAnchorsFile = qvl::test::TestCertificates::ca().certificatePath;
   }};
   qvl::test::LogCapture log_;
-  std::vector<std::unique_ptr<qvl::ScopedEnv>> changes_;  // undone first, latest first
+  std::vector<std::unique_ptr<qvl::test::ScopedContext>> changes_;  // undone first, latest first
 };
 
 }  // namespace managers_test

@@ -240,7 +240,7 @@ TEST_F(ContentStoreTest, ResultsFollowLaterCommits) {
   ASSERT_EQ(keysOf(active), (Keys{1, 2, 3}));
 
   // Committed from another thread, through that thread's own handle.
-  std::thread writer([] {
+  std::thread writer(qvl::test::inThisContext([] {
     auto realm = QVLRealm::realm();
     auto mine = realm->object<QVLGeofence>(3);
     realm->write([&] {
@@ -250,7 +250,7 @@ TEST_F(ContentStoreTest, ResultsFollowLaterCommits) {
       realm->object<QVLPostPeriod>(21)->setStop(records_test::kNow);  // post 2 ends now
     });
     qvl::Store::closeThreadHandles();
-  });
+  }));
   writer.join();
 
   EXPECT_EQ(keysOf(active), (Keys{2, 1})) << "list changes show in the results already handed out";

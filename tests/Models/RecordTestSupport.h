@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/ScopedContext.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/records/QVLDateFormatter.h"
@@ -70,7 +71,7 @@ std::shared_ptr<T> save(const std::shared_ptr<T>& first, const More&... more) {
 class FixedClockTest : public ::testing::Test {
  protected:
   std::shared_ptr<qvl::ManualClock> clock_ = std::make_shared<qvl::ManualClock>(kNow);
-  qvl::ScopedEnv clockScope_{[this](qvl::Env& env) { env.clock = clock_; }};
+  qvl::test::ScopedContext clockScope_{[this](qvl::Env& env) { env.clock = clock_; }};
 };
 
 /// A library store in a directory of its own, plus the fixed clock.
@@ -94,7 +95,7 @@ class RecordStoreTest : public FixedClockTest {
   }
 
   qvl::test::TempDir directory_;
-  qvl::ScopedEnv storeScope_{[this](qvl::Env& env) { env.storeDirectory = directory_.path(); }};
+  qvl::test::ScopedContext storeScope_{[this](qvl::Env& env) { env.storeDirectory = directory_.path(); }};
   std::shared_ptr<qvl::Store> store_;
 };
 

@@ -67,7 +67,7 @@ TEST_F(RefreshRaceTest, ConcurrentRefreshesLoseNoInboxAppendOrReadMark) {
   std::atomic<bool> done{false};
   std::atomic<int> failures{0};
   auto guarded = [&](auto body) {
-    return [&failures, body] {
+    return qvl::test::inThisContext([&failures, body] {
       try {
         body(QVLRealm::realm());
       } catch (const std::exception& e) {
@@ -75,7 +75,7 @@ TEST_F(RefreshRaceTest, ConcurrentRefreshesLoseNoInboxAppendOrReadMark) {
         ++failures;
       }
       qvl::Store::closeThreadHandles();
-    };
+    });
   };
   std::vector<std::thread> refreshers;
   for (int t = 0; t < 2; ++t) {

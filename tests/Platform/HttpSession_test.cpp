@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/networking/HttpSession.h"
 
 #include "quorvel/platform/Env.h"
@@ -37,7 +38,7 @@ using ::testing::ElementsAre;
 
 class HttpSessionTest : public ::testing::Test {
  protected:
-  ScopedEnv env_{[](Env& env) { env.trustAnchorsFile = TestCertificates::ca().certificatePath; }};
+  qvl::test::ScopedContext env_{[](Env& env) { env.trustAnchorsFile = TestCertificates::ca().certificatePath; }};
 
   static void expectTransportError(const DataTaskOutcome& outcome, CURLcode code) {
     ASSERT_TRUE(outcome.completed);
@@ -271,7 +272,7 @@ TEST_F(HttpSessionTest, UntrustedServersAreRefusedBeforeAnyRequest) {
   EXPECT_TRUE(delegate->challenges().empty());
 
   // Without the test anchors only the system's authorities are trusted.
-  ScopedEnv systemAnchors([](Env& env) { env.trustAnchorsFile.clear(); });
+  qvl::test::ScopedContext systemAnchors([](Env& env) { env.trustAnchorsFile.clear(); });
   auto systemTrust = runDataTask(HttpSession::create(), {"GET", server.url() + "/", {}, ""});
   expectTransportError(systemTrust, CURLE_PEER_FAILED_VERIFICATION);
   EXPECT_TRUE(server.requests().empty());
@@ -338,7 +339,7 @@ TEST_F(TransportSecurity, SessionKeysGoOnlyToTheKeyLogFileOfTheEnvironment) {
           return !runDataTask(HttpSession::create(), {"GET", server.url() + "/", {}, ""}).error;
         };
         const bool fetched = fetch();
-        ScopedEnv optIn([&](Env& env) { env.tlsKeyLogFile = directory.file("host.keys"); });
+        qvl::test::ScopedContext optIn([&](Env& env) { env.tlsKeyLogFile = directory.file("host.keys"); });
         const bool fetchedAgain = fetch();
         namespace fs = std::filesystem;
         std::error_code ignored;

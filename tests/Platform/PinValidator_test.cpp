@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/networking/PinValidator.h"
 
 #include "quorvel/platform/Clock.h"
@@ -115,7 +116,7 @@ class PinningTest : public ::testing::Test, public HttpSessionDelegate {
   }
 
   std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
-  ScopedEnv env_{[this](Env& env) {
+  qvl::test::ScopedContext env_{[this](Env& env) {
     env.clock = clock_;
     env.trustAnchorsFile = TestCertificates::ca().certificatePath;
     env.bundleInfo = {{"CFBundleIdentifier", "com.example.host"},
@@ -178,7 +179,7 @@ TEST_F(PinningTest, WrongPinRefusesTheHandshakeAndReportsTheFailureOnceADay) {
               UnorderedElementsAre("dev.localhost", "api.localhost", "dev.localhost"));
 
   // Absent application details are left out; the domain's own settings go in.
-  ScopedEnv noDetails([](Env& env) { env.bundleInfo = qvl::Json::object(); });
+  qvl::test::ScopedContext noDetails([](Env& env) { env.bundleInfo = qvl::Json::object(); });
   validator_.configure(
       {{pinnedDomain("dev.localhost", false, {TestCertificates::otherLeaf().pin}, {reportUri})}});
   clock_->advance(std::chrono::hours(24));

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/ScopedContext.h"
 #include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Clock.h"
@@ -163,7 +164,7 @@ class ApplicationTest : public ::testing::Test {
   std::shared_ptr<qvl::ManualClock> clock = std::make_shared<qvl::ManualClock>();
   std::shared_ptr<qvl::MainQueue> mainQueue = std::make_shared<qvl::MainQueue>();
   std::shared_ptr<qvl::StandardApplication> app = std::make_shared<qvl::StandardApplication>();
-  qvl::ScopedEnv env{[this](qvl::Env& env) {
+  qvl::test::ScopedContext env{[this](qvl::Env& env) {
     env.clock = clock;
     env.mainQueue = mainQueue;
     env.application = app;
@@ -253,7 +254,7 @@ TEST(EnvTest, AScopeSwapsClockTransportAndStoreDirectoryAndRestoresThem) {
   auto transport = std::make_shared<qvl::test::RecordingTransport>();
   auto executor = std::make_shared<qvl::test::ManualExecutor>();
   {
-    qvl::ScopedEnv env([&](qvl::Env& env) {
+    qvl::test::ScopedContext env([&](qvl::Env& env) {
       env.clock = clock;
       env.transport = transport;
       env.executor = executor;

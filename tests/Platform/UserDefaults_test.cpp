@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/platform/UserDefaults.h"
 
 #include <fcntl.h>
@@ -30,25 +31,25 @@ using test::readFile;
 using test::writeFile;
 using ::testing::Contains;
 
-TEST(BundleInfoTest, LoadsDictionaryAndKeepsItWhenLaterFilesAreBad) {
-  ScopedEnv restore([](Env&) {});  // the shortcuts install environments: put it back after
+TEST(BundleInfoTest, ReadsAnObjectFromAFileAndNamesTheFileItCannotUse) {
   test::TempDir dir;
   writeFile(dir.file("info.json"),
             R"({"CFBundleIdentifier":"com.example.host","QuorvelSDK":{"ApiKey":"k"}})");
   std::string error;
-  ASSERT_TRUE(BundleInfo::loadFromFile(dir.file("info.json"), &error)) << error;
+  const std::optional<Json> info = BundleInfo::fromFile(dir.file("info.json"), &error);
+  ASSERT_TRUE(info) << error;
+  qvl::test::ScopedContext context([&](Env& env) { env.bundleInfo = *info; });
   EXPECT_EQ(BundleInfo::infoDictionary().at("QuorvelSDK")->at("ApiKey"), "k");
 
   writeFile(dir.file("broken.json"), R"({"CFBundleIdentifier":)");
   writeFile(dir.file("array.json"), "[1, 2]");
   for (const char* name : {"missing.json", "broken.json", "array.json"}) {
     error.clear();
-    EXPECT_FALSE(BundleInfo::loadFromFile(dir.file(name), &error)) << name;
+    EXPECT_FALSE(BundleInfo::fromFile(dir.file(name), &error)) << name;
     EXPECT_THAT(error, HasSubstr(name));
-    EXPECT_EQ(BundleInfo::infoDictionary().at("CFBundleIdentifier"), "com.example.host") << name;
   }
 
-  BundleInfo::setInfoDictionary("not an object");
+  qvl::test::ScopedContext notAnObject([](Env& env) { env.bundleInfo = "not an object"; });
   EXPECT_TRUE(BundleInfo::infoDictionary().isObject());
   EXPECT_EQ(BundleInfo::infoDictionary().size(), 0u);
 }
@@ -187,16 +188,16 @@ TEST_F(UserDefaultsTest, ConcurrentWritersLoseNoValue) {
 
 TEST_F(UserDefaultsTest, StandardDefaultsFollowTheEnvironmentsPath) {
   {
-    ScopedEnv env([&](Env& env) { env.userDefaultsPath = path_; });
+    qvl::test::ScopedContext env([&](Env& env) { env.userDefaultsPath = path_; });
     EXPECT_EQ(UserDefaults::standard().path(), path_);
     UserDefaults::standard().setData("QVLPushManagerEndpointIdKey", "42");
     EXPECT_TRUE(UserDefaults::standard().synchronize());
     EXPECT_EQ(UserDefaults(path_).data("QVLPushManagerEndpointIdKey"), "42");
   }
   // Another file's values, not the ones held in memory; then back to the first file.
-  ScopedEnv other([&](Env& env) { env.userDefaultsPath = dir_.file("other.defaults"); });
+  qvl::test::ScopedContext other([&](Env& env) { env.userDefaultsPath = dir_.file("other.defaults"); });
   EXPECT_FALSE(UserDefaults::standard().data("QVLPushManagerEndpointIdKey").has_value());
-  ScopedEnv back([&](Env& env) { env.userDefaultsPath = path_; });
+  qvl::test::ScopedContext back([&](Env& env) { env.userDefaultsPath = path_; });
   EXPECT_EQ(UserDefaults::standard().data("QVLPushManagerEndpointIdKey"), "42");
 }
 
@@ -206,10 +207,10 @@ TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
 
   ::setenv("XDG_CONFIG_HOME", "/xdg/config", 1);
   {
-    ScopedEnv app([](Env& env) { env.bundleInfo = {{"CFBundleIdentifier", "com.example/app"}}; });
+    qvl::test::ScopedContext app([](Env& env) { env.bundleInfo = {{"CFBundleIdentifier", "com.example/app"}}; });
     EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/com.example_app.defaults");
   }
-  ScopedEnv noId([](Env& env) { env.bundleInfo = qvl::Json::object(); });
+  qvl::test::ScopedContext noId([](Env& env) { env.bundleInfo = qvl::Json::object(); });
   EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/default.defaults");
 
   // A relative XDG_CONFIG_HOME is ignored, as the XDG rules require.

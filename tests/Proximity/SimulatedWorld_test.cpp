@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/testing/SimulatedWorld.h"
 
 #include <memory>
@@ -52,7 +53,7 @@ class SimulatedWorldTest : public ::testing::Test {
   test::TempDir dir;
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
   std::shared_ptr<MainQueue> queue = std::make_shared<MainQueue>();
-  ScopedEnv env{[this](Env& e) {
+  qvl::test::ScopedContext env{[this](Env& e) {
     e.clock = clock;
     e.mainQueue = queue;
     e.storeDirectory = dir.path();

@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "quorvel/store/Store.h"
 
 #include <gmock/gmock.h>
@@ -107,8 +108,8 @@ class StoreTest : public ::testing::Test {
   std::shared_ptr<Store> open() { return Store::open(config()); }
   void TearDown() override { Store::closeThreadHandles(); }
   // Moves aside at a fixed time, keeping the warnings.
-  qvl::ScopedEnv asideEnv(bool moveAside) {
-    return qvl::ScopedEnv([this, moveAside](qvl::Env& env) {
+  qvl::test::ScopedContext asideEnv(bool moveAside) {
+    return qvl::test::ScopedContext([this, moveAside](qvl::Env& env) {
       env.moveUnreadableStoreAside = moveAside;
       env.clock = std::make_shared<qvl::ManualClock>(qvl::Date(std::chrono::seconds(1795587302)));
       env.logSink = [this](qvl::LogLevel level, std::string_view line) {
@@ -530,7 +531,7 @@ TEST_F(StoreTest, AnUnreadableFileIsRefusedUnchangedOrMovedAsideOnRequest) {
       ::chmod(path.c_str(), 0644);
       const std::string before = qvl::test::readFile(path);
       warnings.clear();
-      const qvl::ScopedEnv env = asideEnv(moveAside);
+      const qvl::test::ScopedContext env = asideEnv(moveAside);
       if (!moveAside) {
         try {
           Store::open(config());
@@ -620,7 +621,7 @@ TEST_F(StoreSecurity, MovingAsideNeverReplacesWhatIsAtTheAsideName) {
   ASSERT_EQ(::symlink(dir.file("target").c_str(), aside.c_str()), 0);
   std::ofstream(aside + "-2") << "earlier";
   std::ofstream(path) << "not a database";
-  const qvl::ScopedEnv env = asideEnv(true);
+  const qvl::test::ScopedContext env = asideEnv(true);
   ASSERT_TRUE(Store::open(config()));
   EXPECT_EQ(qvl::test::readFile(aside + "-3"), "not a database");
   EXPECT_EQ(qvl::test::readFile(aside + "-2"), "earlier");

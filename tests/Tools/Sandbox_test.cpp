@@ -1,3 +1,4 @@
+#include "support/ScopedContext.h"
 #include "sandbox/Sandbox.h"
 
 #include <netinet/in.h>
@@ -376,7 +377,7 @@ class SandboxClientTest : public SandboxTest {
     });
   }
 
-  std::optional<qvl::ScopedEnv> env_;
+  std::optional<qvl::test::ScopedContext> env_;
 };
 
 TEST_F(SandboxClientTest, StoresEverySeededRecordClass) {

@@ -395,9 +395,13 @@ int main(int argc, char** argv) {
   auto clock = std::make_shared<qvl::ManualClock>(qvl::Date(start));
   auto mainQueue = std::make_shared<qvl::MainQueue>();
   auto timeline = std::make_shared<Timeline>(clock);
+  // The host's own application object, so that it can show the badge.
+  auto application = std::make_shared<qvl::StandardApplication>();
+  std::shared_ptr<qvl::SimulatedWorld> world;
   {
-    qvl::Env env = *qvl::Env::current();
+    qvl::Env env;
     env.clock = clock;
+    env.application = application;
     env.mainQueue = mainQueue;
     env.storeDirectory = storeDir;
     env.userDefaultsPath = storeDir + "/user-defaults.json";
@@ -411,13 +415,11 @@ int main(int argc, char** argv) {
     env.logSink = [timeline](qvl::LogLevel, std::string_view line) {
       timeline->print("sdk log", line);
     };
-    qvl::Env::install(std::move(env));
-  }
-  auto world = qvl::SimulatedWorld::create();
-  qvl::Env::update([&](qvl::Env& env) {
+    world = qvl::SimulatedWorld::create(env);
     env.locationService = world;
     env.bluetoothCentral = world;
-  });
+    qvl::Env::configure(std::move(env));
+  }
   // This thread becomes the main queue's thread.
   mainQueue->async([] {});
   mainQueue->runUntilIdle();
@@ -436,9 +438,6 @@ int main(int argc, char** argv) {
   Expectations expected;
   expected.deviceTokenHex = QVLPushManager::stringFromDeviceToken(kDeviceToken);
   auto host = std::make_shared<Host>(*timeline, expected);
-  // The host's own application object, so that it can show the badge.
-  auto application = std::make_shared<qvl::StandardApplication>();
-  qvl::Env::update([&](qvl::Env& env) { env.application = application; });
   // The hook runs once per inbox change; show only what changes on screen.
   application->setBadgeHook([timeline, shown = std::make_shared<int>(-1)](int number) {
     if (number != *shown) timeline->print("badge", "icon badge " + std::to_string(number));

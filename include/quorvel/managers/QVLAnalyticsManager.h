@@ -110,10 +110,12 @@ class QVL_EXPORT QVLAnalyticsManager {
   bool sendingBeaconViews() const;
   ///@}
 
+ /// Made and destroyed by its context (qvl::Context).
+  ~QVLAnalyticsManager();
+
  private:
   struct Outbox;
   QVLAnalyticsManager();
-  ~QVLAnalyticsManager();
   bool beaconViewIsStartedLocked(std::optional<std::int64_t> beaconId) const;
 
   struct Impl;

@@ -98,9 +98,11 @@ class QVL_EXPORT QVLInboxManager {
   /// True when the inbox changed since the last successful sync (see above).
   bool changesMadeSinceLastSync() const;
 
+ /// Made and destroyed by its context (qvl::Context).
+  ~QVLInboxManager();
+
  private:
   QVLInboxManager();
-  ~QVLInboxManager();
 
   struct Impl;
   const std::unique_ptr<Impl> impl_;

@@ -58,9 +58,11 @@ class QVL_EXPORT QVLSubscriptionManager {
   /// True when the list changed since the last successful sync (see above).
   bool changesMadeSinceLastSync() const;
 
+ /// Made and destroyed by its context (qvl::Context).
+  ~QVLSubscriptionManager();
+
  private:
   QVLSubscriptionManager();
-  ~QVLSubscriptionManager();
 
   struct Impl;
   const std::unique_ptr<Impl> impl_;

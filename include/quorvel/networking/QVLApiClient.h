@@ -68,7 +68,9 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   using ErrorCompletion = std::function<void(std::optional<QVLError> error)>;
   ///@}
 
-  /// The process-wide client, created on first call (thread-safe) and never destroyed.
+  /// The client of the context in force on the calling thread (the standard context's
+  /// outside any; see qvl::Context), made on first call (thread-safe). It lives as long as
+  /// its context, and the standard context's for the whole process.
   static QVLApiClient& sharedClient();
 
   // ---- environment and configuration ----------------------------------------------------
@@ -83,20 +85,12 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   /// The service's API domain, shared by every environment host and the pinned domain.
   static constexpr const char* kDefaultApiDomain = "quorvel.io";
   /// The API domain of the environment in force (Env::apiDomain), default
-  /// kDefaultApiDomain. The setter is a shortcut that installs a changed environment; it
-  /// takes effect on the next request and the next pinning set-up.
-  ///@{
-  static void setApiDomain(std::string domain);
+  /// kDefaultApiDomain.
   static std::string apiDomain();
-  ///@}
   /// The service certificates' SubjectPublicKeyInfo pins (base64 SHA-256) of the
   /// environment in force (Env::publicKeyHashes); by default four built-in ones for
-  /// kDefaultApiDomain and none for a custom domain. The setter is a shortcut onto the
-  /// environment; pins take effect at the next request.
-  ///@{
+  /// kDefaultApiDomain and none for a custom domain.
   static std::vector<std::string> publicKeyHashes();
-  static void setPublicKeyHashes(std::vector<std::string> pins);
-  ///@}
 
   /// "https://<dev|api|play>.<domain>"; environment 0 logs "QuorvelSDK: No valid
   /// ApiEnvironment key provided - using dev environment" on every call; an environment

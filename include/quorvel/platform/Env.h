@@ -2,7 +2,6 @@
 /// @file
 /// Every platform facility the library reaches, in one place.
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,17 +25,18 @@ struct HttpSessionConfiguration;
 
 /// The library's environment: what the platform supplies and what the host configures.
 ///
-/// There is one process-wide environment in force. A host configures it once at start-up,
-/// before its first use of the library:
+/// Every library call runs under a context (qvl::Context, quorvel/managers/Context.h) and reads
+/// that context's environment. The process has one standard context, which the shared…()
+/// accessors and a host thread outside any context use; a host configures it once, before
+/// its first use of the library:
 ///
-///     qvl::Env env = *qvl::Env::current();   // the standard facilities
+///     qvl::Env env;
 ///     env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", "..."}}}};
 ///     env.storeDirectory = "/var/lib/myapp/quorvel";
-///     qvl::Env::install(std::move(env));
+///     qvl::Env::configure(std::move(env));
 ///
-/// A test replaces what it needs for one scope with ScopedEnv. The library's singletons
-/// keep nothing from it: they read the environment in force each time they reach the
-/// platform (an observer registered with a notification centre stays with that centre).
+/// Other contexts (a test's, a second account's) are built from an Env of their own and live
+/// beside the standard one; nothing replaces an environment while the library runs.
 ///
 /// A member left empty (null pointer, empty text) means the standard choice noted beside
 /// it, resolved when used.
@@ -56,10 +56,10 @@ struct QVL_EXPORT Env {
   std::shared_ptr<NotificationCenter> notificationCenter;
   /// Lifecycle, background tasks, icon badge. Standard: one process-wide StandardApplication.
   std::shared_ptr<Application> application;
-  /// Decides server-trust challenges of pinned hosts. Empty: one process-wide validator.
+  /// Decides server-trust challenges of pinned hosts. Empty: one validator per context.
   std::shared_ptr<PinValidator> pinValidator;
   /// Region monitoring and ranging. Empty: the backend proximityBackend names, chosen on
-  /// first use, once per process. A simulated world (quorvel/testing) is set here.
+  /// first use, once per context. A simulated world (quorvel/testing) is set here.
   std::shared_ptr<LocationService> locationService;
   /// The Bluetooth radio's state. Empty: the same backend as locationService's.
   std::shared_ptr<BluetoothCentral> bluetoothCentral;
@@ -68,7 +68,7 @@ struct QVL_EXPORT Env {
     automatic,  ///< The device backend when there is a system bus, else none; see below.
     device,     ///< Always the device backend; what it lacks is logged as an error.
   };
-  /// Which backend the standard services use; read on their first use, once per process.
+  /// Which backend the standard services use; read on their first use, once per context.
   /// automatic: the device backend whenever the system bus is there. It follows org.bluez,
   /// so a BlueZ started later is used and one that stops reads Unsupported; a warning says
   /// when org.bluez is missing at the start. With no system bus, or built without the
@@ -147,38 +147,23 @@ struct QVL_EXPORT Env {
   /// else "quorvel" (relative to the working directory).
   std::string resolvedStoreDirectory() const;
 
-  /// The environment in force. Members of the platform itself (clock, executor, mainQueue,
-  /// notificationCenter, application) are filled with their standard facilities; the
-  /// others stay as the host left them, and an empty one means its standard choice, made
-  /// where it is used. Thread-safe; a snapshot: later installs do not change it.
+  /// The standard folder of per-user settings: $XDG_CONFIG_HOME when it is absolute, else
+  /// the home directory's ".config".
+  static std::string standardConfigDirectory();
+
+  /// The environment of the context in force on the calling thread (the standard context's
+  /// outside any). Members of the platform itself (clock, executor, mainQueue,
+  /// notificationCenter, application) are filled with their standard facilities; the others
+  /// stay as configured, and an empty one means its standard choice, made where it is used.
+  /// Thread-safe; the first call outside any context fixes the standard context.
   static std::shared_ptr<const Env> current();
 
-  /// Makes `env` the process's environment. Thread-safe; work already running keeps the
-  /// snapshot it took. Null pointers are filled with the standard facilities.
-  static void install(Env env);
-
-  /// Applies `change` to a copy of the environment in force and installs the result, as
-  /// one step with respect to other install/update calls. `change` runs on the calling
-  /// thread without any lock held (it may read the environment or log), and runs again
-  /// over the newer environment when another install lands meanwhile.
-  static void update(const std::function<void(Env&)>& change);
-};
-
-/// Installs a changed copy of the environment in force for its own lifetime, then puts the
-/// previous one back. For tests: they swap what they need without calling setters. Scopes
-/// nest; they are process-wide, not per thread.
-class QVL_EXPORT ScopedEnv {
- public:
-  /// Installs the environment in force with `change` applied (see Env::update()).
-  explicit ScopedEnv(const std::function<void(Env&)>& change);
-  /// Installs `env` as it is.
-  explicit ScopedEnv(Env env);
-  ~ScopedEnv();
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
-
- private:
-  std::shared_ptr<const Env> previous_;
+  /// Configures the standard context. Call it before the first use of the library, from
+  /// any thread; a later call before that use replaces the earlier one. Null pointers are
+  /// filled with the standard facilities.
+  /// @throws std::logic_error once the standard context is in use: a configuration after
+  /// that would leave work already running on the old one, so it is a programming error.
+  static void configure(Env env);
 };
 
 }  // namespace qvl

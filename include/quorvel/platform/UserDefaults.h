@@ -36,10 +36,10 @@ class QVL_EXPORT UserDefaults {
   UserDefaults(const UserDefaults&) = delete;
   UserDefaults& operator=(const UserDefaults&) = delete;
 
-  /// The application's defaults: one instance for the whole process, over the file of the
-  /// environment in force (Env::userDefaultsPath, or defaultStandardPath() when that is
-  /// empty). When the environment names another file, the instance moves to it (writing
-  /// pending changes to the old one first) and reads the new one on next use.
+  /// The application's defaults: one instance per context (the standard one's outside any),
+  /// over that context's Env::userDefaultsPath, or defaultStandardPath() when that is empty.
+  /// It lives as long as its context; changes a failed write left pending get a last try
+  /// when it goes.
   static UserDefaults& standard();
 
   /// ${XDG_CONFIG_HOME:-$HOME/.config}/quorvel/\<application id\>.defaults, the application
@@ -64,7 +64,6 @@ class QVL_EXPORT UserDefaults {
   bool synchronize();
 
  private:
-  void resetPath(std::string path);
   void loadLocked();
   bool writeLocked();
 

@@ -31,13 +31,8 @@ class QVL_EXPORT QVLRealm {
 
   /// Where the store file lives: the environment's storeDirectory, by default
   /// $XDG_DATA_HOME/quorvel, else $HOME/.local/share/quorvel (created owner-only on first
-  /// open; realm() refuses one owned by another user or writable by group or others). The setter is
-  /// a shortcut that installs a changed environment; thread-safe. Handles already open stay on the
-  /// old file.
-  ///@{
-  static void setStoreDirectory(std::string directory);
+  /// open; realm() refuses one owned by another user or writable by group or others).
   static std::string storeDirectory();
-  ///@}
 
   /// Every persisted record class of the library.
   static const std::vector<qvl::ObjectClassRef>& objectClasses();

@@ -9,6 +9,7 @@
 
 #include "quorvel/Export.h"
 #include "quorvel/platform/Clock.h"
+#include "quorvel/platform/Env.h"
 #include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/proximity/LocationService.h"
 #include "quorvel/proximity/Scene.h"
@@ -55,6 +56,10 @@ class QVL_EXPORT SimulatedWorld final : public LocationService, public Bluetooth
   /// (Env::storeDirectory, or its default).
   static std::shared_ptr<SimulatedWorld> create(SimulationSettings settings = {},
                                                 std::string storeDirectory = {});
+  /// The same world for the environment `env` (its clock, main queue and store directory;
+  /// empty members: the standard ones), so that it can go into env's locationService and
+  /// bluetoothCentral before a context is made of it.
+  static std::shared_ptr<SimulatedWorld> create(const Env& env, SimulationSettings settings = {});
   ~SimulatedWorld() override;
   SimulatedWorld(const SimulatedWorld&) = delete;
   SimulatedWorld& operator=(const SimulatedWorld&) = delete;
@@ -97,7 +102,7 @@ class QVL_EXPORT SimulatedWorld final : public LocationService, public Bluetooth
 
  private:
   struct Private;
-  SimulatedWorld(SimulationSettings settings, std::string storeDirectory);
+  SimulatedWorld(SimulationSettings settings, const Env& env);
   void scheduleTick();
   void tick();
   template <typename Change>
