@@ -129,7 +129,6 @@ class HostileServerTest : public managers_test::ServiceTest {
  protected:
   void SetUp() override {
     ServiceTest::SetUp();
-    serviceAt(faulty_.port());
     change([](qvl::Env& env) {
       qvl::HttpSessionConfiguration limits;
       limits.timeoutIntervalForRequest = kIdle;
@@ -138,6 +137,7 @@ class HostileServerTest : public managers_test::ServiceTest {
       limits.maximumDecodedBytes = kCap;
       env.httpSessionConfiguration = std::make_shared<const qvl::HttpSessionConfiguration>(limits);
     });
+    serviceAt(faulty_.port());
   }
 
   // The request names its fault in the query: /v8/shops?include=<fault>.

@@ -524,6 +524,7 @@ TEST_F(QVLBeaconManagerTest, TheTwoShopsWalkGivesTheGoldenLog) {
     env.locationService = world;
     env.bluetoothCentral = world;
   });
+  manager().addDelegate(delegate_);  // this context's manager
   // Shop A: beacons 11 (1.1) and 12 (1.2); shop B: beacon 21 (2.1) and the raw region of
   // major 2; the plaza between them: geofence 30.
   auto plaza = std::make_shared<QVLGeofence>();

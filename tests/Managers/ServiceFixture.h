@@ -60,6 +60,29 @@ inline int refusingPort() {
   return ntohs(address.sin_port);
 }
 
+/// libcurl, sending each request to the port serviceAt() named last (0: the URL's own), so
+/// that the service can move while the test's context and its managers stay.
+class MovableService : public qvl::HttpTransport {
+ public:
+  void send(const std::shared_ptr<qvl::HttpSession>& session, qvl::HttpRequest request,
+            qvl::DataTaskCompletion done) override {
+    if (const int port = port_.load()) {
+      const size_t authority = request.url.find("://") + 3;
+      const size_t path = request.url.find('/', authority);
+      const size_t colon = request.url.rfind(':', path);
+      if (colon != std::string::npos && colon > authority) {
+        request.url.replace(colon + 1, path - colon - 1, std::to_string(port));
+      }
+    }
+    curl_->send(session, std::move(request), std::move(done));
+  }
+  void moveTo(int port) { port_ = port; }
+
+ private:
+  std::atomic<int> port_{0};
+  std::shared_ptr<qvl::HttpTransport> curl_ = qvl::makeCurlTransport();
+};
+
 /// The standard worker pool, counting the jobs it finished (each answer's completion is one).
 class CountingExecutor : public qvl::Executor {
  public:
@@ -139,14 +162,14 @@ class ServiceTest : public ::testing::Test {
   }
   void TearDown() override { qvl::Store::closeThreadHandles(); }
 
-  /// Changes the environment for the rest of the test.
+  /// A new context on a changed environment for the rest of the test: the managers start
+  /// afresh, as in the host's next run.
   void change(const std::function<void(qvl::Env&)>& edit) {
+    service_->moveTo(0);
     changes_.push_back(std::make_unique<qvl::test::ScopedContext>(edit));
   }
-  /// Points the client at another port of this machine.
-  void serviceAt(int port) {
-    change([port](qvl::Env& env) { env.apiDomain = "localhost:" + std::to_string(port); });
-  }
+  /// Sends the requests from now on to another port of this machine.
+  void serviceAt(int port) { service_->moveTo(port); }
 
   /// The requests the service received with this method and path, bodies parsed.
   std::vector<json> bodies(const std::string& method, const std::string& path) const {
@@ -176,6 +199,7 @@ class ServiceTest : public ::testing::Test {
   std::shared_ptr<qvl::StandardApplication> application_ =
       std::make_shared<qvl::StandardApplication>();
   std::shared_ptr<CountingExecutor> executor_ = std::make_shared<CountingExecutor>();
+  std::shared_ptr<MovableService> service_ = std::make_shared<MovableService>();
   qvl::test::ScopedContext env_{[this](qvl::Env& env) {
     env.clock = clock_;
     env.executor = executor_;
@@ -183,6 +207,7 @@ class ServiceTest : public ::testing::Test {
     env.notificationCenter = std::make_shared<qvl::NotificationCenter>();
     env.application = application_;
     env.pinValidator = std::make_shared<qvl::PinValidator>();
+    env.transport = service_;
     env.storeDirectory = directory_.file("store");
     env.userDefaultsPath = directory_.file("host.defaults");
     env.bundleInfo = {{"QuorvelSDK", {{"ApiKey", "test-api-key"}}}};
