@@ -140,11 +140,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
                                    : std::filesystem::temp_directory_path();
   std::string dir = (base / "quorvel-fuzz-XXXXXX").string();
   if (!mkdtemp(dir.data())) std::abort();
-  qvl::Env::update([&](qvl::Env& env) {
-    env.storeDirectory = dir;
-    env.logSink = [](qvl::LogLevel, std::string_view) {
-    };  // rejections are logged; keep the run quiet
-  });
+  qvl::Env env;
+  env.storeDirectory = dir;
+  env.logSink = [](qvl::LogLevel, std::string_view) {};  // rejections are logged; keep quiet
+  qvl::Env::configure(std::move(env));
   store = QVLRealm::realm();
   if (!store) std::abort();
   return 0;

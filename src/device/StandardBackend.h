@@ -23,9 +23,9 @@ const StandardBackend& standardBackend();
 /// A fresh one on the D-Bus at `busAddress` (empty: the system bus), for tests.
 StandardBackend makeStandardBackend(std::string busAddress = {});
 
-/// env.locationService, or the process-wide standard backend's when it is empty.
+/// env.locationService, or the standard backend's of the context in force when it is empty.
 std::shared_ptr<LocationService> locationServiceOf(const Env& env);
-/// env.bluetoothCentral, or the process-wide standard backend's when it is empty.
+/// env.bluetoothCentral, or the standard backend's of the context in force when it is empty.
 std::shared_ptr<BluetoothCentral> bluetoothCentralOf(const Env& env);
 
 }  // namespace qvl::proximity

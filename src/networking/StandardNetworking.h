@@ -15,7 +15,7 @@ namespace qvl::detail {
 std::shared_ptr<HttpTransport> transportOf(const Env& env);
 /// *env.httpSessionConfiguration, or the defaults.
 HttpSessionConfiguration sessionConfigurationOf(const Env& env);
-/// *env.pinValidator, or the process's validator, made on first use and never destroyed.
+/// *env.pinValidator, or the validator of the context in force, made on first use.
 PinValidator& pinValidatorOf(const Env& env);
 
 }  // namespace qvl::detail

@@ -1,4 +1,4 @@
-// The application runtime: main queue, notification centre, application, environment.
+// The application runtime: main queue, notification centre, application, contexts.
 
 #include <atomic>
 #include <future>
@@ -9,7 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/ScopedContext.h"
+#include "quorvel/managers/Context.h"
+#include "quorvel/managers/QVLInboxManager.h"
 #include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/Application.h"
 #include "quorvel/platform/Clock.h"
@@ -23,6 +24,7 @@
 #include "support/LogCapture.h"
 #include "support/ManualExecutor.h"
 #include "support/RecordingTransport.h"
+#include "support/ScopedContext.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -247,40 +249,83 @@ TEST(LogTest, LinesBelowTheEnvironmentsLevelAreDroppedAndTheOthersKeepTheirLevel
                                                 "text; a value was not stored")}));
 }
 
-TEST(EnvTest, AScopeSwapsClockTransportAndStoreDirectoryAndRestoresThem) {
-  const auto before = qvl::Env::current();
+// Contexts side by side: each call, and each piece of work it hands to another thread, reads
+// its own context's environment and reaches its own objects.
+TEST(ContextTest, ContextsSideBySideKeepTheirOwnEnvironmentObjectsAndWork) {
+  const auto standard = qvl::Env::current();
   qvl::test::TempDir directory;
-  auto clock = std::make_shared<qvl::ManualClock>();
-  auto transport = std::make_shared<qvl::test::RecordingTransport>();
-  auto executor = std::make_shared<qvl::test::ManualExecutor>();
-  {
-    qvl::test::ScopedContext env([&](qvl::Env& env) {
-      env.clock = clock;
-      env.transport = transport;
-      env.executor = executor;
-      env.storeDirectory = directory.path();
-    });
-    EXPECT_EQ(qvl::now(), clock->now());
-    EXPECT_EQ(QVLRealm::storeDirectory(), directory.path());
-
-    std::optional<long> status;
-    auto session = qvl::HttpSession::create({{{"X-Default", "1"}}});
-    session->dataTask({"GET", "https://example.invalid/x", {{"X-Own", "2"}}, ""},
-                      [&](std::string, std::optional<qvl::HttpResponse> response, auto) {
-                        status = response ? response->statusCode : -1;
-                      });
-    EXPECT_FALSE(status);  // the completion waits for its queue's executor
-    executor->runUntilIdle();
-    EXPECT_EQ(status, 200);
-    ASSERT_EQ(transport->requests().size(), 1u);
-    EXPECT_THAT(transport->requests()[0].headers,
-                ElementsAre(std::pair<std::string, std::string>{"X-Default", "1"},
-                            std::pair<std::string, std::string>{"X-Own", "2"}));
+  struct Side {
+    std::string name;
+    std::shared_ptr<qvl::test::RecordingTransport> transport =
+        std::make_shared<qvl::test::RecordingTransport>();
+    std::unique_ptr<qvl::Context> context;
+  };
+  Side sides[2];
+  sides[0].name = "a";
+  sides[1].name = "b";
+  for (Side& side : sides) {
+    qvl::Env env;
+    env.storeDirectory = directory.file(side.name);
+    env.userDefaultsPath = directory.file(side.name + ".defaults");
+    env.transport = side.transport;
+    side.context = std::make_unique<qvl::Context>(std::move(env));
   }
-  const auto after = qvl::Env::current();
-  EXPECT_EQ(after->clock, before->clock);
-  EXPECT_EQ(after->transport, before->transport);
-  EXPECT_EQ(after->storeDirectory, before->storeDirectory);
+  qvl::Context& a = *sides[0].context;
+  qvl::Context& b = *sides[1].context;
+  EXPECT_NE(&a.apiClient(), &b.apiClient());
+  EXPECT_NE(&a.inboxManager(), &b.inboxManager());
+  EXPECT_EQ(&a.inboxManager(), &a.run([]() -> auto& { return QVLInboxManager::sharedManager(); }));
+  EXPECT_EQ(a.userDefaults().path(), directory.file("a.defaults"));
+  EXPECT_EQ(b.userDefaults().path(), directory.file("b.defaults"));
+  EXPECT_EQ(b.run([] { return QVLRealm::storeDirectory(); }), directory.file("b"));
+  EXPECT_EQ(qvl::Env::current(), standard) << "a scope puts back what it found";
+
+  for (Side& side : sides) {
+    std::promise<std::string> queued, completed;
+    side.context->run([&] {
+      auto queue = std::make_shared<qvl::SerialQueue>();
+      queue->async([&, queue] { queued.set_value(qvl::Env::current()->storeDirectory); });
+      qvl::HttpSession::create()->dataTask(
+          {"GET", "https://example.invalid/x", {}, ""},
+          [&](auto...) { completed.set_value(qvl::Env::current()->storeDirectory); });
+    });
+    EXPECT_EQ(queued.get_future().get(), directory.file(side.name));
+    EXPECT_EQ(completed.get_future().get(), directory.file(side.name));
+    EXPECT_EQ(side.transport->requests().size(), 1u);
+  }
+}
+
+TEST(ContextTest, TheStandardContextIsConfiguredOnlyBeforeItsFirstUse) {
+  (void)qvl::Env::current();
+  EXPECT_THROW(qvl::Env::configure(qvl::Env{}), std::logic_error);
+}
+
+// A context's objects outlive the Context while its work is pending, and go with that work; a
+// pending timer (a background task's expiry) does not keep them.
+TEST(ContextTest, ObjectsGoWithTheLastPendingWorkNotWithPendingTimers) {
+  qvl::test::TempDir directory;
+  auto executor = std::make_shared<qvl::test::ManualExecutor>();
+  auto clock = std::make_shared<qvl::ManualClock>();
+  auto application = std::make_shared<qvl::StandardApplication>();
+  qvl::Env env;
+  env.executor = executor;
+  env.clock = clock;
+  env.application = application;
+  env.storeDirectory = directory.path();
+  auto context = std::make_unique<qvl::Context>(std::move(env));
+  const std::weak_ptr<const qvl::Env> alive = context->env();
+  std::string ranIn;
+  context->run([&] {
+    (void)QVLInboxManager::sharedManager();
+    application->beginBackgroundTask("pending", [] {});
+    auto queue = std::make_shared<qvl::SerialQueue>();
+    queue->async([&, queue] { ranIn = qvl::Env::current()->storeDirectory; });
+  });
+  context.reset();
+  EXPECT_FALSE(alive.expired()) << "the queued task holds its context";
+  executor->runUntilIdle();
+  EXPECT_EQ(ranIn, directory.path());
+  EXPECT_TRUE(alive.expired()) << "the pending timer keeps nothing";
 }
 
 }  // namespace

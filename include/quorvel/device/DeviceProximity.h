@@ -81,8 +81,8 @@ struct QVL_EXPORT DeviceProximityStats {
 ///   NotDetermined until then, AuthorizedAlways once the client started, Denied when
 ///   GeoClue refused it, Restricted when there is no GeoClue.
 /// - Threads: one D-Bus connection on a thread of its own, which owns every D-Bus object;
-///   events reach the delegates on the main queue of the environment in force when they
-///   happen (MainQueue::async), Bluetooth and authorization changes and region events
+///   events reach the delegates on the main queue of the context in force at creation
+///   (MainQueue::async), in that context, Bluetooth and authorization changes and region events
 ///   first, then the ranging reports of the tick. The interface operations may be called
 ///   from any thread (meant for the main queue); they never wait for D-Bus.
 /// - Monitored regions persist as the simulated world's do ("monitored-regions.json").

@@ -43,17 +43,18 @@ class CenterObservation;
 /// from several threads, and the client's completions, never race. Records passed in are
 /// only read on the calling thread.
 ///
-/// Creation and environment: created on first use, never destroyed. It observes
+/// Creation and environment: one per context (qvl::Context), made on first use, when it
+/// sends the views an earlier run kept, and destroyed with the context. It observes
 /// "UIApplicationDidBecomeActiveNotification" (sends the kept views) and
-/// "UIApplicationWillTerminateNotification" (flush(kTerminationFlushDeadline)) on the
-/// environment's notification centre; a use that finds another centre in force observes
-/// that one too and sends the kept views, as a creation does.
+/// "UIApplicationWillTerminateNotification" (flush(kTerminationFlushDeadline)) on its
+/// context's notification centre while it lives.
 class QVL_EXPORT QVLAnalyticsManager {
  public:
   /// How long the application's termination waits for views on their way.
   static constexpr std::chrono::milliseconds kTerminationFlushDeadline{2000};
 
-  /// The one manager, created on first use (sending the kept views); see above.
+  /// The manager of the context in force on the calling thread (the standard context's
+  /// outside any), made on first use (sending the kept views); see above.
   static QVLAnalyticsManager& sharedManager();
 
   /// For a process about to exit: blocks the calling thread until no view is on its way

@@ -84,14 +84,12 @@ struct QVL_EXPORT QVLBeaconInternal {
 /// thread; the inline accessors (rangedUUID(), closestBeacon(), searching...()) are main
 /// queue only and unchecked.
 ///
-/// Services: the manager talks to the location service and the Bluetooth central of the
-/// environment in force (Env::locationService, Env::bluetoothCentral). It binds to them on
-/// first use, and again on a later use that finds another location service in force (a
-/// host switching its proximity backend, a test): binding makes the manager the service's
-/// delegate (and the central's, with BluetoothCentralOptions::showPowerAlert false), stops
-/// monitoring every region the service still monitors (what an earlier run, or anyone else,
-/// registered: a run always starts from an empty watch list and the host starts its
-/// searches again) and empties the watch lists.
+/// Services: the manager talks to the location service and the Bluetooth central of its
+/// context (Env::locationService, Env::bluetoothCentral). It binds to them when it is made:
+/// it becomes the service's delegate (and the central's, with
+/// BluetoothCentralOptions::showPowerAlert false) and stops monitoring every region the
+/// service still monitors (what an earlier run, or anyone else, registered: a run always
+/// starts from an empty watch list and the host starts its searches again).
 ///
 /// Ranging: one region "Beacons", with notifyEntryStateOnDisplay set, ranges one proximity
 /// UUID, the UUID of the first beacon or raw region watched while none was ranged; a later
@@ -125,7 +123,11 @@ class QVL_EXPORT QVLBeaconManager : public qvl::LocationServiceDelegate,
   /// The identifier of the ranging region.
   static constexpr const char* kRangingRegionIdentifier = "Beacons";
 
-  /// Created on first call (thread-safe, any thread) and never destroyed.
+  /// The manager of the context in force on the calling thread (the standard context's
+  /// outside any), made on first call (thread-safe, any thread) and destroyed with its
+  /// context. It takes the context's location service and Bluetooth central as it is made
+  /// (stopping regions an earlier run left monitored), and their callbacks run in its
+  /// context.
   static QVLBeaconManager& sharedManager();
 
   /// Delegates are held weakly, once each, in registration order; a released delegate is

@@ -41,8 +41,8 @@ class CenterObservation;
 /// query answers empty, 0 or false. The sync's answer comes
 /// on the client's queue and touches only the flag (atomic) and the background task.
 ///
-/// Creation and environment: created on first use, never destroyed; it observes the
-/// notification centre of the environment in force, and another centre met by a later use.
+/// Creation and environment: one per context (qvl::Context), made on first use and destroyed
+/// with the context; it observes its context's notification centre while it lives.
 class QVL_EXPORT QVLInboxManager {
  public:
   /// Posted after every change, as described above.
@@ -50,7 +50,8 @@ class QVL_EXPORT QVLInboxManager {
   /// The name of the sync's background task.
   static constexpr const char* kSyncTaskName = "SyncInbox";
 
-  /// The one manager, created on first use; see above.
+  /// The manager of the context in force on the calling thread (the standard context's
+  /// outside any), made on first use; see above.
   static QVLInboxManager& sharedManager();
 
   /// The guest's posts that have a postId, in inbox order (live results; empty without a

@@ -35,7 +35,8 @@ class QVL_EXPORT QVLSubscriptionManager {
   /// The name of the sync's background task.
   static constexpr const char* kSyncTaskName = "SyncSubscriptions";
 
-  /// The one manager, created on first use; see above.
+  /// The manager of the context in force on the calling thread (the standard context's
+  /// outside any), made on first use; see above.
   static QVLSubscriptionManager& sharedManager();
 
   /// Whether this stored shop record is in the guest's list. False for no shop; true for

@@ -21,8 +21,7 @@ namespace qvl {
 /// the user gives, and the Bluetooth radio's state. It reports what a phone's location
 /// service and Bluetooth central would, through the same core a device backend uses:
 ///
-/// - Time is the clock of the environment in force when the world is created (kept for its
-///   life). Once a second (first tick one second after creation) the world applies the
+/// - Time is the clock of the environment it is created for (kept for its life). Once a second (first tick one second after creation) the world applies the
 ///   scene steps that fell due, moves a walking device, hears every beacon whose signal
 ///   reaches the sensitivity (Bluetooth powered on only), and reports:
 ///   - region entries and exits (authorization "always" only): a beacon region is entered
@@ -38,8 +37,9 @@ namespace qvl {
 ///   the answer the scene gives (authorized always unless a scene says otherwise). A scene
 ///   step changing the answer after the request changes the status, as a user does in the
 ///   system settings.
-/// - Every event reaches its delegate on the main queue of the environment in force when
-///   the event happens (MainQueue::async), in the order it happened. The delegate is read
+/// - Every event reaches its delegate on the main queue of the environment it was created
+///   for (MainQueue::async), in the order it happened, in the context it was created in
+///   (created outside any: the one in force where the event happens). The delegate is read
 ///   when the event happens; a released delegate is skipped.
 /// - Monitored regions persist in "monitored-regions.json" in the store directory, so a new
 ///   world over the same directory monitors what an earlier one registered (their state
