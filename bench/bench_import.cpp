@@ -31,9 +31,9 @@
 #include "quorvel/platform/Env.h"
 #include "quorvel/records/QVLPost.h"
 #include "quorvel/records/QVLRealm.h"
-#include "support/ScopedContext.h"
 #include "support/BenchData.h"
 #include "support/PostsFloor.h"
+#include "support/ScopedContext.h"
 #include "support/TempDir.h"
 
 namespace {

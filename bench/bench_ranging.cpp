@@ -26,8 +26,8 @@
 #include "quorvel/records/QVLRealm.h"
 #include "quorvel/testing/ManualClock.h"
 #include "quorvel/testing/SimulatedWorld.h"
-#include "support/ScopedContext.h"
 #include "support/BenchData.h"
+#include "support/ScopedContext.h"
 #include "support/TempDir.h"
 
 namespace {

@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "support/PostsFloor.h"
+#include "support/ScopedContext.h"
 
 #include <simdjson.h>
 #include <sqlite3.h>

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <optional>
 #include <exception>
+#include <optional>
 #include <system_error>
 #include <unordered_set>
 

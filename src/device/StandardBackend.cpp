@@ -1,5 +1,5 @@
-#include "platform/ContextCore.h"
 #include "device/StandardBackend.h"
+#include "platform/ContextCore.h"
 
 #include <mutex>
 #include <string>

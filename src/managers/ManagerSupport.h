@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/ContextCore.h"
 #include "networking/CountedDataTask.h"
+#include "platform/ContextCore.h"
 #include "platform/Guarded.h"
 #include "quorvel/networking/HttpSession.h"
 #include "quorvel/platform/NotificationCenter.h"

@@ -16,8 +16,8 @@
 
 #include "networking/HostNames.h"
 #include "networking/StandardNetworking.h"
-#include "platform/ContextCore.h"
 #include "platform/Base64.h"
+#include "platform/ContextCore.h"
 #include "platform/CountersImpl.h"
 #include "platform/JsonImpl.h"
 #include "quorvel/platform/BundleInfo.h"
@@ -89,7 +89,8 @@ PinValidator& detail::pinValidatorOf(const Env& env) {
   if (env.pinValidator) return *env.pinValidator;
   // One per context: each configures pinning for its own service.
   static const char key = 0;
-  return currentContext()->service<PinValidator>(&key, [] { return std::make_shared<PinValidator>(); });
+  return currentContext()->service<PinValidator>(&key,
+                                                 [] { return std::make_shared<PinValidator>(); });
 }
 
 PinValidator& PinValidator::shared() { return detail::pinValidatorOf(*Env::current()); }

@@ -7,8 +7,8 @@
 
 #include "networking/HostNames.h"
 #include "networking/StandardNetworking.h"
-#include "platform/CountersImpl.h"
 #include "platform/ContextCore.h"
+#include "platform/CountersImpl.h"
 #include "platform/JsonImpl.h"
 #include "quorvel/networking/PinValidator.h"
 #include "quorvel/platform/BundleInfo.h"

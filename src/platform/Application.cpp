@@ -53,9 +53,9 @@ Application::BackgroundTaskId StandardApplication::beginBackgroundTask(
   impl_->running[id] = Impl::Task{std::move(name), env->clock, 0};
   lock.unlock();
   // The timer only hands the expiry to the main queue, where the handler must run.
-  const Clock::TimerId timer =
-      env->clock->runAfter(allowance, [self = weak_from_this(), id, mainQueue = env->mainQueue,
-                                       handler = detail::carriedWeakly(std::move(expirationHandler))]() mutable {
+  const Clock::TimerId timer = env->clock->runAfter(
+      allowance, [self = weak_from_this(), id, mainQueue = env->mainQueue,
+                  handler = detail::carriedWeakly(std::move(expirationHandler))]() mutable {
         mainQueue->async([self, id, handler = std::move(handler)] {
           if (auto application = self.lock()) application->expire(id, handler);
         });

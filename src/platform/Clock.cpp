@@ -17,7 +17,8 @@ class TimerThread {
  public:
   Clock::TimerId add(std::chrono::steady_clock::time_point due, std::function<void()> task) {
     std::lock_guard lock(mutex_);
-    if (!thread_.joinable()) thread_ = std::thread([this] {
+    if (!thread_.joinable())
+      thread_ = std::thread([this] {
         detail::refuseTeardownOnThisThread();  // a timer's context may wait for this thread
         run();
       });

@@ -1,9 +1,9 @@
 #include "proximity/ProximityEngine.h"
 
-#include <optional>
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>

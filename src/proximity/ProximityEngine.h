@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "platform/ContextCore.h"
-#include "quorvel/platform/MainQueue.h"
 #include "proximity/ProximityCore.h"
+#include "quorvel/platform/MainQueue.h"
 #include "quorvel/proximity/BluetoothCentral.h"
 #include "quorvel/proximity/LocationService.h"
 #include "quorvel/proximity/Scene.h"
@@ -84,7 +84,6 @@ class Engine {
   void unmonitor(const std::string& identifier);
   void loadRegions();
   void saveRegions() const;
-
 
   SimulationSettings settings_;
   std::string regionsPath_;

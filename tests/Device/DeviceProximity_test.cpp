@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/device/DeviceProximity.h"
+#include "support/ScopedContext.h"
 
 #include <cstdio>
 #include <set>

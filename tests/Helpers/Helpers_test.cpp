@@ -9,7 +9,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "support/ScopedContext.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/UserDefaults.h"
@@ -21,6 +20,7 @@
 #include "quorvel/testing/ManualClock.h"
 #include "quorvel/testing/SimulatedWorld.h"
 #include "support/LogCapture.h"
+#include "support/ScopedContext.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -145,7 +145,8 @@ TEST_F(RealmTest, FourDigitYearsRoundTripThroughTextAndStore) {
       {"9999-12-31T23:59:59+0000", utc(9999, 12, 31, 23, 59, 59)},
   };
   const qvl::Date now = utc(2024, 3, 5, 12, 0, 0);
-  qvl::test::ScopedContext clock([&](qvl::Env& env) { env.clock = std::make_shared<qvl::ManualClock>(now); });
+  qvl::test::ScopedContext clock(
+      [&](qvl::Env& env) { env.clock = std::make_shared<qvl::ManualClock>(now); });
   std::int64_t id = 0;
   for (const auto& c : cases) {
     EXPECT_EQ(QVLDateFormatter::dateFromString(c.text), c.date) << c.text;
@@ -187,7 +188,8 @@ TEST_F(RealmTest, OnlyFilesBeforeVersion18MoveUrlStringToUrlOriginal) {
 TEST_F(RealmTest, UnopenableStoreIsLoggedAndAbsent) {
   qvl::test::LogCapture log;
   std::ofstream(dir.path() + "/blocker") << "a file where the directory should be";
-  qvl::test::ScopedContext blocked([&](qvl::Env& env) { env.storeDirectory = dir.path() + "/blocker"; });
+  qvl::test::ScopedContext blocked(
+      [&](qvl::Env& env) { env.storeDirectory = dir.path() + "/blocker"; });
   EXPECT_EQ(QVLRealm::realm(), nullptr);
   const auto lines = log.lines();
   ASSERT_EQ(lines.size(), 1u);

@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/networking/QVLApiClient.h"
+#include "support/ScopedContext.h"
 
 #include <curl/curl.h>
 

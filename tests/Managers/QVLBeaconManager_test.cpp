@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/managers/QVLBeaconManager.h"
+#include "support/ScopedContext.h"
 
 #include <cstdio>
 #include <cstdlib>

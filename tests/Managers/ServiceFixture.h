@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "support/ScopedContext.h"
 #include "Models/RecordTestSupport.h"
 #include "devserver/HttpsServer.h"
 #include "quorvel/networking/PinValidator.h"
@@ -35,6 +34,7 @@
 #include "quorvel/testing/ManualClock.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/ScopedContext.h"
 #include "support/TempDir.h"
 #include "support/TestCertificates.h"
 

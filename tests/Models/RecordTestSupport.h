@@ -10,7 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "support/ScopedContext.h"
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/records/QVLDateFormatter.h"
@@ -18,6 +17,7 @@
 #include "quorvel/store/Store.h"
 #include "quorvel/testing/ManualClock.h"
 #include "support/LogCapture.h"
+#include "support/ScopedContext.h"
 #include "support/TempDir.h"
 
 namespace records_test {
@@ -95,7 +95,8 @@ class RecordStoreTest : public FixedClockTest {
   }
 
   qvl::test::TempDir directory_;
-  qvl::test::ScopedContext storeScope_{[this](qvl::Env& env) { env.storeDirectory = directory_.path(); }};
+  qvl::test::ScopedContext storeScope_{
+      [this](qvl::Env& env) { env.storeDirectory = directory_.path(); }};
   std::shared_ptr<qvl::Store> store_;
 };
 

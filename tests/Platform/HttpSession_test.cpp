@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/networking/HttpSession.h"
+#include "support/ScopedContext.h"
 
 #include "quorvel/platform/Env.h"
 
@@ -38,7 +38,8 @@ using ::testing::ElementsAre;
 
 class HttpSessionTest : public ::testing::Test {
  protected:
-  qvl::test::ScopedContext env_{[](Env& env) { env.trustAnchorsFile = TestCertificates::ca().certificatePath; }};
+  qvl::test::ScopedContext env_{
+      [](Env& env) { env.trustAnchorsFile = TestCertificates::ca().certificatePath; }};
 
   static void expectTransportError(const DataTaskOutcome& outcome, CURLcode code) {
     ASSERT_TRUE(outcome.completed);
@@ -339,7 +340,8 @@ TEST_F(TransportSecurity, SessionKeysGoOnlyToTheKeyLogFileOfTheEnvironment) {
           return !runDataTask(HttpSession::create(), {"GET", server.url() + "/", {}, ""}).error;
         };
         const bool fetched = fetch();
-        qvl::test::ScopedContext optIn([&](Env& env) { env.tlsKeyLogFile = directory.file("host.keys"); });
+        qvl::test::ScopedContext optIn(
+            [&](Env& env) { env.tlsKeyLogFile = directory.file("host.keys"); });
         const bool fetchedAgain = fetch();
         namespace fs = std::filesystem;
         std::error_code ignored;

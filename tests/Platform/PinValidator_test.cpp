@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/networking/PinValidator.h"
+#include "support/ScopedContext.h"
 
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"

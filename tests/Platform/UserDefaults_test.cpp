@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/platform/UserDefaults.h"
+#include "support/ScopedContext.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -195,7 +195,8 @@ TEST_F(UserDefaultsTest, StandardDefaultsFollowTheEnvironmentsPath) {
     EXPECT_EQ(UserDefaults(path_).data("QVLPushManagerEndpointIdKey"), "42");
   }
   // Another file's values, not the ones held in memory; then back to the first file.
-  qvl::test::ScopedContext other([&](Env& env) { env.userDefaultsPath = dir_.file("other.defaults"); });
+  qvl::test::ScopedContext other(
+      [&](Env& env) { env.userDefaultsPath = dir_.file("other.defaults"); });
   EXPECT_FALSE(UserDefaults::standard().data("QVLPushManagerEndpointIdKey").has_value());
   qvl::test::ScopedContext back([&](Env& env) { env.userDefaultsPath = path_; });
   EXPECT_EQ(UserDefaults::standard().data("QVLPushManagerEndpointIdKey"), "42");
@@ -207,7 +208,9 @@ TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
 
   ::setenv("XDG_CONFIG_HOME", "/xdg/config", 1);
   {
-    qvl::test::ScopedContext app([](Env& env) { env.bundleInfo = {{"CFBundleIdentifier", "com.example/app"}}; });
+    qvl::test::ScopedContext app([](Env& env) {
+      env.bundleInfo = {{"CFBundleIdentifier", "com.example/app"}};
+    });
     EXPECT_EQ(UserDefaults::defaultStandardPath(), "/xdg/config/quorvel/com.example_app.defaults");
   }
   qvl::test::ScopedContext noId([](Env& env) { env.bundleInfo = qvl::Json::object(); });

@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/testing/SimulatedWorld.h"
+#include "support/ScopedContext.h"
 
 #include <memory>
 #include <string>

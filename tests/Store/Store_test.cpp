@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "quorvel/store/Store.h"
+#include "support/ScopedContext.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-#include "support/ScopedContext.h"
 #include "sandbox/Sandbox.h"
+#include "support/ScopedContext.h"
 
 #include <netinet/in.h>
 #include <openssl/ssl.h>

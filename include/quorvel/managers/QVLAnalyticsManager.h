@@ -111,7 +111,7 @@ class QVL_EXPORT QVLAnalyticsManager {
   bool sendingBeaconViews() const;
   ///@}
 
- /// Made and destroyed by its context (qvl::Context).
+  /// Made and destroyed by its context (qvl::Context).
   ~QVLAnalyticsManager();
 
  private:

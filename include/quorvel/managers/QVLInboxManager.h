@@ -99,7 +99,7 @@ class QVL_EXPORT QVLInboxManager {
   /// True when the inbox changed since the last successful sync (see above).
   bool changesMadeSinceLastSync() const;
 
- /// Made and destroyed by its context (qvl::Context).
+  /// Made and destroyed by its context (qvl::Context).
   ~QVLInboxManager();
 
  private:

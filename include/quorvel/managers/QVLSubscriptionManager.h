@@ -59,7 +59,7 @@ class QVL_EXPORT QVLSubscriptionManager {
   /// True when the list changed since the last successful sync (see above).
   bool changesMadeSinceLastSync() const;
 
- /// Made and destroyed by its context (qvl::Context).
+  /// Made and destroyed by its context (qvl::Context).
   ~QVLSubscriptionManager();
 
  private:

@@ -21,7 +21,8 @@ namespace qvl {
 /// the user gives, and the Bluetooth radio's state. It reports what a phone's location
 /// service and Bluetooth central would, through the same core a device backend uses:
 ///
-/// - Time is the clock of the environment it is created for (kept for its life). Once a second (first tick one second after creation) the world applies the
+/// - Time is the clock of the environment it is created for (kept for its life). Once a second
+/// (first tick one second after creation) the world applies the
 ///   scene steps that fell due, moves a walking device, hears every beacon whose signal
 ///   reaches the sensitivity (Bluetooth powered on only), and reports:
 ///   - region entries and exits (authorization "always" only): a beacon region is entered
