@@ -49,8 +49,11 @@ class QVL_EXPORT Context {
   explicit Context(const std::function<void(Env&)>& change);
   /// Drops the context; its objects go once its work has run (see above).
   ~Context();
+  /// A context is one owner of its objects: neither copied nor moved.
+  ///@{
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
+  ///@}
 
   /// The context's environment, completed with the standard facilities. Thread-safe.
   std::shared_ptr<const Env> env() const;
@@ -74,10 +77,15 @@ class QVL_EXPORT Context {
   /// and are per thread; one must end on the thread that began it.
   class QVL_EXPORT Scope {
    public:
+    /// Puts `context` in force here; the context must outlive the scope.
     explicit Scope(const Context& context);
+    /// Puts back the context that was in force before.
     ~Scope();
+    /// Scopes are tied to their thread and place: neither copied nor moved.
+    ///@{
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
+    ///@}
 
    private:
     std::shared_ptr<detail::ContextCore> previous_;
