@@ -7,8 +7,8 @@
 // merging with stored twins is exercised), written, and turned back into JSON.
 // The client maps answers from simdjson's parse, the public mapping from nlohmann's document;
 // every answer is mapped both ways and the records must be the same.
-// Rejections the mapping documents (QVLMappingError, a discarded non-JSON answer) are
-// expected; anything else that escapes, and every sanitizer report, is a finding.
+// Rejections the mapping documents (a Failure inside, QVLMappingError from the public calls,
+// a discarded non-JSON answer) are expected; anything else that escapes, and every sanitizer report, is a finding.
 
 #include <cstddef>
 #include <cstdint>
@@ -100,13 +100,9 @@ void compareParsers(const std::string& body, const QVLModelClass& cls) {
   using Records = std::vector<std::shared_ptr<QVLApiModel>>;
   std::vector<std::int64_t> fastKeys, documentKeys;
   std::optional<Records> fast, document;
-  try {
-    fast = qvl::detail::recordsToMerge(cls, body, &fastKeys);
-  } catch (const QVLMappingError&) {
-  }
-  try {
-    document = qvl::detail::recordsToMerge(cls, qvl::detail::parseJSONData(body), &documentKeys);
-  } catch (const QVLMappingError&) {
+  if (auto records = qvl::detail::recordsToMerge(cls, body, &fastKeys)) fast = std::move(*records);
+  if (auto json = qvl::detail::readServiceJSON(body)) {
+    document = qvl::detail::recordsToMerge(cls, std::move(*json), &documentKeys);
   }
   if (fast.has_value() != document.has_value() || fastKeys != documentKeys) std::abort();
   if (fast) {
@@ -116,19 +112,12 @@ void compareParsers(const std::string& body, const QVLModelClass& cls) {
     }
   }
   if (cls.primaryKeyIndex() < 0) return;
-  std::shared_ptr<QVLApiModel> fastOne, documentOne;
-  bool fastRejected = false, documentRejected = false;
-  try {
-    fastOne = qvl::detail::recordToMerge(cls, std::string_view(body));
-  } catch (const QVLMappingError&) {
-    fastRejected = true;
-  }
-  try {
-    documentOne = qvl::detail::recordToMerge(cls, qvl::detail::parseJSONData(body));
-  } catch (const QVLMappingError&) {
-    documentRejected = true;
-  }
-  if (fastRejected != documentRejected || !sameRecord(fastOne, documentOne)) std::abort();
+  auto fastOne = qvl::detail::recordToMerge(cls, std::string_view(body));
+  auto json = qvl::detail::readServiceJSON(body);
+  auto documentOne = json ? qvl::detail::recordToMerge(cls, *json)
+                          : qvl::detail::Result<std::shared_ptr<QVLApiModel>>(json.failure());
+  if (fastOne.ok() != documentOne.ok()) std::abort();
+  if (fastOne && !sameRecord(*fastOne, *documentOne)) std::abort();
 }
 
 }  // namespace

@@ -237,12 +237,9 @@ bool QVLApiClient::successfulResponse(const qvl::HttpResponse& response) {
 QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
                                          const std::string& data) {
   QVLError error{kQVLApiClientErrorDomain, response.statusCode, std::nullopt};
-  try {
-    auto body = qvl::detail::parseJSONData(data);
-    if (body.is_object() || body.is_array())
-      error.userInfo = qvl::detail::fromNlohmann(std::move(body));
-  } catch (const QVLMappingError&) {  // nested too deep: no user information
-  }
+  // A body nested too deep gives no user information.
+  if (auto body = qvl::detail::readServiceJSON(data); body && (body->is_object() || body->is_array()))
+    error.userInfo = qvl::detail::fromNlohmann(std::move(*body));
   return error;
 }
 

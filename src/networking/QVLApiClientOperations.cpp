@@ -88,9 +88,12 @@ void QVLApiClient::parseAndSaveJSONObjectData(const std::string& data, const QVL
   std::optional<QVLError> error;
   try {
     // The write merges the record with its stored twin; the record itself is not returned.
-    saved = saveObject(qvl::detail::recordToMerge(cls, std::string_view(data)), cls);
-  } catch (const QVLMappingError& e) {
-    error = mappingError(e.what());
+    auto record = qvl::detail::recordToMerge(cls, std::string_view(data));
+    if (record) {
+      saved = saveObject(*record, cls);
+    } else {
+      error = mappingError(record.error());
+    }
   } catch (const std::exception& e) {  // any failure while storing still completes once
     error = storeError(e.what());
   }
@@ -102,9 +105,12 @@ void QVLApiClient::parseAndSaveJSONArrayData(const std::string& data, const QVLM
   std::optional<qvl::AnyResults> saved;
   std::optional<QVLError> error;
   try {
-    saved = saveObjects(qvl::detail::recordsToMerge(cls, data), cls);
-  } catch (const QVLMappingError& e) {
-    error = mappingError(e.what());
+    auto records = qvl::detail::recordsToMerge(cls, data);
+    if (records) {
+      saved = saveObjects(*records, cls);
+    } else {
+      error = mappingError(records.error());
+    }
   } catch (const std::exception& e) {  // any failure while storing still completes once
     error = storeError(e.what());
   }
@@ -131,15 +137,17 @@ void QVLApiClient::sendListRequest(const QVLModelClass& cls, qvl::HttpRequest re
           // The answer is the class's complete set: every stored record it does not list is
           // dropped. A listed record that is rejected for a bad value keeps its stored copy.
           std::vector<std::int64_t> keep;
-          saved = self->saveObjects(
-              qvl::detail::recordsToMerge(cls, std::move(body), removeStale ? &keep : nullptr),
-              cls);
-          if (removeStale) {
-            auto realm = qvl::detail::openLibraryStore();
-            realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
+          auto records =
+              qvl::detail::recordsToMerge(cls, std::move(body), removeStale ? &keep : nullptr);
+          if (!records) {  // the answer nests too deep: nothing stored
+            error = mappingError(records.error());
+          } else {
+            saved = self->saveObjects(*records, cls);
+            if (removeStale) {
+              auto realm = qvl::detail::openLibraryStore();
+              realm->write([&] { realm->removeAllExceptPrimaryKeys(cls, keep); });
+            }
           }
-        } catch (const QVLMappingError& e) {  // the answer nests too deep: nothing stored
-          error = mappingError(e.what());
         } catch (const std::exception& e) {  // any failure while storing still completes once
           saved.reset();
           error = storeError(e.what());

@@ -17,14 +17,11 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Result.h"
+
 namespace qvl::detail {
 
-/// Outcome of a private-file operation: `error` names the path and the reason when it failed.
-struct FileResult {
-  std::string error;
-  bool ok() const { return error.empty(); }
-  explicit operator bool() const { return ok(); }
-};
+// A private-file operation's Status names the path and the reason when it failed.
 
 namespace privatefiles {
 
@@ -72,7 +69,7 @@ inline bool isTemporaryFileOf(const std::string& name, const std::string& fileNa
 
 /// Refuses a folder that someone else could change files in: one owned by another user, or
 /// writable by group or others. Follows a symbolic link to the folder.
-inline FileResult checkPrivateDirectory(const std::filesystem::path& dir) {
+inline Status checkPrivateDirectory(const std::filesystem::path& dir) {
   struct stat info {};
   if (::stat(dir.c_str(), &info) != 0)
     return {"cannot use " + dir.string() + ": " + privatefiles::errnoText(errno)};
@@ -90,7 +87,7 @@ inline FileResult checkPrivateDirectory(const std::filesystem::path& dir) {
 
 /// Creates every missing folder of `dir` with mode 0700 whatever the umask, then refuses `dir`
 /// as checkPrivateDirectory does. Existing folders are left as they are.
-inline FileResult makePrivateDirectories(const std::filesystem::path& dir) {
+inline Status makePrivateDirectories(const std::filesystem::path& dir) {
   std::filesystem::path prefix;
   for (const auto& part : dir) {
     prefix /= part;
@@ -107,10 +104,10 @@ inline FileResult makePrivateDirectories(const std::filesystem::path& dir) {
 /// Creates `file` empty with mode 0600 whatever the umask, or checks the existing one, which
 /// it leaves unchanged. Refuses a symbolic link, a non-regular file and a file owned by another
 /// user.
-inline FileResult makePrivateFile(const std::filesystem::path& file) {
+inline Status makePrivateFile(const std::filesystem::path& file) {
   int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd >= 0) {
-    FileResult result;
+    Status result;
     if (::fchmod(fd, 0600) != 0)
       result.error =
           "cannot set the mode of " + file.string() + ": " + privatefiles::errnoText(errno);
@@ -123,7 +120,7 @@ inline FileResult makePrivateFile(const std::filesystem::path& file) {
   // on it, SQLite's included (another thread's open store, its -shm read marks).
   fd = ::open(file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return {"cannot open " + file.string() + ": " + privatefiles::errnoText(errno)};
-  FileResult result;
+  Status result;
   struct stat info {};
   if (::fstat(fd, &info) != 0) {
     result.error = "cannot inspect " + file.string() + ": " + privatefiles::errnoText(errno);
@@ -143,7 +140,7 @@ inline FileResult makePrivateFile(const std::filesystem::path& file) {
 /// older versions); a missing file is fine.
 /// The file's folder must be private already (checkPrivateDirectory): the mode is changed by
 /// name, since no descriptor of a store file may be closed while SQLite holds locks on it.
-inline FileResult restrictToOwner(const std::filesystem::path& file) {
+inline Status restrictToOwner(const std::filesystem::path& file) {
   struct stat info {};
   if (::lstat(file.c_str(), &info) != 0) {
     if (errno == ENOENT) return {};
@@ -180,7 +177,7 @@ inline void removeStaleTemporaryFiles(const std::filesystem::path& file) {
 /// mode 0600 (whatever the umask) under a unique name in the same folder, created exclusively
 /// so that nothing planted there is followed, flushes it and renames it over `file`. The folder
 /// must exist.
-inline FileResult writeFileAtomically(const std::filesystem::path& file, std::string_view bytes) {
+inline Status writeFileAtomically(const std::filesystem::path& file, std::string_view bytes) {
   const std::filesystem::path dir = privatefiles::folderOf(file);
   std::string temp = file.string() + std::string(privatefiles::kTemporarySuffix) + "XXXXXX";
   const int fd = ::mkostemp(temp.data(), O_CLOEXEC);  // O_CREAT | O_EXCL, mode 0600
@@ -189,7 +186,7 @@ inline FileResult writeFileAtomically(const std::filesystem::path& file, std::st
   }
   ::flock(fd, LOCK_EX);  // marks the file as in use until it is closed
   auto fail = [&](const std::string& what) {
-    FileResult result{what + " " + temp + ": " + privatefiles::errnoText(errno)};
+    Status result{what + " " + temp + ": " + privatefiles::errnoText(errno)};
     ::close(fd);
     ::unlink(temp.c_str());
     return result;
@@ -198,12 +195,12 @@ inline FileResult writeFileAtomically(const std::filesystem::path& file, std::st
   if (!privatefiles::writeAll(fd, bytes)) return fail("cannot write");
   if (::fsync(fd) != 0) return fail("cannot flush");
   if (::close(fd) != 0) {
-    FileResult result{"cannot close " + temp + ": " + privatefiles::errnoText(errno)};
+    Status result{"cannot close " + temp + ": " + privatefiles::errnoText(errno)};
     ::unlink(temp.c_str());
     return result;
   }
   if (::rename(temp.c_str(), file.c_str()) != 0) {
-    FileResult result{"cannot rename " + temp + " to " + file.string() + ": " +
+    Status result{"cannot rename " + temp + " to " + file.string() + ": " +
                       privatefiles::errnoText(errno)};
     ::unlink(temp.c_str());
     return result;

@@ -28,7 +28,7 @@ std::string errnoText(int error) { return std::strerror(error); }
 bool replaceFile(const std::string& path, const std::string& text, std::string* error) {
   const std::filesystem::path target(path);
   const std::filesystem::path dir = target.has_parent_path() ? target.parent_path() : ".";
-  detail::FileResult result = detail::makePrivateDirectories(dir);
+  detail::Status result = detail::makePrivateDirectories(dir);
   if (result) result = detail::writeFileAtomically(target, text);
   *error = result.error;
   return result.ok();

@@ -201,7 +201,7 @@ void Engine::saveRegions() const {
   json regions = json::array();
   for (const Region& region : monitored_) regions.push_back(regionToJson(region));
   const std::filesystem::path path(regionsPath_);
-  detail::FileResult saved =
+  detail::Status saved =
       detail::makePrivateDirectories(path.has_parent_path() ? path.parent_path() : ".");
   if (saved) saved = detail::writeFileAtomically(path, json{{"regions", regions}}.dump(2) + '\n');
   if (!saved)

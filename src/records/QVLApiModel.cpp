@@ -201,8 +201,12 @@ bool nestsDeeperThan(const json& value, int limit) {
   return false;
 }
 
-[[noreturn]] void reject(const QVLModelClass& cls, const std::string& key, const char* why) {
-  throw QVLMappingError(cls.name() + " \"" + key + "\": " + why);
+using qvl::detail::Failure;
+using qvl::detail::Result;
+
+// Input of the wrong kind rejects the one record it is part of.
+Failure reject(const QVLModelClass& cls, const std::string& key, const char* why) {
+  return {cls.name() + " \"" + key + "\": " + why};
 }
 
 using qvl::detail::MappingPlan;
@@ -382,13 +386,13 @@ class SimdNode {
 };
 
 template <class Node>
-qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, const Node& v) {
+Result<qvl::Value> convert(const QVLModelClass& cls, const MappingPlan::Field& field, const Node& v) {
   const qvl::Property& p = cls.property(field.property);
   const std::string& key = field.key;
   const NodeType type = v.type();
   if (type == NodeType::Null) {
-    if (!p.optional) reject(cls, key, "null for a value that cannot be absent");
-    return {};
+    if (!p.optional) return reject(cls, key, "null for a value that cannot be absent");
+    return qvl::Value{};
   }
   switch (p.kind) {
     case PropertyKind::Int:
@@ -398,72 +402,72 @@ qvl::Value convert(const QVLModelClass& cls, const MappingPlan::Field& field, co
         Number number = v.number();
         if (number.kind == Number::Unsigned) {
           if (number.u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-            reject(cls, key, "integer out of range");
+            return reject(cls, key, "integer out of range");
           }
           n = static_cast<std::int64_t>(number.u);
         } else if (number.kind == Number::Signed) {
           n = number.i;
         } else {
           if (!std::isfinite(number.d) || number.d >= 9.2e18 || number.d <= -9.2e18)
-            reject(cls, key, "number out of range");
+            return reject(cls, key, "number out of range");
           n = static_cast<std::int64_t>(number.d);
         }
       } else if (type == NodeType::Bool) {
         n = v.boolean() ? 1 : 0;
       } else {
-        reject(cls, key, "expected a number");
+        return reject(cls, key, "expected a number");
       }
       if (p.kind == PropertyKind::Int32 && (n < std::numeric_limits<std::int32_t>::min() ||
                                             n > std::numeric_limits<std::int32_t>::max())) {
-        reject(cls, key, "number out of 32-bit range");
+        return reject(cls, key, "number out of 32-bit range");
       }
-      return n;
+      return qvl::Value{n};
     }
     case PropertyKind::Bool:
-      if (type == NodeType::Bool) return v.boolean();
-      if (type == NodeType::Number) return v.number().asDouble() != 0.0;
-      reject(cls, key, "expected a boolean");
+      if (type == NodeType::Bool) return qvl::Value{v.boolean()};
+      if (type == NodeType::Number) return qvl::Value{v.number().asDouble() != 0.0};
+      return reject(cls, key, "expected a boolean");
     case PropertyKind::Double:
-      if (type == NodeType::Number) return v.number().asDouble();
-      if (type == NodeType::Bool) return v.boolean() ? 1.0 : 0.0;
-      reject(cls, key, "expected a number");
+      if (type == NodeType::Number) return qvl::Value{v.number().asDouble()};
+      if (type == NodeType::Bool) return qvl::Value{v.boolean() ? 1.0 : 0.0};
+      return reject(cls, key, "expected a number");
     case PropertyKind::String:
-      if (type == NodeType::String) return std::string(v.text());
+      if (type == NodeType::String) return qvl::Value{std::string(v.text())};
       // Text properties that keep JSON ("parameters", "limits") may arrive as structures.
       if (field.holdsJson && (type == NodeType::Object || type == NodeType::Array)) {
         auto text = v.jsonText();
-        if (!text) reject(cls, key, "JSON nested too deep");
-        return std::move(*text);
+        if (!text) return reject(cls, key, "JSON nested too deep");
+        return qvl::Value{std::move(*text)};
       }
-      reject(cls, key, "expected text");
+      return reject(cls, key, "expected text");
     case PropertyKind::Date: {
-      if (type != NodeType::String) reject(cls, key, "expected date text");
+      if (type != NodeType::String) return reject(cls, key, "expected date text");
       auto date = QVLDateFormatter::dateFromString(v.text());
       return date ? qvl::Value{*date} : qvl::Value{};
     }
     default:
-      reject(cls, key, "not a value property");
+      return reject(cls, key, "not a value property");
   }
 }
 
 // Follows a dotted key path; nullopt when a member is missing. A null on the way yields
 // that null; any other non-object on the way is input of the wrong kind.
 template <class Node>
-std::optional<Node> follow(const QVLModelClass& cls, const Node& root,
-                           const MappingPlan::Field& field) {
+Result<std::optional<Node>> follow(const QVLModelClass& cls, const Node& root,
+                                   const MappingPlan::Field& field) {
   Node current = root;
   bool atRoot = true;
   for (const auto& component : field.path) {
-    if (!atRoot && current.type() == NodeType::Null) return current;
+    if (!atRoot && current.type() == NodeType::Null) return std::optional<Node>(current);
     if (current.type() != NodeType::Object) {
-      reject(cls, field.key, "a member on the key path is not an object");
+      return reject(cls, field.key, "a member on the key path is not an object");
     }
     auto next = current.member(component);
-    if (!next) return std::nullopt;
+    if (!next) return std::optional<Node>();
     current = *next;
     atRoot = false;
   }
-  return current;
+  return std::optional<Node>(current);
 }
 
 // The stores a parse merges against: the handle given for the record and its to-one
@@ -489,43 +493,59 @@ class MergeStores {
 };
 
 template <class Node>
-std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const std::optional<Node>& dictionary,
-                                   qvl::Store* realm, MergeStores& stores);
+Result<std::shared_ptr<QVLApiModel>> parse(const QVLModelClass& cls,
+                                           const std::optional<Node>& dictionary,
+                                           qvl::Store* realm, MergeStores& stores);
 
+// The elements of a nested list; the first element that is rejected rejects the list.
 template <class Node>
-std::vector<std::shared_ptr<qvl::Object>> parseList(const QVLModelClass& cls, const Node& array,
-                                                    MergeStores& stores) {
+Result<std::vector<std::shared_ptr<qvl::Object>>> parseList(const QVLModelClass& cls,
+                                                            const Node& array,
+                                                            MergeStores& stores) {
   std::vector<std::shared_ptr<qvl::Object>> out;
+  std::optional<Failure> failed;
   out.reserve(array.size());
   array.forEach([&](const Node& element) {
+    if (failed) return;
     if (element.type() != NodeType::Object) {
-      throw QVLMappingError(cls.name() + ": an array element is not an object");
+      failed = Failure{cls.name() + ": an array element is not an object"};
+      return;
     }
-    out.push_back(parse<Node>(cls, element, stores.defaultStore(), stores));
+    auto record = parse<Node>(cls, element, stores.defaultStore(), stores);
+    if (!record) {
+      failed = record.failure();
+      return;
+    }
+    out.push_back(std::move(*record));
   });
+  if (failed) return std::move(*failed);
   return out;
 }
 
 // A record from a JSON object; an absent or null dictionary maps as an empty object.
 template <class Node>
-std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const std::optional<Node>& dictionary,
-                                   qvl::Store* realm, MergeStores& stores) {
+Result<std::shared_ptr<QVLApiModel>> parse(const QVLModelClass& cls,
+                                           const std::optional<Node>& dictionary,
+                                           qvl::Store* realm, MergeStores& stores) {
   const auto& plan = qvl::detail::mappingPlan(cls);
   std::optional<Node> J = dictionary;
   if (J && J->type() == NodeType::Null) J.reset();
   if (J && J->type() != NodeType::Object) {
-    throw QVLMappingError(cls.name() + ": the record is not a JSON object");
+    return Failure{cls.name() + ": the record is not a JSON object"};
   }
 
   auto record = std::static_pointer_cast<QVLApiModel>(cls.makeObject());
   std::vector<int> missing;
   for (const auto& field : plan.fields) {
-    std::optional<Node> v = J ? follow(cls, *J, field) : std::nullopt;
-    if (!v) {
+    Result<std::optional<Node>> v = J ? follow(cls, *J, field) : std::optional<Node>();
+    if (!v) return v.failure();
+    if (!*v) {
       missing.push_back(field.property);
       continue;
     }
-    record->setValue(field.property, convert(cls, field, *v));
+    Result<qvl::Value> value = convert(cls, field, **v);
+    if (!value) return value.failure();
+    record->setValue(field.property, std::move(*value));
   }
   for (const auto& relation : plan.relations) {
     std::optional<Node> related = J ? J->member(relation.jsonKey) : std::nullopt;
@@ -535,21 +555,25 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const std::optional
     }
     if (relation.type == QVLRelationTypeToOne) {
       if (related->type() != NodeType::Object) {
-        reject(cls, relation.jsonKey, "a to-one relation must be an object");
+        return reject(cls, relation.jsonKey, "a to-one relation must be an object");
       }
-      record->setLink(relation.property, parse(*relation.target, related, realm, stores));
+      auto target = parse(*relation.target, related, realm, stores);
+      if (!target) return target.failure();
+      record->setLink(relation.property, std::move(*target));
     } else {
       if (related->type() != NodeType::Array) {
-        reject(cls, relation.jsonKey, "a to-many relation must be an array");
+        return reject(cls, relation.jsonKey, "a to-many relation must be an array");
       }
       if (related->size() > 0) {
-        record->list(relation.property).assign(parseList(*relation.target, *related, stores));
+        auto elements = parseList(*relation.target, *related, stores);
+        if (!elements) return elements.failure();
+        record->list(relation.property).assign(std::move(*elements));
       }
     }
   }
 
   auto key = record->primaryKeyValue();
-  if (!key) return record;  // no stored twin to merge with
+  if (!key) return std::shared_ptr<QVLApiModel>(record);  // no stored twin to merge with
   std::shared_ptr<qvl::Object> twin;
   if (realm && realm->hasClass(cls)) twin = realm->object(cls, key);
   for (int index : missing) {
@@ -560,7 +584,7 @@ std::shared_ptr<QVLApiModel> parse(const QVLModelClass& cls, const std::optional
     if (twin) record->copyProperty(*twin, index);
     record->keepStoredValue(index);
   }
-  return record;
+  return std::shared_ptr<QVLApiModel>(record);
 }
 
 // One record per element of an array; anything but an array gives none. Each rejection is
@@ -574,10 +598,9 @@ std::vector<std::shared_ptr<QVLApiModel>> parseEach(
   out.reserve(array.size());
   array.forEach([&](const auto& element) {
     using Node = std::decay_t<decltype(element)>;
-    try {
-      if (element.type() != NodeType::Object) {
-        throw QVLMappingError(cls.name() + ": an array element is not an object");
-      }
+    Result<std::shared_ptr<QVLApiModel>> record =
+        Failure{cls.name() + ": an array element is not an object"};
+    if (element.type() == NodeType::Object) {
       if (listedKeys) {
         auto id = element.member("id");
         if (id && id->type() == NodeType::Number) {
@@ -587,13 +610,16 @@ std::vector<std::shared_ptr<QVLApiModel>> parseEach(
           }
         }
       }
-      out.push_back(parse<Node>(cls, element, realm, stores));
-    } catch (const QVLMappingError& e) {
-      log(std::string("Rejected ") + cls.name() + " record: " + e.what());
-      if (rejected) {
-        rejected->push_back(
-            QVLError{kQVLMappingErrorDomain, 1, qvl::Json::object({{"errorMessage", e.what()}})});
-      }
+      record = parse<Node>(cls, element, realm, stores);
+    }
+    if (record) {
+      out.push_back(std::move(*record));
+      return;
+    }
+    log(std::string("Rejected ") + cls.name() + " record: " + record.error());
+    if (rejected) {
+      rejected->push_back(QVLError{kQVLMappingErrorDomain, 1,
+                                   qvl::Json::object({{"errorMessage", record.error()}})});
     }
   });
   return out;
@@ -603,9 +629,6 @@ void logRejection(const std::string& line) {
   qvl::count(qvl::Counter::recordsRejected);
   qvl::log(qvl::LogLevel::error, line);
 }
-
-// Thrown when simdjson refuses part of an answer; the answer then goes the nlohmann way.
-struct FastParseRefused {};
 
 // The elements of an answer's top-level array, streamed: simdjson walks the text once and each
 // element, which must be an object, becomes a small document of its own, so the whole answer
@@ -617,6 +640,9 @@ class StreamedArray {
       : array_(&array), elementParser_(&elementParser) {}
   NodeType type() const { return NodeType::Array; }
   std::size_t size() const { return 0; }  // not known before the walk
+  /// True once simdjson refused an element: the walk stopped there, and the answer must go
+  /// the nlohmann way.
+  bool refused() const { return refused_; }
   template <class Each>
   void forEach(Each each) const {
     for (auto result : *array_) {
@@ -629,7 +655,8 @@ class StreamedArray {
           value.get_object().get(object) != simdjson::SUCCESS ||
           object.raw_json().get(text) != simdjson::SUCCESS ||
           elementParser_->parse(text.data(), text.size(), false).get(root) != simdjson::SUCCESS) {
-        throw FastParseRefused{};
+        refused_ = true;
+        return;
       }
       each(SimdNode(root));
     }
@@ -638,6 +665,7 @@ class StreamedArray {
  private:
   simdjson::ondemand::array* array_;
   simdjson::dom::parser* elementParser_;
+  mutable bool refused_ = false;
 };
 
 // An answer parsed by simdjson, or nothing when simdjson refuses it: text nlohmann accepts
@@ -669,12 +697,12 @@ namespace {
 // from nlohmann's document. `capacity` is what the text's buffer holds; with room for
 // simdjson's padding the text is read in place. `done` runs once the text is no longer needed.
 template <class Done>
-std::vector<std::shared_ptr<QVLApiModel>> recordsToMergeFromText(
+Result<std::vector<std::shared_ptr<QVLApiModel>>> recordsToMergeFromText(
     const QVLModelClass& cls, std::string_view text, std::size_t capacity,
     std::vector<std::int64_t>* listedKeys, Done done) {
   qvl::detail::mappingPlan(cls);
   std::vector<std::string> rejections;  // logged only when the walk completes
-  try {
+  {
     simdjson::padded_string copy;
     simdjson::padded_string_view view(text.data(), text.size(), capacity);
     if (capacity < text.size() + simdjson::SIMDJSON_PADDING) {
@@ -686,54 +714,59 @@ std::vector<std::shared_ptr<QVLApiModel>> recordsToMergeFromText(
     simdjson::ondemand::array array;
     simdjson::dom::parser elementParser;
     // A text that is not an array gives no records, unless it nests too deep: nlohmann decides.
-    if (parser.iterate(view).get(document) != simdjson::SUCCESS ||
-        document.get_array().get(array) != simdjson::SUCCESS ||
-        elementParser.allocate(4096, kQVLMaxJSONDepth - 1) != simdjson::SUCCESS) {
-      throw FastParseRefused{};
+    if (parser.iterate(view).get(document) == simdjson::SUCCESS &&
+        document.get_array().get(array) == simdjson::SUCCESS &&
+        elementParser.allocate(4096, kQVLMaxJSONDepth - 1) == simdjson::SUCCESS) {
+      MergeStores none(nullptr);
+      const StreamedArray streamed(array, elementParser);
+      auto records = parseEach(cls, streamed, nullptr, none, nullptr, listedKeys,
+                               [&](std::string line) { rejections.push_back(line); });
+      const char* trailing = nullptr;
+      if (!streamed.refused() && document.current_location().get(trailing) != simdjson::SUCCESS) {
+        done();
+        for (const auto& line : rejections) logRejection(line);
+        return records;
+      }
     }
-    MergeStores none(nullptr);
-    auto records = parseEach(cls, StreamedArray(array, elementParser), nullptr, none, nullptr,
-                             listedKeys, [&](std::string line) { rejections.push_back(line); });
-    const char* trailing = nullptr;
-    if (document.current_location().get(trailing) == simdjson::SUCCESS) throw FastParseRefused{};
-    done();
-    for (const auto& line : rejections) logRejection(line);
-    return records;
-  } catch (const FastParseRefused&) {
   }
   if (listedKeys) listedKeys->clear();
-  json document = qvl::detail::parseJSONData(text);
+  Result<json> document = qvl::detail::readServiceJSON(text);
   done();
-  return qvl::detail::recordsToMerge(cls, std::move(document), listedKeys);
+  if (!document) return document.failure();
+  return qvl::detail::recordsToMerge(cls, std::move(*document), listedKeys);
 }
 
 }  // namespace
 
-std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(
+qvl::detail::Result<std::vector<std::shared_ptr<QVLApiModel>>> qvl::detail::recordsToMerge(
     const QVLModelClass& cls, std::string&& text, std::vector<std::int64_t>* listedKeys) {
   text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
   return recordsToMergeFromText(cls, text, text.capacity(), listedKeys,
                                 [&text] { std::string().swap(text); });
 }
 
-std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::recordsToMerge(
+qvl::detail::Result<std::vector<std::shared_ptr<QVLApiModel>>> qvl::detail::recordsToMerge(
     const QVLModelClass& cls, const std::string& text, std::vector<std::int64_t>* listedKeys) {
   return recordsToMergeFromText(cls, text, text.capacity(), listedKeys, [] {});
 }
 
-std::shared_ptr<QVLApiModel> qvl::detail::recordToMerge(const QVLModelClass& cls,
-                                                        const json& dictionary) {
+qvl::detail::Result<std::shared_ptr<QVLApiModel>> qvl::detail::recordToMerge(
+    const QVLModelClass& cls, const json& dictionary) {
   MergeStores none(nullptr);
   std::optional<NlohmannNode> node;
   if (dictionary.is_object()) node.emplace(dictionary);
   return parse(cls, node, nullptr, none);
 }
 
-std::shared_ptr<QVLApiModel> qvl::detail::recordToMerge(const QVLModelClass& cls,
-                                                        std::string_view text) {
+qvl::detail::Result<std::shared_ptr<QVLApiModel>> qvl::detail::recordToMerge(
+    const QVLModelClass& cls, std::string_view text) {
   simdjson::dom::parser parser;
   auto root = parseFast(parser, text);
-  if (!root) return recordToMerge(cls, qvl::detail::parseJSONData(text));
+  if (!root) {
+    Result<json> document = qvl::detail::readServiceJSON(text);
+    if (!document) return document.failure();
+    return recordToMerge(cls, *document);
+  }
   MergeStores none(nullptr);
   std::optional<SimdNode> node;
   if (root->is_object()) node.emplace(*root);
@@ -746,18 +779,29 @@ const QVLModelClass& QVLApiModel::modelClass() {
   return cls;
 }
 
+namespace {
+
+// The public calls' contract: a record, or QVLMappingError naming why there is none.
+std::shared_ptr<QVLApiModel> recordOrThrow(Result<std::shared_ptr<QVLApiModel>> record) {
+  if (!record) throw QVLMappingError(record.error());
+  return std::move(*record);
+}
+
+}  // namespace
+
 std::shared_ptr<QVLApiModel> qvl::detail::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary,
                                                                       qvl::Store* realm) {
   MergeStores stores;
-  return parse(cls, std::optional<NlohmannNode>(dictionary), realm, stores);
+  return recordOrThrow(parse(cls, std::optional<NlohmannNode>(dictionary), realm, stores));
 }
 
 std::shared_ptr<QVLApiModel> qvl::detail::newObjectWithJSONDictionary(const QVLModelClass& cls,
                                                                       const json& dictionary) {
   qvl::detail::mappingPlan(cls);  // a class without a mapping raises before the store opens
   MergeStores stores(QVLRealm::realm());
-  return parse(cls, std::optional<NlohmannNode>(dictionary), stores.defaultStore(), stores);
+  return recordOrThrow(
+      parse(cls, std::optional<NlohmannNode>(dictionary), stores.defaultStore(), stores));
 }
 
 std::vector<std::shared_ptr<QVLApiModel>> qvl::detail::newObjectsWithJSONArray(
@@ -791,11 +835,25 @@ std::vector<std::shared_ptr<QVLApiModel>> QVLApiModel::newObjectsWithJSONArray(
   return qvl::detail::newObjectsWithJSONArray(cls, qvl::detail::nlohmannOf(array), realm, rejected);
 }
 
+namespace {
+
+std::string tooDeepText() {
+  return "the JSON nests arrays and objects deeper than " + std::to_string(kQVLMaxJSONDepth) +
+         " levels";
+}
+
+}  // namespace
+
+qvl::detail::Result<json> qvl::detail::readServiceJSON(std::string_view data) {
+  json result;
+  if (parseBoundedJSON(data, result, false) == JsonParse::tooDeep) return Failure{tooDeepText()};
+  return result;
+}
+
 json qvl::detail::parseJSONData(std::string_view data, bool allowExceptions) {
   json result;
   if (parseBoundedJSON(data, result, allowExceptions) == JsonParse::tooDeep) {
-    throw QVLMappingError("the JSON nests arrays and objects deeper than " +
-                          std::to_string(kQVLMaxJSONDepth) + " levels");
+    throw QVLMappingError(tooDeepText());
   }
   return result;
 }

@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/Result.h"
 #include "quorvel/records/QVLApiModel.h"
 
 namespace qvl::detail {
@@ -48,19 +49,20 @@ std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(
 /// The same from the service's answer text, streamed element by element (no document of the
 /// whole answer is built), and released once the records are mapped. The records, listed keys
 /// and rejections are those of the text's document: nesting deeper than kQVLMaxJSONDepth
-/// throws QVLMappingError, and text that is not JSON gives no records.
-std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(
+/// gives a Failure (nothing is mapped), and text that is not JSON gives no records.
+Result<std::vector<std::shared_ptr<QVLApiModel>>> recordsToMerge(
     const QVLModelClass& cls, std::string&& text, std::vector<std::int64_t>* listedKeys = nullptr);
 /// The same from text the caller keeps.
-std::vector<std::shared_ptr<QVLApiModel>> recordsToMerge(
+Result<std::vector<std::shared_ptr<QVLApiModel>>> recordsToMerge(
     const QVLModelClass& cls, const std::string& text,
     std::vector<std::int64_t>* listedKeys = nullptr);
 /// One record mapped as recordsToMerge maps each; anything but an object maps as an empty one.
-/// Throws QVLMappingError for values of the wrong kind.
-std::shared_ptr<QVLApiModel> recordToMerge(const QVLModelClass& cls,
-                                           const nlohmann::json& dictionary);
+/// A value of the wrong kind gives the Failure that names it.
+Result<std::shared_ptr<QVLApiModel>> recordToMerge(const QVLModelClass& cls,
+                                                   const nlohmann::json& dictionary);
 /// The same from an answer's text (see recordsToMerge for text that is not JSON).
-std::shared_ptr<QVLApiModel> recordToMerge(const QVLModelClass& cls, std::string_view text);
+Result<std::shared_ptr<QVLApiModel>> recordToMerge(const QVLModelClass& cls,
+                                                   std::string_view text);
 
 /// @name The QVLApiModel operations of the same names on the library's own JSON values
 ///@{
@@ -76,8 +78,10 @@ std::vector<std::shared_ptr<QVLApiModel>> newObjectsWithJSONArray(const QVLModel
 ///@}
 
 /// Service bytes as JSON, without recursion. Text that is not JSON gives a discarded value
-/// (is_discarded()), or throws nlohmann::json::parse_error when allowExceptions; arrays and
-/// objects nested deeper than kQVLMaxJSONDepth throw QVLMappingError.
+/// (is_discarded()); arrays and objects nested deeper than kQVLMaxJSONDepth give a Failure.
+Result<nlohmann::json> readServiceJSON(std::string_view data);
+/// The same, throwing: nlohmann::json::parse_error for text that is not JSON when
+/// allowExceptions (else a discarded value), QVLMappingError for nesting too deep.
 nlohmann::json parseJSONData(std::string_view data, bool allowExceptions = false);
 
 }  // namespace qvl::detail

@@ -110,9 +110,10 @@ std::string moveAside(const std::string& file) {
                                                   " file aside to " + aside + companion + ": " +
                                                   std::strerror(error)));
       }
-      detail::restrictToOwner(aside + companion);
+      // Best effort: the files stay inside the store's private folder either way.
+      (void)detail::restrictToOwner(aside + companion);
     }
-    detail::restrictToOwner(aside);
+    (void)detail::restrictToOwner(aside);
     return aside;
   }
   throw StoreError(
@@ -149,7 +150,7 @@ std::shared_ptr<Store> Store::open(const StoreConfiguration& configuration) {
   // anything. SQLite gives the -wal and -shm files the mode of the file.
   const std::filesystem::path file(configuration.path);
   const std::filesystem::path folder = file.has_parent_path() ? file.parent_path() : ".";
-  detail::FileResult usable = detail::checkPrivateDirectory(folder);
+  detail::Status usable = detail::checkPrivateDirectory(folder);
   if (!usable) throw StoreError(storeErrorText(configuration.path, usable.error));
   // Held while a file is moved aside too, so that no other opener sees it half moved.
   const FolderOpenLock openLock(configuration.path, folder, kBusyTimeout);

@@ -269,7 +269,7 @@ Sandbox::Impl::Impl(Options opts) : options(std::move(opts)) {
     throw std::runtime_error(made.error);
   }
   // SQLite creates its file (and the journal files after it) with the umask's mode.
-  qvl::detail::FileResult made = qvl::detail::makePrivateFile(dir + "/state.sqlite");
+  qvl::detail::Status made = qvl::detail::makePrivateFile(dir + "/state.sqlite");
   if (made) made = qvl::detail::restrictToOwner(dir + "/state.sqlite");  // an older sandbox's
   if (!made) throw std::runtime_error(made.error);
   certificates = std::make_unique<devserver::Certificates>(dir);
