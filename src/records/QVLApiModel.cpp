@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <mutex>
 #include <type_traits>
 
 #include <simdjson.h>
@@ -16,6 +17,19 @@
 
 using nlohmann::json;
 using qvl::PropertyKind;
+
+// ---- QVLException ----------------------------------------------------------------------
+
+struct QVLException::Impl {
+  std::string name, reason;
+};
+
+QVLException::QVLException(std::string name, std::string reason)
+    : std::logic_error(reason),
+      impl_(std::make_shared<const Impl>(Impl{std::move(name), std::move(reason)})) {}
+
+const std::string& QVLException::name() const { return impl_->name; }
+const std::string& QVLException::reason() const { return impl_->reason; }
 
 // ---- QVLModelClass ---------------------------------------------------------------------
 
@@ -70,39 +84,62 @@ QVLModelClass::Declaration& QVLModelClass::Declaration::linkingObjects(int index
   return *this;
 }
 
+// The plan is held by value: reaching it per record costs the flag test and no pointer
+// beyond impl_.
+struct QVLModelClass::Impl {
+  std::optional<std::string> plural, singular;
+  std::optional<std::vector<std::pair<std::string, std::string>>> mapping;
+  std::optional<std::vector<QVLRelationshipMapping>> relationships;
+  std::optional<std::vector<std::string>> protectedProperties;
+  std::vector<std::string> jsonText;
+  std::once_flag planOnce;
+  qvl::detail::MappingPlan plan;  // set once, under planOnce
+};
+
 QVLModelClass::QVLModelClass(Declaration d)
     : qvl::ObjectClass(d.name, std::move(d.properties), d.primaryKey, std::move(d.factory)),
-      plural_(std::move(d.apiResourcePlural)),
-      singular_(std::move(d.apiResourceSingular)),
-      mapping_(std::move(d.mapping)),
-      relationships_(std::move(d.mappingRelationships)),
-      protected_(std::move(d.protectedProperties)),
-      jsonText_(std::move(d.jsonTextProperties)) {}
+      impl_(new Impl{std::move(d.apiResourcePlural),
+                     std::move(d.apiResourceSingular),
+                     std::move(d.mapping),
+                     std::move(d.mappingRelationships),
+                     std::move(d.protectedProperties),
+                     std::move(d.jsonTextProperties),
+                     {},
+                     {}}) {}
 
 QVLModelClass::~QVLModelClass() = default;
 
 const std::string& QVLModelClass::apiResourcePlural() const {
-  if (!plural_) {
+  if (!impl_->plural) {
     throw QVLException("apiResource plural not implemented on model",
                        "You have not implemented the apiResource plural method on " + name());
   }
-  return *plural_;
+  return *impl_->plural;
 }
 
 const std::string& QVLModelClass::apiResourceSingular() const {
-  if (!singular_) {
+  if (!impl_->singular) {
     throw QVLException("apiResource singular not implemented on model",
                        "You have not implemented the apiResource singular method on " + name());
   }
-  return *singular_;
+  return *impl_->singular;
 }
 
 const std::vector<std::pair<std::string, std::string>>& QVLModelClass::mapping() const {
-  if (!mapping_) {
+  if (!impl_->mapping) {
     throw QVLException("mapping not implemented on model",
                        "You have not implemented the mapping method on " + name());
   }
-  return *mapping_;
+  return *impl_->mapping;
+}
+
+const std::optional<std::vector<QVLRelationshipMapping>>& QVLModelClass::mappingRelationships()
+    const {
+  return impl_->relationships;
+}
+
+const std::optional<std::vector<std::string>>& QVLModelClass::protectedProperties() const {
+  return impl_->protectedProperties;
 }
 
 std::optional<std::string> QVLModelClass::propertyTypeFromPropertyString(
@@ -131,18 +168,19 @@ std::optional<std::string> QVLModelClass::propertyTypeFromPropertyString(
 }
 
 const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass& cls) {
-  std::call_once(cls.planOnce_, [&cls] {
+  QVLModelClass::Impl& impl = *cls.impl_;
+  std::call_once(impl.planOnce, [&cls, &impl] {
     auto fail = [&cls](const std::string& what) {
       throw std::logic_error(cls.name() + ": " + what);
     };
-    auto plan = std::make_unique<MappingPlan>();
+    MappingPlan plan;
     for (const auto& [key, propertyName] : cls.mapping()) {
       int index = cls.propertyIndex(propertyName);
       if (index < 0 || !cls.property(index).isScalar()) {
         fail("mapping names '" + propertyName + "', which is not a stored value");
       }
-      bool holdsJson = std::find(cls.jsonText_.begin(), cls.jsonText_.end(), propertyName) !=
-                       cls.jsonText_.end();
+      bool holdsJson = std::find(impl.jsonText.begin(), impl.jsonText.end(), propertyName) !=
+                       impl.jsonText.end();
       MappingPlan::Field field{{}, key, index, holdsJson};
       size_t start = 0;
       while (true) {
@@ -151,10 +189,10 @@ const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass& cl
         if (dot == std::string::npos) break;
         start = dot + 1;
       }
-      plan->fields.push_back(std::move(field));
+      plan.fields.push_back(std::move(field));
     }
-    if (cls.relationships_) {
-      for (const auto& m : *cls.relationships_) {
+    if (impl.relationships) {
+      for (const auto& m : *impl.relationships) {
         if (m.relationType() != QVLRelationTypeToOne && m.relationType() != QVLRelationTypeToMany) {
           continue;
         }
@@ -165,20 +203,20 @@ const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass& cl
           fail("relation '" + m.jsonKey() + "' names '" + m.classProperty() +
                "', which is not a matching relation property");
         }
-        plan->relations.push_back(
+        plan.relations.push_back(
             {m.relationType(), m.jsonKey(), m.toOneRelationKey(), index, &m.objectClass()});
       }
     }
-    if (cls.protected_) {
-      for (const auto& propertyName : *cls.protected_) {
+    if (impl.protectedProperties) {
+      for (const auto& propertyName : *impl.protectedProperties) {
         int index = cls.propertyIndex(propertyName);
         if (index < 0) fail("protected property '" + propertyName + "' does not exist");
-        plan->protectedIndexes.push_back(index);
+        plan.protectedIndexes.push_back(index);
       }
     }
-    cls.plan_ = std::move(plan);
+    impl.plan = std::move(plan);
   });
-  return *cls.plan_;
+  return impl.plan;
 }
 
 // ---- JSON to record --------------------------------------------------------------------

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -24,15 +23,21 @@
 class QVL_EXPORT QVLException : public std::logic_error {
  public:
   /// An exception named `name` whose what() is `reason`.
-  QVLException(std::string name, std::string reason)
-      : std::logic_error(reason), name_(std::move(name)), reason_(std::move(reason)) {}
+  QVLException(std::string name, std::string reason);
+  /// Copies share the exception's texts and never throw; a move copies, so that the
+  /// exception moved from keeps its texts.
+  ///@{
+  QVLException(const QVLException& other) = default;
+  QVLException& operator=(const QVLException& other) = default;
+  ///@}
   /// The exception name: which declaration is missing.
-  const std::string& name() const { return name_; }
+  const std::string& name() const;
   /// The reason, naming the class (same text as what()).
-  const std::string& reason() const { return reason_; }
+  const std::string& reason() const;
 
  private:
-  std::string name_, reason_;
+  struct Impl;
+  std::shared_ptr<const Impl> impl_;
 };
 
 /// Service JSON with a value of the wrong kind for a record (text under a number, null
@@ -116,11 +121,9 @@ class QVL_EXPORT QVLModelClass : public qvl::ObjectClass {
   const std::vector<std::pair<std::string, std::string>>& mapping() const;
   ///@}
   /// nullopt when the class declares none.
-  const std::optional<std::vector<QVLRelationshipMapping>>& mappingRelationships() const {
-    return relationships_;
-  }
+  const std::optional<std::vector<QVLRelationshipMapping>>& mappingRelationships() const;
   /// Properties JSON never sets; nullopt when the class declares none.
-  const std::optional<std::vector<std::string>>& protectedProperties() const { return protected_; }
+  const std::optional<std::vector<std::string>>& protectedProperties() const;
 
   /// The property's class name as the original runtime declared it ("NSDate",
   /// "NSString", "NSNumber<RLMInt>", "RLMArray<QVLPost>", ...), or nullopt for plain
@@ -130,13 +133,8 @@ class QVL_EXPORT QVLModelClass : public qvl::ObjectClass {
  private:
   friend const qvl::detail::MappingPlan& qvl::detail::mappingPlan(const QVLModelClass&);
 
-  std::optional<std::string> plural_, singular_;
-  std::optional<std::vector<std::pair<std::string, std::string>>> mapping_;
-  std::optional<std::vector<QVLRelationshipMapping>> relationships_;
-  std::optional<std::vector<std::string>> protected_;
-  std::vector<std::string> jsonText_;
-  mutable std::once_flag planOnce_;
-  mutable std::unique_ptr<const qvl::detail::MappingPlan> plan_;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 /// Lets a record type be named where the store wants a class reference.
