@@ -1,5 +1,6 @@
 #include "quorvel/records/QVLPostFields.h"
 
+#include <memory>
 #include <string_view>
 
 #include "platform/JsonImpl.h"
@@ -71,70 +72,194 @@ std::optional<std::string> trimmedText(const qvl::Json& value, const char* key) 
   return std::string(text.substr(first, end - first));
 }
 
+// A view's state copied for a copy of the view; an empty view stays empty.
+template <class Impl>
+std::unique_ptr<Impl> copyOf(const std::unique_ptr<Impl>& impl) {
+  return impl ? std::make_unique<Impl>(*impl) : nullptr;
+}
+
 }  // namespace
+
+struct QVLPostFieldText::Impl {
+  std::optional<std::string> content;
+};
+
+QVLPostFieldText::QVLPostFieldText() = default;
+QVLPostFieldText::~QVLPostFieldText() = default;
+QVLPostFieldText::QVLPostFieldText(const QVLPostFieldText& other) : impl_(copyOf(other.impl_)) {}
+QVLPostFieldText& QVLPostFieldText::operator=(const QVLPostFieldText& other) {
+  if (this != &other) impl_ = copyOf(other.impl_);
+  return *this;
+}
+QVLPostFieldText::QVLPostFieldText(QVLPostFieldText&& other) noexcept = default;
+QVLPostFieldText& QVLPostFieldText::operator=(QVLPostFieldText&& other) noexcept = default;
+
+const QVLPostFieldText::Impl& QVLPostFieldText::fields() const {
+  static const Impl kEmpty;
+  return impl_ ? *impl_ : kEmpty;
+}
+
+const std::optional<std::string>& QVLPostFieldText::content() const { return fields().content; }
+
+const std::optional<std::string>& QVLPostFieldText::text() const { return fields().content; }
 
 std::optional<QVLPostFieldText> QVLPostFieldText::initWithPostField(const QVLPostField& field) {
   if (field.postFieldTypeId() != QVLPostFieldTypeText) return std::nullopt;
   QVLPostFieldText view;
-  view.content_ = field.content();
+  view.impl_ = std::make_unique<Impl>(Impl{field.content()});
   return view;
 }
+
+struct QVLPostFieldImages::Impl {
+  qvl::Json json;
+};
+
+QVLPostFieldImages::QVLPostFieldImages() = default;
+QVLPostFieldImages::~QVLPostFieldImages() = default;
+QVLPostFieldImages::QVLPostFieldImages(const QVLPostFieldImages& other)
+    : impl_(copyOf(other.impl_)) {}
+QVLPostFieldImages& QVLPostFieldImages::operator=(const QVLPostFieldImages& other) {
+  if (this != &other) impl_ = copyOf(other.impl_);
+  return *this;
+}
+QVLPostFieldImages::QVLPostFieldImages(QVLPostFieldImages&& other) noexcept = default;
+QVLPostFieldImages& QVLPostFieldImages::operator=(QVLPostFieldImages&& other) noexcept = default;
+
+const QVLPostFieldImages::Impl& QVLPostFieldImages::fields() const {
+  static const Impl kEmpty;
+  return impl_ ? *impl_ : kEmpty;
+}
+
+const qvl::Json& QVLPostFieldImages::json() const { return fields().json; }
 
 std::optional<QVLPostFieldImages> QVLPostFieldImages::initWithPostField(const QVLPostField& field) {
   auto json = jsonOf(field, QVLPostFieldTypeImages);
   if (!json) return std::nullopt;
   QVLPostFieldImages view;
-  view.json_ = std::move(*json);
+  view.impl_ = std::make_unique<Impl>(Impl{std::move(*json)});
   return view;
 }
 
 std::optional<std::string> QVLPostFieldImages::text() const {
-  return untypedText(json_, "imageText");
+  return untypedText(fields().json, "imageText");
 }
+
+struct QVLPostFieldVideo::Impl {
+  std::optional<std::string> content;
+};
+
+QVLPostFieldVideo::QVLPostFieldVideo() = default;
+QVLPostFieldVideo::~QVLPostFieldVideo() = default;
+QVLPostFieldVideo::QVLPostFieldVideo(const QVLPostFieldVideo& other) : impl_(copyOf(other.impl_)) {}
+QVLPostFieldVideo& QVLPostFieldVideo::operator=(const QVLPostFieldVideo& other) {
+  if (this != &other) impl_ = copyOf(other.impl_);
+  return *this;
+}
+QVLPostFieldVideo::QVLPostFieldVideo(QVLPostFieldVideo&& other) noexcept = default;
+QVLPostFieldVideo& QVLPostFieldVideo::operator=(QVLPostFieldVideo&& other) noexcept = default;
+
+const QVLPostFieldVideo::Impl& QVLPostFieldVideo::fields() const {
+  static const Impl kEmpty;
+  return impl_ ? *impl_ : kEmpty;
+}
+
+const std::optional<std::string>& QVLPostFieldVideo::content() const { return fields().content; }
 
 std::optional<QVLPostFieldVideo> QVLPostFieldVideo::initWithPostField(const QVLPostField& field) {
   if (field.postFieldTypeId() != QVLPostFieldTypeVideo) return std::nullopt;
   QVLPostFieldVideo view;
-  view.content_ = field.content();
+  view.impl_ = std::make_unique<Impl>(Impl{field.content()});
   return view;
 }
 
 std::optional<qvl::Url> QVLPostFieldVideo::youtubeURL() const {
-  return content_ ? qvl::Url::parse(*content_) : std::nullopt;
+  const auto& content = fields().content;
+  return content ? qvl::Url::parse(*content) : std::nullopt;
 }
+
+struct QVLPostFieldCoupon::Impl {
+  qvl::Json json;
+};
+
+QVLPostFieldCoupon::QVLPostFieldCoupon() = default;
+QVLPostFieldCoupon::~QVLPostFieldCoupon() = default;
+QVLPostFieldCoupon::QVLPostFieldCoupon(const QVLPostFieldCoupon& other)
+    : impl_(copyOf(other.impl_)) {}
+QVLPostFieldCoupon& QVLPostFieldCoupon::operator=(const QVLPostFieldCoupon& other) {
+  if (this != &other) impl_ = copyOf(other.impl_);
+  return *this;
+}
+QVLPostFieldCoupon::QVLPostFieldCoupon(QVLPostFieldCoupon&& other) noexcept = default;
+QVLPostFieldCoupon& QVLPostFieldCoupon::operator=(QVLPostFieldCoupon&& other) noexcept = default;
+
+const QVLPostFieldCoupon::Impl& QVLPostFieldCoupon::fields() const {
+  static const Impl kEmpty;
+  return impl_ ? *impl_ : kEmpty;
+}
+
+const qvl::Json& QVLPostFieldCoupon::json() const { return fields().json; }
 
 std::optional<QVLPostFieldCoupon> QVLPostFieldCoupon::initWithPostField(const QVLPostField& field) {
   auto json = jsonOf(field, QVLPostFieldTypeCoupon);
   if (!json) return std::nullopt;
   QVLPostFieldCoupon view;
-  view.json_ = std::move(*json);
+  view.impl_ = std::make_unique<Impl>(Impl{std::move(*json)});
   return view;
 }
 
-std::optional<std::string> QVLPostFieldCoupon::text() const { return trimmedText(json_, "text"); }
+std::optional<std::string> QVLPostFieldCoupon::text() const {
+  return trimmedText(fields().json, "text");
+}
 std::optional<std::string> QVLPostFieldCoupon::priceBefore() const {
-  return trimmedText(json_, "price_before");
+  return trimmedText(fields().json, "price_before");
 }
-std::optional<std::string> QVLPostFieldCoupon::price() const { return trimmedText(json_, "price"); }
+std::optional<std::string> QVLPostFieldCoupon::price() const {
+  return trimmedText(fields().json, "price");
+}
 std::optional<std::string> QVLPostFieldCoupon::discount() const {
-  return trimmedText(json_, "discount");
+  return trimmedText(fields().json, "discount");
 }
-bool QVLPostFieldCoupon::redeemable() const { return json_.contains("redeemable"); }
+bool QVLPostFieldCoupon::redeemable() const { return fields().json.contains("redeemable"); }
+
+struct QVLPostFieldCallToAction::Impl {
+  qvl::Json json;
+};
+
+QVLPostFieldCallToAction::QVLPostFieldCallToAction() = default;
+QVLPostFieldCallToAction::~QVLPostFieldCallToAction() = default;
+QVLPostFieldCallToAction::QVLPostFieldCallToAction(const QVLPostFieldCallToAction& other)
+    : impl_(copyOf(other.impl_)) {}
+QVLPostFieldCallToAction& QVLPostFieldCallToAction::operator=(
+    const QVLPostFieldCallToAction& other) {
+  if (this != &other) impl_ = copyOf(other.impl_);
+  return *this;
+}
+QVLPostFieldCallToAction::QVLPostFieldCallToAction(QVLPostFieldCallToAction&& other) noexcept =
+    default;
+QVLPostFieldCallToAction& QVLPostFieldCallToAction::operator=(
+    QVLPostFieldCallToAction&& other) noexcept = default;
+
+const QVLPostFieldCallToAction::Impl& QVLPostFieldCallToAction::fields() const {
+  static const Impl kEmpty;
+  return impl_ ? *impl_ : kEmpty;
+}
+
+const qvl::Json& QVLPostFieldCallToAction::json() const { return fields().json; }
 
 std::optional<QVLPostFieldCallToAction> QVLPostFieldCallToAction::initWithPostField(
     const QVLPostField& field) {
   auto json = jsonOf(field, QVLPostFieldTypeCallToAction);
   if (!json) return std::nullopt;
   QVLPostFieldCallToAction view;
-  view.json_ = std::move(*json);
+  view.impl_ = std::make_unique<Impl>(Impl{std::move(*json)});
   return view;
 }
 
 std::optional<std::string> QVLPostFieldCallToAction::text() const {
-  return untypedText(json_, "text");
+  return untypedText(fields().json, "text");
 }
 
 std::optional<qvl::Url> QVLPostFieldCallToAction::url() const {
-  auto text = untypedText(json_, "url");
+  auto text = untypedText(fields().json, "url");
   return text ? qvl::Url::parse(*text) : std::nullopt;
 }

@@ -10,6 +10,7 @@
 /// The views are values independent of the field they came from: copy them freely, use
 /// them on any thread.
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -24,13 +25,26 @@ class QVL_EXPORT QVLPostFieldText {
   /// The view of a type-1 field; nullopt for another type (see the file comment).
   static std::optional<QVLPostFieldText> initWithPostField(const QVLPostField& field);
 
+  /// An empty view (no content). Copies are independent values; a view moved from
+  /// reads as an empty one.
+  ///@{
+  QVLPostFieldText();
+  ~QVLPostFieldText();
+  QVLPostFieldText(const QVLPostFieldText& other);
+  QVLPostFieldText& operator=(const QVLPostFieldText& other);
+  QVLPostFieldText(QVLPostFieldText&& other) noexcept;
+  QVLPostFieldText& operator=(QVLPostFieldText&& other) noexcept;
+  ///@}
+
   /// The field's content as it was, absent included.
-  const std::optional<std::string>& content() const { return content_; }
+  const std::optional<std::string>& content() const;
   /// The content.
-  const std::optional<std::string>& text() const { return content_; }
+  const std::optional<std::string>& text() const;
 
  private:
-  std::optional<std::string> content_;
+  struct Impl;
+  const Impl& fields() const;
+  std::unique_ptr<Impl> impl_;  // null when empty or moved from
 };
 
 /// Type 2: a JSON object describing images.
@@ -39,14 +53,27 @@ class QVL_EXPORT QVLPostFieldImages {
   /// The view of a type-2 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldImages> initWithPostField(const QVLPostField& field);
 
+  /// An empty view (its JSON a null). Copies are independent values; a view moved from
+  /// reads as an empty one.
+  ///@{
+  QVLPostFieldImages();
+  ~QVLPostFieldImages();
+  QVLPostFieldImages(const QVLPostFieldImages& other);
+  QVLPostFieldImages& operator=(const QVLPostFieldImages& other);
+  QVLPostFieldImages(QVLPostFieldImages&& other) noexcept;
+  QVLPostFieldImages& operator=(QVLPostFieldImages&& other) noexcept;
+  ///@}
+
   /// The parsed content: always a JSON object.
-  const qvl::Json& json() const { return json_; }
+  const qvl::Json& json() const;
   /// json["imageText"]: text as it stands; another kind of value as its JSON text;
   /// nullopt when absent or null.
   std::optional<std::string> text() const;
 
  private:
-  qvl::Json json_;
+  struct Impl;
+  const Impl& fields() const;
+  std::unique_ptr<Impl> impl_;  // null when empty or moved from
 };
 
 /// Type 3: a video URL as text.
@@ -55,13 +82,26 @@ class QVL_EXPORT QVLPostFieldVideo {
   /// The view of a type-3 field; nullopt for another type.
   static std::optional<QVLPostFieldVideo> initWithPostField(const QVLPostField& field);
 
+  /// An empty view (no content). Copies are independent values; a view moved from
+  /// reads as an empty one.
+  ///@{
+  QVLPostFieldVideo();
+  ~QVLPostFieldVideo();
+  QVLPostFieldVideo(const QVLPostFieldVideo& other);
+  QVLPostFieldVideo& operator=(const QVLPostFieldVideo& other);
+  QVLPostFieldVideo(QVLPostFieldVideo&& other) noexcept;
+  QVLPostFieldVideo& operator=(QVLPostFieldVideo&& other) noexcept;
+  ///@}
+
   /// The field's content as it was, absent included.
-  const std::optional<std::string>& content() const { return content_; }
+  const std::optional<std::string>& content() const;
   /// The content as a URL; nullopt when absent or not a URL.
   std::optional<qvl::Url> youtubeURL() const;
 
  private:
-  std::optional<std::string> content_;
+  struct Impl;
+  const Impl& fields() const;
+  std::unique_ptr<Impl> impl_;  // null when empty or moved from
 };
 
 /// Type 6: a coupon as a JSON object.
@@ -75,8 +115,19 @@ class QVL_EXPORT QVLPostFieldCoupon {
   /// The view of a type-6 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldCoupon> initWithPostField(const QVLPostField& field);
 
+  /// An empty view (its JSON a null). Copies are independent values; a view moved from
+  /// reads as an empty one.
+  ///@{
+  QVLPostFieldCoupon();
+  ~QVLPostFieldCoupon();
+  QVLPostFieldCoupon(const QVLPostFieldCoupon& other);
+  QVLPostFieldCoupon& operator=(const QVLPostFieldCoupon& other);
+  QVLPostFieldCoupon(QVLPostFieldCoupon&& other) noexcept;
+  QVLPostFieldCoupon& operator=(QVLPostFieldCoupon&& other) noexcept;
+  ///@}
+
   /// The parsed content: always a JSON object.
-  const qvl::Json& json() const { return json_; }
+  const qvl::Json& json() const;
   ///@{
   /// The trimmed text under "text", "price_before", "price" and "discount", as above.
   std::optional<std::string> text() const;
@@ -89,7 +140,9 @@ class QVL_EXPORT QVLPostFieldCoupon {
   bool redeemable() const;
 
  private:
-  qvl::Json json_;
+  struct Impl;
+  const Impl& fields() const;
+  std::unique_ptr<Impl> impl_;  // null when empty or moved from
 };
 
 /// Type 7: a call to action as a JSON object. Unlike the coupon's, its texts are neither
@@ -99,8 +152,19 @@ class QVL_EXPORT QVLPostFieldCallToAction {
   /// The view of a type-7 field whose content is a JSON object; nullopt otherwise.
   static std::optional<QVLPostFieldCallToAction> initWithPostField(const QVLPostField& field);
 
+  /// An empty view (its JSON a null). Copies are independent values; a view moved from
+  /// reads as an empty one.
+  ///@{
+  QVLPostFieldCallToAction();
+  ~QVLPostFieldCallToAction();
+  QVLPostFieldCallToAction(const QVLPostFieldCallToAction& other);
+  QVLPostFieldCallToAction& operator=(const QVLPostFieldCallToAction& other);
+  QVLPostFieldCallToAction(QVLPostFieldCallToAction&& other) noexcept;
+  QVLPostFieldCallToAction& operator=(QVLPostFieldCallToAction&& other) noexcept;
+  ///@}
+
   /// The parsed content: always a JSON object.
-  const qvl::Json& json() const { return json_; }
+  const qvl::Json& json() const;
   /// json["text"]: text as it stands; another kind of value as its JSON text; nullopt
   /// when absent or null.
   std::optional<std::string> text() const;
@@ -108,5 +172,7 @@ class QVL_EXPORT QVLPostFieldCallToAction {
   std::optional<qvl::Url> url() const;
 
  private:
-  qvl::Json json_;
+  struct Impl;
+  const Impl& fields() const;
+  std::unique_ptr<Impl> impl_;  // null when empty or moved from
 };
