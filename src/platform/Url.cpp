@@ -62,33 +62,62 @@ std::string part(CURLU* url, CURLUPart which) {
 
 }  // namespace
 
+struct Url::Impl {
+  std::string text, scheme, host, path;
+  std::optional<int> port;
+};
+
+Url::Url() = default;
+Url::~Url() = default;
+Url::Url(const Url& other) : impl_(other.impl_ ? std::make_unique<Impl>(*other.impl_) : nullptr) {}
+Url& Url::operator=(const Url& other) {
+  if (this != &other) impl_ = other.impl_ ? std::make_unique<Impl>(*other.impl_) : nullptr;
+  return *this;
+}
+Url::Url(Url&& other) noexcept = default;
+Url& Url::operator=(Url&& other) noexcept = default;
+
+const Url::Impl& Url::fields() const {
+  static const Impl kEmpty;
+  return impl_ ? *impl_ : kEmpty;
+}
+
+const std::string& Url::absoluteString() const { return fields().text; }
+const std::string& Url::scheme() const { return fields().scheme; }
+const std::string& Url::host() const { return fields().host; }
+const std::string& Url::path() const { return fields().path; }
+std::optional<int> Url::port() const { return fields().port; }
+bool Url::operator==(const Url& other) const { return fields().text == other.fields().text; }
+
 std::optional<Url> Url::parse(std::string_view text) {
   if (text.empty() || !charactersAllowed(text)) return std::nullopt;
   Url url;
-  url.text_ = std::string(text);
+  url.impl_ = std::make_unique<Impl>();
+  Impl& parts = *url.impl_;
+  parts.text = std::string(text);
   size_t schemeEnd = schemeLength(text);
   if (schemeEnd == 0) {
     // A reference without a scheme: its path is everything before a query or fragment.
-    url.path_ = url.text_.substr(0, url.text_.find_first_of("?#"));
+    parts.path = parts.text.substr(0, parts.text.find_first_of("?#"));
     return url;
   }
   for (size_t i = 0; i < schemeEnd; ++i) {
-    url.scheme_.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(text[i]))));
+    parts.scheme.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(text[i]))));
   }
   std::string_view rest = text.substr(schemeEnd + 1);
   if (rest.substr(0, 2) != "//") {
-    url.path_ = std::string(rest.substr(0, rest.find_first_of("?#")));
+    parts.path = std::string(rest.substr(0, rest.find_first_of("?#")));
     return url;
   }
   std::unique_ptr<CURLU, CurlUrlDeleter> parsed(curl_url());
-  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.text_.c_str(),
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, parts.text.c_str(),
                               CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
     return std::nullopt;
   }
-  url.host_ = part(parsed.get(), CURLUPART_HOST);
-  url.path_ = part(parsed.get(), CURLUPART_PATH);
+  parts.host = part(parsed.get(), CURLUPART_HOST);
+  parts.path = part(parsed.get(), CURLUPART_PATH);
   std::string port = part(parsed.get(), CURLUPART_PORT);
-  if (!port.empty()) url.port_ = std::stoi(port);
+  if (!port.empty()) parts.port = std::stoi(port);
   return url;
 }
 

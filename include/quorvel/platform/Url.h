@@ -2,6 +2,7 @@
 /// @file
 /// A URL value: the text as given, checked, with its parts.
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,23 +25,35 @@ class QVL_EXPORT Url {
   /// The URL of `text`, or nullopt when it is rejected as described above.
   static std::optional<Url> parse(std::string_view text);
 
+  /// An empty URL: every part empty. Copies are independent values; a URL moved from
+  /// reads as an empty one.
+  ///@{
+  Url();
+  ~Url();
+  Url(const Url& other);
+  Url& operator=(const Url& other);
+  Url(Url&& other) noexcept;
+  Url& operator=(Url&& other) noexcept;
+  ///@}
+
   /// The text exactly as parsed.
-  const std::string& absoluteString() const { return text_; }
+  const std::string& absoluteString() const;
   /// Lower-cased scheme; empty for a reference without one.
-  const std::string& scheme() const { return scheme_; }
+  const std::string& scheme() const;
   /// Host of a hierarchical URL; empty otherwise.
-  const std::string& host() const { return host_; }
+  const std::string& host() const;
   /// Path as written (still percent-encoded).
-  const std::string& path() const { return path_; }
+  const std::string& path() const;
   /// The port written in the URL; nullopt when none is (the scheme's default applies).
-  std::optional<int> port() const { return port_; }
+  std::optional<int> port() const;
 
   /// Equal texts: URLs that differ only in spelling ("HTTP:" vs "http:") differ.
-  bool operator==(const Url& other) const { return text_ == other.text_; }
+  bool operator==(const Url& other) const;
 
  private:
-  std::string text_, scheme_, host_, path_;
-  std::optional<int> port_;
+  struct Impl;
+  const Impl& fields() const;
+  std::unique_ptr<Impl> impl_;  // null when empty or moved from
 };
 
 }  // namespace qvl
