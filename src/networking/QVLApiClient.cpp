@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 
 #include "networking/HostNames.h"
@@ -101,14 +102,25 @@ ApiTrust apiTrust(const qvl::Env& env) {
 
 }  // namespace
 
+struct QVLApiClient::Impl {
+  std::atomic<QVLApiEnvironment> environment{QVLApiEnvironmentUnset};
+};
+
+QVLApiClient::QVLApiClient() : impl_(std::make_unique<Impl>()) {}
+QVLApiClient::~QVLApiClient() = default;
+
 QVLApiClient& QVLApiClient::sharedClient() {
   static const char key = 0;
   return qvl::detail::currentContext()->service<QVLApiClient>(
       &key, [] { return std::shared_ptr<QVLApiClient>(new QVLApiClient()); });
 }
 
+QVLApiEnvironment QVLApiClient::environment() const {
+  return impl_->environment.load(std::memory_order_relaxed);
+}
+
 void QVLApiClient::setEnvironment(QVLApiEnvironment environment) {
-  if (environment_.exchange(environment, std::memory_order_relaxed) == environment) return;
+  if (impl_->environment.exchange(environment, std::memory_order_relaxed) == environment) return;
   setupPinning();
 }
 

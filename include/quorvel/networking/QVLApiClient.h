@@ -3,7 +3,6 @@
 /// The library's one door to the service: environment, headers, requests, pinning, and the
 /// operations that move records between the service and the store.
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -72,13 +71,15 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   /// outside any; see qvl::Context), made on first call (thread-safe). It lives as long as
   /// its context, and the standard context's for the whole process.
   static QVLApiClient& sharedClient();
+  /// Never runs for the shared client; declared for its private state.
+  ~QVLApiClient() override;
 
   // ---- environment and configuration ----------------------------------------------------
 
   /// Set once by the host at start-up. Setting a different value configures pinning for
   /// the new environment (setupPinning); setting the current value does nothing.
   ///@{
-  QVLApiEnvironment environment() const { return environment_.load(std::memory_order_relaxed); }
+  QVLApiEnvironment environment() const;
   void setEnvironment(QVLApiEnvironment environment);
   ///@}
 
@@ -249,7 +250,7 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   }
 
  private:
-  QVLApiClient() = default;
+  QVLApiClient();
   void ensurePinning();
   void sendListRequest(const QVLModelClass& cls, qvl::HttpRequest request, bool removeStale,
                        ListCompletion completion);
@@ -257,5 +258,6 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
                          ObjectCompletion completion);
   void sendRequest(qvl::HttpRequest request, ErrorCompletion completion);
 
-  std::atomic<QVLApiEnvironment> environment_{QVLApiEnvironmentUnset};
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
