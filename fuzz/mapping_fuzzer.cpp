@@ -8,7 +8,8 @@
 // The client maps answers from simdjson's parse, the public mapping from nlohmann's document;
 // every answer is mapped both ways and the records must be the same.
 // Rejections the mapping documents (a Failure inside, QVLMappingError from the public calls,
-// a discarded non-JSON answer) are expected; anything else that escapes, and every sanitizer report, is a finding.
+// a discarded non-JSON answer) are expected; anything else that escapes, and every sanitizer
+// report, is a finding.
 
 #include <cstddef>
 #include <cstdint>

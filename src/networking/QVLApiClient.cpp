@@ -250,7 +250,8 @@ QVLError QVLApiClient::errorWithResponse(const qvl::HttpResponse& response,
                                          const std::string& data) {
   QVLError error{kQVLApiClientErrorDomain, response.statusCode, std::nullopt};
   // A body nested too deep gives no user information.
-  if (auto body = qvl::detail::readServiceJSON(data); body && (body->is_object() || body->is_array()))
+  if (auto body = qvl::detail::readServiceJSON(data);
+      body && (body->is_object() || body->is_array()))
     error.userInfo = qvl::detail::fromNlohmann(std::move(*body));
   return error;
 }

@@ -201,7 +201,7 @@ inline Status writeFileAtomically(const std::filesystem::path& file, std::string
   }
   if (::rename(temp.c_str(), file.c_str()) != 0) {
     Status result{"cannot rename " + temp + " to " + file.string() + ": " +
-                      privatefiles::errnoText(errno)};
+                  privatefiles::errnoText(errno)};
     ::unlink(temp.c_str());
     return result;
   }

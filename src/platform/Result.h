@@ -27,9 +27,9 @@ template <class T>
 class [[nodiscard]] Result {
  public:
   template <class U>
-    requires(!std::is_same_v<std::decay_t<U>, Failure> &&
-             !std::is_same_v<std::decay_t<U>, Result> && std::is_constructible_v<T, U &&>)
-  Result(U&& value) : state_(std::in_place_index<0>, std::forward<U>(value)) {}
+  requires(!std::is_same_v<std::decay_t<U>, Failure> && !std::is_same_v<std::decay_t<U>, Result> &&
+           std::is_constructible_v<T, U&&>) Result(U&& value)
+      : state_(std::in_place_index<0>, std::forward<U>(value)) {}
   Result(Failure failure) : state_(std::in_place_index<1>, std::move(failure)) {}
 
   bool ok() const { return state_.index() == 0; }

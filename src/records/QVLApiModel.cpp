@@ -424,7 +424,8 @@ class SimdNode {
 };
 
 template <class Node>
-Result<qvl::Value> convert(const QVLModelClass& cls, const MappingPlan::Field& field, const Node& v) {
+Result<qvl::Value> convert(const QVLModelClass& cls, const MappingPlan::Field& field,
+                           const Node& v) {
   const qvl::Property& p = cls.property(field.property);
   const std::string& key = field.key;
   const NodeType type = v.type();
@@ -532,8 +533,8 @@ class MergeStores {
 
 template <class Node>
 Result<std::shared_ptr<QVLApiModel>> parse(const QVLModelClass& cls,
-                                           const std::optional<Node>& dictionary,
-                                           qvl::Store* realm, MergeStores& stores);
+                                           const std::optional<Node>& dictionary, qvl::Store* realm,
+                                           MergeStores& stores);
 
 // The elements of a nested list; the first element that is rejected rejects the list.
 template <class Node>
@@ -563,8 +564,8 @@ Result<std::vector<std::shared_ptr<qvl::Object>>> parseList(const QVLModelClass&
 // A record from a JSON object; an absent or null dictionary maps as an empty object.
 template <class Node>
 Result<std::shared_ptr<QVLApiModel>> parse(const QVLModelClass& cls,
-                                           const std::optional<Node>& dictionary,
-                                           qvl::Store* realm, MergeStores& stores) {
+                                           const std::optional<Node>& dictionary, qvl::Store* realm,
+                                           MergeStores& stores) {
   const auto& plan = qvl::detail::mappingPlan(cls);
   std::optional<Node> J = dictionary;
   if (J && J->type() == NodeType::Null) J.reset();

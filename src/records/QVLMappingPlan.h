@@ -61,8 +61,7 @@ Result<std::vector<std::shared_ptr<QVLApiModel>>> recordsToMerge(
 Result<std::shared_ptr<QVLApiModel>> recordToMerge(const QVLModelClass& cls,
                                                    const nlohmann::json& dictionary);
 /// The same from an answer's text (see recordsToMerge for text that is not JSON).
-Result<std::shared_ptr<QVLApiModel>> recordToMerge(const QVLModelClass& cls,
-                                                   std::string_view text);
+Result<std::shared_ptr<QVLApiModel>> recordToMerge(const QVLModelClass& cls, std::string_view text);
 
 /// @name The QVLApiModel operations of the same names on the library's own JSON values
 ///@{

@@ -71,7 +71,7 @@ class QVL_EXPORT QVLApiClient : public qvl::HttpSessionDelegate,
   /// outside any; see qvl::Context), made on first call (thread-safe). It lives as long as
   /// its context, and the standard context's for the whole process.
   static QVLApiClient& sharedClient();
-  /// Never runs for the shared client; declared for its private state.
+  /// Runs when the client's context goes (see qvl::Context).
   ~QVLApiClient() override;
 
   // ---- environment and configuration ----------------------------------------------------
