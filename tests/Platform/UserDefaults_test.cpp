@@ -195,8 +195,8 @@ TEST_F(UserDefaultsTest, StandardDefaultsFollowTheEnvironmentsPath) {
 }
 
 TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
-  const char* savedXdg = std::getenv("XDG_CONFIG_HOME");
-  const std::string restoreXdg = savedXdg ? savedXdg : "";
+  const char* xdg = std::getenv("XDG_CONFIG_HOME");
+  const std::optional<std::string> savedXdg = xdg ? std::optional<std::string>(xdg) : std::nullopt;
 
   ::setenv("XDG_CONFIG_HOME", "/xdg/config", 1);
   {
@@ -215,11 +215,7 @@ TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
   EXPECT_EQ(UserDefaults::defaultStandardPath(),
             std::string(home) + "/.config/quorvel/default.defaults");
 
-  if (savedXdg) {
-    ::setenv("XDG_CONFIG_HOME", restoreXdg.c_str(), 1);
-  } else {
-    ::unsetenv("XDG_CONFIG_HOME");
-  }
+  savedXdg ? ::setenv("XDG_CONFIG_HOME", savedXdg->c_str(), 1) : ::unsetenv("XDG_CONFIG_HOME");
 }
 
 }  // namespace
