@@ -102,8 +102,6 @@ TEST(CatalogueBeaconTest, UuidIsCachedOnceParsedAndNeverRefreshed) {
   // Nothing was cached while there was nothing to parse.
   beacon->setUuidString(std::string(kUuidText));
   ASSERT_TRUE(beacon->uuid());
-  EXPECT_EQ(beacon->uuid()->toString(), kUuidText);
-
   beacon->setUuidString(std::string("00000000-0000-0000-0000-000000000001"));
   EXPECT_EQ(beacon->uuid()->toString(), kUuidText);
   EXPECT_EQ(beacon->beaconRegion()->proximityUUID.toString(), kUuidText);
@@ -131,10 +129,7 @@ TEST(CatalogueBeaconTest, NotificationTextFallsBackToTheNameOnlyForBlankMessages
 
 TEST(CatalogueOrganizationTest, ColourNeedsExactlyThreeNumbers) {
   EXPECT_EQ(QVLOrganization::colorFromString("255,0,0"), (qvl::Color{1.0, 0.0, 0.0, 1.0}));
-  qvl::Color mixed = QVLOrganization::colorFromString("51, 102,255");
-  EXPECT_DOUBLE_EQ(mixed.red, 0.2);
-  EXPECT_DOUBLE_EQ(mixed.green, 0.4);
-  EXPECT_DOUBLE_EQ(mixed.blue, 1.0);
+  EXPECT_EQ(QVLOrganization::colorFromString("51, 102,255"), (qvl::Color{0.2, 0.4, 1.0, 1.0}));
   for (const char* text : {"255,0", "", "1,2,3,4"}) {
     EXPECT_EQ(QVLOrganization::colorFromString(text), (qvl::Color{0.0, 0.0, 1.0, 1.0})) << text;
   }

@@ -29,12 +29,10 @@ TEST_F(GuestRefreshTest, RefreshesKeepWhatTheyOmitAndLeaveSubscriptionsAndInboxT
   auto shop = [](std::int64_t id) {
     return QVLShop::newObjectWithJSONDictionary({{"id", id}}, nullptr);
   };
-  auto post = [](std::int64_t id) {
-    return QVLPost::newObjectWithJSONDictionary({{"id", id}}, nullptr);
-  };
   store_->write([&] {
     guest->shops().assign({shop(3), shop(1)});
-    guest->posts().assign({post(8), post(2), post(5)});
+    guest->posts().assign(
+        {records_test::postWithId(8), records_test::postWithId(2), records_test::postWithId(5)});
   });
 
   // The service knows nothing of either list, and sends keys of the same names anyway.

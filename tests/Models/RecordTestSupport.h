@@ -13,6 +13,7 @@
 #include "quorvel/platform/Clock.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/records/QVLDateFormatter.h"
+#include "quorvel/records/QVLPost.h"
 #include "quorvel/records/QVLRealm.h"
 #include "quorvel/store/Store.h"
 #include "quorvel/testing/ManualClock.h"
@@ -49,6 +50,11 @@ Keys sortedKeysOf(const Records& records) {
   Keys keys = keysOf(records);
   std::sort(keys.begin(), keys.end());
   return keys;
+}
+
+/// An unmanaged post with only its key.
+inline std::shared_ptr<QVLPost> postWithId(std::int64_t id) {
+  return QVLPost::newObjectWithJSONDictionary({{"id", id}}, nullptr);
 }
 
 /// Writes records (with everything they reach) to this thread's library store; returns the

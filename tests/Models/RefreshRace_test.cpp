@@ -13,14 +13,9 @@ namespace {
 
 using json = qvl::Json;
 
-class RefreshRaceTest : public records_test::RecordStoreTest {
- protected:
-  static std::shared_ptr<QVLPost> newPost(std::int64_t id) {
-    auto post = std::make_shared<QVLPost>();
-    post->setPostId(id);
-    return post;
-  }
-};
+using records_test::postWithId;
+
+class RefreshRaceTest : public records_test::RecordStoreTest {};
 
 TEST_F(RefreshRaceTest, ALocalChangeCommittedBetweenParseAndSaveSurvives) {
   store(QVLGuest::newObjectWithJSONDictionary({{"id", 1}, {"balance", 1}}, store_.get()));
@@ -59,7 +54,7 @@ TEST_F(RefreshRaceTest, ConcurrentRefreshesLoseNoInboxAppendOrReadMark) {
   constexpr int kAppendsPerThread = 30;
   store(QVLGuest::newObjectWithJSONDictionary({{"id", 1}}, store_.get()));
   store_->write([&] {
-    for (int id = 1; id <= kPosts; ++id) store_->addOrUpdate(newPost(id));
+    for (int id = 1; id <= kPosts; ++id) store_->addOrUpdate(postWithId(id));
   });
 
   json posts = json::array();
@@ -96,7 +91,7 @@ TEST_F(RefreshRaceTest, ConcurrentRefreshesLoseNoInboxAppendOrReadMark) {
     changers.emplace_back(guarded([&, t](std::shared_ptr<qvl::Store> realm) {
       for (int i = 0; i < kAppendsPerThread; ++i) {
         realm->write(
-            [&] { realm->object<QVLGuest>(1)->posts().append(newPost(1000 * (t + 1) + i)); });
+            [&] { realm->object<QVLGuest>(1)->posts().append(postWithId(1000 * (t + 1) + i)); });
         std::int64_t marked = 2 * i + t;
         if (marked < kPosts)
           realm->write([&] { realm->object<QVLPost>(marked + 1)->setRead(true); });

