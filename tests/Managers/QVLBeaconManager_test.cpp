@@ -1,36 +1,19 @@
 #include "quorvel/managers/QVLBeaconManager.h"
-#include "support/ScopedContext.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "Managers/ServiceFixture.h"
-#include "Models/RecordTestSupport.h"
 #include "quorvel/managers/QVLAnalyticsManager.h"
 #include "quorvel/managers/QVLBeaconSupport.h"
 #include "quorvel/managers/QVLWeakPointerArray.h"
-#include "quorvel/platform/Application.h"
-#include "quorvel/platform/Clock.h"
-#include "quorvel/platform/Env.h"
-#include "quorvel/platform/MainQueue.h"
-#include "quorvel/platform/NotificationCenter.h"
 #include "quorvel/proximity/Scene.h"
-#include "quorvel/records/QVLGuest.h"
-#include "quorvel/records/QVLRealm.h"
-#include "quorvel/testing/ManualClock.h"
 #include "quorvel/testing/SimulatedWorld.h"
-#include "support/LogCapture.h"
 #include "support/RecordingTransport.h"
-#include "support/TempDir.h"
 
 namespace {
 
