@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <future>
 #include <random>
 #include <set>
 
@@ -154,29 +155,19 @@ TEST_F(QVLAnalyticsManagerTest, ABatchInFlightHoldsOffTheNextAndARefusedBatchIsD
   awaitStored(2, 0);
 
   serviceAt(server_.port());
-  // Shared with the server's threads, which may still be returning when the test ends.
-  struct Gate {
-    std::mutex mutex;
-    std::condition_variable opened;
-    bool open = false;
-  };
-  auto gate = std::make_shared<Gate>();
-  server_.setHandler([gate](const RecordedRequest&, httplib::Response& response) {
-    std::unique_lock lock(gate->mutex);
-    gate->opened.wait_for(lock, 10s, [&] { return gate->open; });
-    response.status = 500;
-  });
+  std::promise<void> gate;  // the handler's copy of the future outlives the test safely
+  server_.setHandler(
+      [opened = gate.get_future().share()](const RecordedRequest&, httplib::Response& response) {
+        opened.wait_for(10s);
+        response.status = 500;
+      });
   analytics().sendAllFinishedViews();
   ASSERT_TRUE(server_.waitForRequests(1, 20s));
   EXPECT_TRUE(analytics().sendingPostViews());
   viewPost(3);  // a single view, sent while the batch is on its way
   analytics().sendFinishedPostViews();
   EXPECT_FALSE(server_.waitForRequests(3, 300ms));  // the single view only, no second batch
-  {
-    std::lock_guard lock(gate->mutex);
-    gate->open = true;
-  }
-  gate->opened.notify_all();
+  gate.set_value();
   awaitStored(0, 0);
   EXPECT_TRUE(eventually([&] { return !analytics().sendingPostViews(); }));
 }
