@@ -5,17 +5,9 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "Managers/ServiceFixture.h"
 #include "quorvel/records/QVLShop.h"

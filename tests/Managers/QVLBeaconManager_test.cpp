@@ -1,36 +1,19 @@
 #include "quorvel/managers/QVLBeaconManager.h"
-#include "support/ScopedContext.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "Managers/ServiceFixture.h"
-#include "Models/RecordTestSupport.h"
 #include "quorvel/managers/QVLAnalyticsManager.h"
 #include "quorvel/managers/QVLBeaconSupport.h"
 #include "quorvel/managers/QVLWeakPointerArray.h"
-#include "quorvel/platform/Application.h"
-#include "quorvel/platform/Clock.h"
-#include "quorvel/platform/Env.h"
-#include "quorvel/platform/MainQueue.h"
-#include "quorvel/platform/NotificationCenter.h"
 #include "quorvel/proximity/Scene.h"
-#include "quorvel/records/QVLGuest.h"
-#include "quorvel/records/QVLRealm.h"
-#include "quorvel/testing/ManualClock.h"
 #include "quorvel/testing/SimulatedWorld.h"
-#include "support/LogCapture.h"
 #include "support/RecordingTransport.h"
-#include "support/TempDir.h"
 
 namespace {
 
@@ -229,8 +212,8 @@ class QVLBeaconManagerTest : public ::testing::Test {
   void watch(std::initializer_list<std::int64_t> beaconIds) {
     for (auto id : beaconIds) manager().startSearchingForBeacon(stored(id));
   }
-  static RangedBeacon sighting(std::int64_t minor, Proximity proximity = Proximity::Near,
-                               double accuracy = 1.5) {
+  static RangedBeacon seen(std::int64_t minor, Proximity proximity = Proximity::Near,
+                           double accuracy = 1.5) {
     return {kUuid, 100, static_cast<std::uint16_t>(minor), proximity, accuracy, -60};
   }
   std::vector<std::string> takeLog() { return std::exchange(*log_, {}); }
@@ -283,36 +266,28 @@ TEST_F(QVLBeaconManagerTest, RangingReportsTellDelegatesInOrder) {
     std::vector<std::string> log;
   };
   const std::vector<Case> cases = {
-      {"the same closest beacon is announced once",
+      {"closest told once",
        {1, 2},
        false,
-       {{sighting(2), sighting(1)}, {sighting(2, Proximity::Far), sighting(1)}},
+       {{seen(2), seen(1)}, {seen(2, Proximity::Far), seen(1)}},
        {"ranged 2", "closest 2", "active 2,1", "beacons 2,1", "ranged 2", "active 2,1",
         "beacons 2,1"}},
-      {"an empty report clears the closest beacon and tells nothing else",
+      {"empty report clears the closest only",
        {1},
        false,
-       {{sighting(1)}, {}},
+       {{seen(1)}, {}},
        {"ranged 1", "closest 1", "active 1", "beacons 1", "ranged 0", "closest none"}},
-      {"ranging for a raw region alone gives the raw list only",
-       {},
-       true,
-       {{sighting(1), sighting(2)}},
-       {"ranged 2"}},
-      {"sighted beacons all inactive: no closest beacon",
-       {3},
-       false,
-       {{sighting(3)}},
-       {"ranged 1", "active -", "beacons 3"}},
-      {"unknown proximity or accuracy -1 are left out",
+      {"raw region alone: the raw list only", {}, true, {{seen(1), seen(2)}}, {"ranged 2"}},
+      {"inactive: no closest", {3}, false, {{seen(3)}}, {"ranged 1", "active -", "beacons 3"}},
+      {"unknown or accuracy -1: left out",
        {1, 2},
        false,
-       {{sighting(1, Proximity::Unknown), sighting(2, Proximity::Immediate, -1)}},
+       {{seen(1, Proximity::Unknown), seen(2, Proximity::Immediate, -1)}},
        {"ranged 2", "active -", "beacons -"}},
-      {"an unwatched beacon maps to nothing; the next active one is closest",
+      {"unwatched: none; next active closest",
        {1, 2},
        false,
-       {{sighting(7), sighting(3), sighting(2)}},
+       {{seen(7), seen(3), seen(2)}},
        {"ranged 3", "closest 2", "active 2", "beacons 2"}},
   };
   for (const auto& c : cases) {
@@ -346,7 +321,7 @@ TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
   EXPECT_TRUE(manager().isCLBeaconRegionMonitoring(raw2));
 
   watch({1});
-  services_->report({sighting(1)});
+  services_->report({seen(1)});
   manager().setRangedUUID(kUuid);  // the same UUID restarts ranging and clears the closest
   EXPECT_EQ(services_->ranged, std::vector<BeaconRegion>{rangingFirst});
   EXPECT_EQ(takeLog().back(), "closest none");
@@ -355,7 +330,7 @@ TEST_F(QVLBeaconManagerTest, OnlyTheFirstUuidIsRangedAndTheStopsDiffer) {
   // Stopping every beacon stops ranging although raw2 is watched. A record deleted since its
   // watch started is passed on as none: its region stays monitored, its view stays open.
   watch({2});
-  services_->report({sighting(1), sighting(2)});
+  services_->report({seen(1), seen(2)});
   auto realm = QVLRealm::realm();
   realm->write([&] { realm->remove(realm->object<QVLBeacon>(1)); });
   manager().stopSearchingForBeacons();
@@ -376,10 +351,10 @@ TEST_F(QVLBeaconManagerTest, ARepeatedIdentityMapsToTheRecordStartedFirst) {
   watch({5, 1, 5});
   EXPECT_EQ(manager().searchingBeacons().size(), 2u);
   EXPECT_EQ(services_->monitored.size(), 2u);
-  services_->report({sighting(1)});
+  services_->report({seen(1)});
   EXPECT_EQ(*manager().closestBeacon()->beaconId(), 5);
   manager().stopSearchingForBeacon(stored(5));
-  services_->report({sighting(1)});
+  services_->report({seen(1)});
   EXPECT_EQ(*manager().closestBeacon()->beaconId(), 1);
 }
 
@@ -434,7 +409,7 @@ TEST_F(QVLBeaconManagerTest, RegionEntriesReachTheMatchingDelegateOperation) {
 
 TEST_F(QVLBeaconManagerTest, BluetoothOffFinishesBeaconViewsBeforeTheNotification) {
   watch({1, 2});
-  services_->report({sighting(1), sighting(2)});
+  services_->report({seen(1), seen(2)});
   ASSERT_EQ(manager().analyticsManager().unfinishedBeaconViews().size(), 2u);
   auto observer = qvl::NotificationCenter::defaultCenter().addObserver(
       QVLBeaconManager::kDidChangeBluetoothStateNotification, nullptr,
@@ -451,7 +426,7 @@ TEST_F(QVLBeaconManagerTest, BluetoothOffFinishesBeaconViewsBeforeTheNotificatio
   EXPECT_TRUE(managers_test::eventually([&] { return transport_->requests().size() == 2; }));
   EXPECT_EQ(services_->monitored.size(), 2u);  // the watches stay
   // With Bluetooth off no view opens.
-  services_->report({sighting(1)});
+  services_->report({seen(1)});
   EXPECT_TRUE(manager().analyticsManager().unfinishedBeaconViews().empty());
 }
 

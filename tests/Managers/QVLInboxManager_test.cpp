@@ -68,7 +68,11 @@ TEST_F(QVLInboxManagerTest, TheSyncsAnswerEndsTheHostsBackgroundTaskOnce) {
   EXPECT_EQ(ends[0].answersBefore, 1u);
 }
 
-TEST_F(QVLInboxManagerTest, ChangedListsGoOutWhenTheApplicationEntersTheBackground) {
+TEST_F(QVLInboxManagerTest, ChangedListsGoOutWhenTheApplicationEntersTheBackgroundUntilSent) {
+  server_.setHandler([](const RecordedRequest&, httplib::Response& response) {
+    response.status = 500;
+    response.set_content(R"({"error":"down"})", "application/json");
+  });
   auto first = storePost(1);
   auto second = storePost(2);
   auto shop = storeShop(4);
@@ -77,6 +81,14 @@ TEST_F(QVLInboxManagerTest, ChangedListsGoOutWhenTheApplicationEntersTheBackgrou
   inbox().markPostAsRead(first, true);
   inbox().markPostAsSaved(second, true);
   subscriptions().subscribeToShop(shop);
+  enterBackgroundAndWait();  // refused: logged, and sent again next time
+  const std::string error =
+      R"(Error Domain=QVLApiClientErrorDomain Code=500 UserInfo={"error":"down"})";
+  EXPECT_EQ(log_.count("QuorvelSDK: Something went wrong when syncing posts (inbox): " + error),
+            1u);
+  EXPECT_EQ(log_.count("QuorvelSDK: Something went wrong when syncing relations: " + error), 1u);
+
+  server_.setHandler({});
   enterBackgroundAndWait();
   enterBackgroundAndWait();  // nothing changed since: nothing is sent
 
@@ -88,37 +100,12 @@ TEST_F(QVLInboxManagerTest, ChangedListsGoOutWhenTheApplicationEntersTheBackgrou
   subscriptions().unsubscribeFromShop(shop);
   enterBackgroundAndWait();
 
-  EXPECT_EQ(bodies("PUT", kInboxPath),
-            (std::vector<json>{json::parse(R"([{"type":"posts","id":1,"read":true,"saved":false},
-                                               {"type":"posts","id":2,"read":false,"saved":true}])"),
-                               json::array()}));
+  const json posts = json::parse(R"([{"type":"posts","id":1,"read":true,"saved":false},
+                                     {"type":"posts","id":2,"read":false,"saved":true}])");
+  EXPECT_EQ(bodies("PUT", kInboxPath), (std::vector<json>{posts, posts, json::array()}));
   const json subscribed = json::parse(R"([{"type":"shops","id":4}])");
   EXPECT_EQ(bodies("PUT", kSubscriptionsPath),
-            (std::vector<json>{subscribed, subscribed, json::array()}));
-  EXPECT_FALSE(inbox().changesMadeSinceLastSync());
-  EXPECT_FALSE(subscriptions().changesMadeSinceLastSync());
-}
-
-TEST_F(QVLInboxManagerTest, AFailedSyncKeepsItsFlagAndTheNextBackgroundEntrySendsAgain) {
-  server_.setHandler([](const RecordedRequest&, httplib::Response& response) {
-    response.status = 500;
-    response.set_content(R"({"error":"down"})", "application/json");
-  });
-  inbox().addPost(storePost(1));
-  subscriptions().subscribeToShop(storeShop(4));
-  enterBackgroundAndWait();
-  EXPECT_TRUE(inbox().changesMadeSinceLastSync());
-  EXPECT_TRUE(subscriptions().changesMadeSinceLastSync());
-  const std::string error =
-      R"(Error Domain=QVLApiClientErrorDomain Code=500 UserInfo={"error":"down"})";
-  EXPECT_EQ(log_.count("QuorvelSDK: Something went wrong when syncing posts (inbox): " + error),
-            1u);
-  EXPECT_EQ(log_.count("QuorvelSDK: Something went wrong when syncing relations: " + error), 1u);
-
-  server_.setHandler({});
-  enterBackgroundAndWait();
-  EXPECT_EQ(bodies("PUT", kInboxPath).size(), 2u);
-  EXPECT_EQ(bodies("PUT", kSubscriptionsPath).size(), 2u);
+            (std::vector<json>{subscribed, subscribed, subscribed, json::array()}));
   EXPECT_FALSE(inbox().changesMadeSinceLastSync());
   EXPECT_FALSE(subscriptions().changesMadeSinceLastSync());
 }
@@ -140,7 +127,6 @@ TEST_F(QVLInboxManagerTest, TheBadgeCountsUnreadActivePostsOnTheMainQueueWhenEna
     EXPECT_EQ(application_->applicationIconBadgeNumber(), 0);  // not before the main queue runs
     mainQueue_->runUntilIdle();
     EXPECT_EQ(application_->applicationIconBadgeNumber(), enabled ? 1 : 0);
-    EXPECT_EQ(inbox().numberOfUnreadPosts(), 1u);
   }
 }
 

@@ -37,9 +37,7 @@ class QVLPushManagerTest : public ServiceTest {
 
 TEST_F(QVLPushManagerTest, EndpointIsCreatedWithTheTokenAndTheGuestAttached) {
   EXPECT_EQ(QVLPushManager::stringFromDeviceToken(std::string("\x0a\xff\x00\x01", 4)), "0aff0001");
-  const std::string token(32, '\xab');
-  std::string hex;
-  for (int i = 0; i < 32; ++i) hex += "ab";
+  const std::string token(32, '\xaa'), hex(64, 'a');
   for (std::int64_t guest : {0, 9}) {  // without a guest the id sent is 0
     SCOPED_TRACE(guest);
     if (guest) storeGuest(guest);
@@ -73,6 +71,8 @@ TEST_F(QVLPushManagerTest, FailuresReachTheCompletionAndLeaveTheEndpointAlone) {
   EXPECT_TRUE(calledBack);  // at once, on this thread: no request was made
   EXPECT_TRUE(server_.requests().empty());
 
+  const char* push = "QVLPushManagerError";
+  const char* api = "QVLApiClientErrorDomain";
   struct Case {
     const char* name;
     bool attach;
@@ -81,26 +81,10 @@ TEST_F(QVLPushManagerTest, FailuresReachTheCompletionAndLeaveTheEndpointAlone) {
     QVLError expected;
   };
   const std::vector<Case> cases = {
-      {"create answer without an id",
-       false,
-       201,
-       R"({"name":"x"})",
-       {"QVLPushManagerError", 500, qvl::Json{{"name", "x"}}}},
-      {"create answer with id 0",
-       false,
-       200,
-       R"({"id":0})",
-       {"QVLPushManagerError", 500, qvl::Json{{"id", 0}}}},
-      {"create refused",
-       false,
-       403,
-       R"({"error":"no"})",
-       {"QVLApiClientErrorDomain", 403, qvl::Json{{"error", "no"}}}},
-      {"attach refused",
-       true,
-       404,
-       R"({"error":"gone"})",
-       {"QVLApiClientErrorDomain", 404, qvl::Json{{"error", "gone"}}}},
+      {"create: no id", false, 201, R"({"name":"x"})", {push, 500, qvl::Json{{"name", "x"}}}},
+      {"create: id 0", false, 200, R"({"id":0})", {push, 500, qvl::Json{{"id", 0}}}},
+      {"create refused", false, 403, R"({"error":"no"})", {api, 403, qvl::Json{{"error", "no"}}}},
+      {"attach refused", true, 404, R"({"e":"gone"})", {api, 404, qvl::Json{{"e", "gone"}}}},
   };
   QVLPushManager::setEndpointId(5);
   for (const auto& c : cases) {
