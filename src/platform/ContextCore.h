@@ -13,12 +13,11 @@
 #include <utility>
 #include <vector>
 
-#include "quorvel/Export.h"
 #include "quorvel/platform/Env.h"
 
 namespace qvl::detail {
 
-class QVL_EXPORT ContextCore {
+class ContextCore {
  public:
   /// `env` must be completed (every platform member set).
   explicit ContextCore(std::shared_ptr<const Env> env);
@@ -45,28 +44,28 @@ class QVL_EXPORT ContextCore {
 };
 
 /// The context bound to the calling thread, else the process's standard one.
-QVL_EXPORT std::shared_ptr<ContextCore> currentContext();
+std::shared_ptr<ContextCore> currentContext();
 
 /// The context bound to the calling thread; null when none is.
-QVL_EXPORT const std::shared_ptr<ContextCore>& boundContext();
+const std::shared_ptr<ContextCore>& boundContext();
 
 /// A new context on `env` (completed with completedEnv()). The services go with the last
 /// reference; when that drops on a thread that must not wait for them (a device or network
 /// thread, see refuseTeardownOnThisThread()), they go on a worker thread instead.
-QVL_EXPORT std::shared_ptr<ContextCore> makeContext(Env env);
+std::shared_ptr<ContextCore> makeContext(Env env);
 
 /// Marks the calling thread as one on which a context is never torn down: it may be the
 /// very thread that teardown waits for.
-QVL_EXPORT void refuseTeardownOnThisThread();
+void refuseTeardownOnThisThread();
 
 /// An environment with every platform member filled with the standard facilities.
-QVL_EXPORT std::shared_ptr<const Env> completedEnv(Env env);
+std::shared_ptr<const Env> completedEnv(Env env);
 
 /// Binds `context` to the calling thread (null: none) and returns the one bound before.
-QVL_EXPORT std::shared_ptr<ContextCore> exchangeBoundContext(std::shared_ptr<ContextCore> context);
+std::shared_ptr<ContextCore> exchangeBoundContext(std::shared_ptr<ContextCore> context);
 
 /// Puts `context` in force on the calling thread for the binding's life. Bindings nest.
-class QVL_EXPORT ContextBinding {
+class ContextBinding {
  public:
   explicit ContextBinding(std::shared_ptr<ContextCore> context);
   ~ContextBinding();
@@ -79,10 +78,10 @@ class QVL_EXPORT ContextBinding {
 
 /// `job`, made to run under the context bound on the calling thread now; `job` itself when
 /// none is bound (it then runs under whatever is in force where it runs).
-QVL_EXPORT std::function<void()> carried(std::function<void()> job);
+std::function<void()> carried(std::function<void()> job);
 
 /// Like carried(), for jobs that may wait long (timers): the context is held weakly, and the
 /// job runs in no context once it has gone.
-QVL_EXPORT std::function<void()> carriedWeakly(std::function<void()> job);
+std::function<void()> carriedWeakly(std::function<void()> job);
 
 }  // namespace qvl::detail

@@ -168,6 +168,12 @@ std::string Env::standardConfigDirectory() {
 
 std::shared_ptr<const Env> Env::current() { return detail::currentContext()->env(); }
 
+Env Env::completed() const { return *detail::completedEnv(*this); }
+
+std::function<void()> inCurrentContext(std::function<void()> work, bool weakly) {
+  return weakly ? detail::carriedWeakly(std::move(work)) : detail::carried(std::move(work));
+}
+
 void Env::configure(Env env) {
   StandardContext& standard = detail::immortal<StandardContext>();
   std::lock_guard lock(standard.mutex);

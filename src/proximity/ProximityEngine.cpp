@@ -176,8 +176,6 @@ void Engine::tick(Date now, const std::vector<Heard>& heard, const std::optional
 
 void Engine::deliver(std::vector<std::function<void()>> outbox) const {
   if (outbox.empty()) return;
-  std::optional<detail::ContextBinding> binding;
-  if (auto context = context_.lock()) binding.emplace(std::move(context));
   for (auto& delivery : outbox) mainQueue_->async(std::move(delivery));
 }
 

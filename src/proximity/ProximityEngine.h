@@ -17,7 +17,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/ContextCore.h"
 #include "proximity/ProximityCore.h"
 #include "quorvel/platform/MainQueue.h"
 #include "quorvel/proximity/BluetoothCentral.h"
@@ -72,9 +71,9 @@ class Engine {
   /// Queues a delivery of the backend's own, in order with the events.
   void queue(std::function<void()> delivery) { outbox_.push_back(std::move(delivery)); }
   std::vector<std::function<void()>> takeOutbox() { return std::exchange(outbox_, {}); }
-  /// Posts deliveries, in order, to the engine's main queue, to run in the context the engine
-  /// was made in (or, made outside any, in the one in force here). Needs no lock: it reads
-  /// only what construction set.
+  /// Posts deliveries, in order, to the engine's main queue; they run in the context in force
+  /// here (a backend's thread puts its own in force). Needs no lock: it reads only what
+  /// construction set.
   void deliver(std::vector<std::function<void()>> outbox) const;
 
  private:
@@ -98,9 +97,6 @@ class Engine {
   std::weak_ptr<BluetoothCentralDelegate> bluetoothDelegate_;
   std::vector<std::function<void()>> outbox_;
 
-  // Made under the context in force at construction; weak, as that context may own the
-  // engine's backend.
-  const std::weak_ptr<detail::ContextCore> context_ = detail::boundContext();
   const std::shared_ptr<MainQueue> mainQueue_;
 };
 

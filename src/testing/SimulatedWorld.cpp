@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/ContextCore.h"
 #include "proximity/ProximityEngine.h"
 #include "quorvel/platform/Env.h"
 #include "quorvel/platform/Log.h"
@@ -187,7 +186,7 @@ std::shared_ptr<SimulatedWorld> SimulatedWorld::create(const Env& env,
 }
 
 SimulatedWorld::SimulatedWorld(SimulationSettings settings, const Env& env) {
-  const std::shared_ptr<const Env> completed = detail::completedEnv(env);
+  const auto completed = std::make_shared<const Env>(env.completed());
   d_ = std::make_unique<Private>(
       settings,
       (std::filesystem::path(completed->resolvedStoreDirectory()) / kRegionsFile).string(),
@@ -207,9 +206,12 @@ SimulatedWorld::~SimulatedWorld() {
 }
 
 void SimulatedWorld::scheduleTick() {
-  Clock::TimerId timer = d_->clock->runAfter(std::chrono::seconds(1), [weak = d_->self] {
+  // The ticks run in the context in force here, without keeping it alive.
+  auto tick = [weak = d_->self] {
     if (auto world = weak.lock()) world->tick();
-  });
+  };
+  Clock::TimerId timer =
+      d_->clock->runAfter(std::chrono::seconds(1), inCurrentContext(tick, /*weakly=*/true));
   std::lock_guard lock(d_->mutex);
   d_->tickTimer = timer;
 }

@@ -3,7 +3,6 @@
 
 #include <functional>
 
-#include "platform/ContextCore.h"
 #include "quorvel/managers/Context.h"
 
 namespace qvl::test {
@@ -31,7 +30,7 @@ namespace qvl::test {
 /// `work`, made to run in the context in force here now, on whichever thread runs it: for a
 /// test's own threads.
 inline std::function<void()> inThisContext(std::function<void()> work) {
-  return detail::carried(std::move(work));
+  return inCurrentContext(std::move(work));
 }
 
 }  // namespace qvl::test

@@ -2,6 +2,7 @@
 /// @file
 /// Every platform facility the library reaches, in one place.
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -143,6 +144,11 @@ struct QVL_EXPORT Env {
   /// are written nowhere.
   std::string tlsKeyLogFile;
 
+  /// This environment with its empty platform members (clock, executor, mainQueue,
+  /// notificationCenter, application) filled with the standard facilities, as a context on
+  /// it would have them. Thread-safe.
+  Env completed() const;
+
   /// storeDirectory, or when empty $XDG_DATA_HOME/quorvel, else $HOME/.local/share/quorvel,
   /// else "quorvel" (relative to the working directory).
   std::string resolvedStoreDirectory() const;
@@ -165,5 +171,12 @@ struct QVL_EXPORT Env {
   /// that would leave work already running on the old one, so it is a programming error.
   static void configure(Env env);
 };
+
+/// `work`, made to run in the context in force on the calling thread now (see qvl::Context),
+/// on whichever thread later runs it; `work` itself when no context is bound here. The
+/// library's queues do this for every task; hosts and tests need it for threads of their own.
+/// The context stays alive until the work has run; with `weakly` (for timers that may never
+/// fire) only while something else keeps it, and the work then runs in no context.
+QVL_EXPORT std::function<void()> inCurrentContext(std::function<void()> work, bool weakly = false);
 
 }  // namespace qvl
